@@ -1,0 +1,206 @@
+// The EUDP transport: TARN messages over UDP with the library's own datagram protocol.
+//
+// One object is one endpoint. A listening object binds the well-known port and only hands out new
+// per-peer objects from accept(): each answers its client's CON from a port of its own. A connected
+// object (client after connect(), server as returned by accept()) owns its socket, a sender thread,
+// a receiver thread, two rings of 1000 preallocated packets and two liveness timers.
+//
+// Data datagrams are numbered modulo 65535. Each direction runs realtime (sent once, gaps skipped)
+// or reliable (window of unacknowledged datagrams, NAK and go-back resend after 500 ms); modes and
+// the window are changed by asking the peer (setSendMode, setReceiveMode, setWindowSize). A quiet
+// link sends keep-alives and closes itself 10 s after an unanswered one.
+//
+// Threads: one receiver (receiveData) and any number of senders (sendData) at once; disconnect()
+// from any thread. The negotiation calls block up to 10 s and must not run concurrently with each
+// other on one transport.
+#ifndef TARN_EUDPTRANSPORT_H
+#define TARN_EUDPTRANSPORT_H
+
+#include <atomic>
+#include <cstdint>
+
+#include <eudppacket.h>
+#include <itarntransport.h>
+#include <logging/logging.h>
+#include <sal/semaphore.h>
+#include <sal/thread.h>
+#include <sal/timer.h>
+#include <sal/udpsocket.h>
+#include <tarn_export.h>
+
+// A sequence number that wraps: 0 to 65534 with modulus 65535, signed arithmetic throughout, so a
+// negative operand stays negative ((0 - 1) % 65535 is -1). Relaxed atomics: the sender and receiver
+// threads share some of these without a lock.
+class TARN_EXPORT ModuloValue {
+public:
+    static const std::int32_t MODULUS = 65535;
+
+    explicit ModuloValue(std::int32_t value = 0, std::int32_t modulus = MODULUS);
+    ModuloValue(const ModuloValue& other);
+    ModuloValue& operator=(const ModuloValue& other);
+    virtual ~ModuloValue();
+
+    std::int32_t getValue() const { return m_value.load(std::memory_order_relaxed); }
+    std::int32_t getModulus() const { return m_modulus.load(std::memory_order_relaxed); }
+
+    // Sets the value to `value` % 65535 (signed remainder) and the modulus back to 65535: how a
+    // 32-bit header word becomes a sequence number.
+    void setFromWord(std::int32_t value);
+    // m_value = (m_value + 1) % m_modulus.
+    void advance();
+
+    // Signed windowed difference a - b: > 0 when a comes after b, 0 when equal, < 0 when older.
+    // The one comparison used wherever sequence numbers meet.
+    static std::int32_t distance(std::int32_t a, std::int32_t b);
+
+private:
+    std::atomic<std::int32_t> m_value;
+    std::atomic<std::int32_t> m_modulus;
+};
+
+// Fixed-capacity circular queue of values; capacity N holds N - 1 entries. Takes no lock: its owner
+// guards it.
+template <class T>
+class RingBuffer {
+public:
+    explicit RingBuffer(std::uint32_t capacity)
+        : m_capacity(capacity), m_read(0), m_write(0), m_pBuffer(new T[capacity]) {}
+    virtual ~RingBuffer() { delete[] m_pBuffer; }
+    RingBuffer(const RingBuffer&) = delete;
+    RingBuffer& operator=(const RingBuffer&) = delete;
+
+    bool push(const T& item);
+    bool isEmpty() const { return m_read == m_write; }
+    bool isFull() const { return (m_write + 1) % m_capacity == m_read; }
+    T& front() { return m_pBuffer[m_read]; }
+    void pop() {
+        if (!isEmpty()) {
+            m_read = (m_read + 1) % m_capacity;
+        }
+    }
+    std::uint32_t next(std::uint32_t index) const { return (index + 1) % m_capacity; }
+
+    std::uint32_t m_capacity;
+    std::uint32_t m_read;   // oldest entry
+    std::uint32_t m_write;  // next free slot
+    T* m_pBuffer;
+};
+
+template <class T>
+bool RingBuffer<T>::push(const T& item) {
+    if (isFull()) {
+        return false;
+    }
+    m_pBuffer[m_write] = item;
+    m_write = (m_write + 1) % m_capacity;
+    return true;
+}
+
+class EUDPTransportTest;  // white-box access for the test suite
+
+class TARN_EXPORT EUDPTransport : public ITARNTransport {
+public:
+    static const std::uint32_t RING_CAPACITY = 1000;
+
+    // The sender thread: runs senderThread() on its transport.
+    class TARN_EXPORT EUDPSender : public sal::Thread {
+    public:
+        EUDPSender();
+        ~EUDPSender() override;
+        void run() override;
+        EUDPTransport* m_pTransport;
+    };
+
+    // The receiver thread: runs receiverThread() on its transport.
+    class TARN_EXPORT EUDPReceiver : public sal::Thread {
+    public:
+        EUDPReceiver();
+        ~EUDPReceiver() override;
+        void run() override;
+        EUDPTransport* m_pTransport;
+    };
+
+    EUDPTransport();  // listening or client object
+    EUDPTransport(const sal::HostAddress& address, unsigned short port);  // per-peer, from accept()
+    ~EUDPTransport() override;
+    EUDPTransport(const EUDPTransport&) = delete;
+    EUDPTransport& operator=(const EUDPTransport&) = delete;
+
+    bool setWindowSize(uint windowSize) override;
+    bool listen(const sal::HostAddress& address, uint16 port) override;
+    ITARNTransport* accept() override;
+    void allowSendMode(bool realtime, bool reliable) override;
+    void allowReceiveMode(bool realtime, bool reliable) override;
+    bool setSendMode(EConnMode mode) override;
+    bool setReceiveMode(EConnMode mode) override;
+    bool connect(const sal::HostAddress& address, uint16 port) override;
+    void disconnect() override;
+    bool sendData(const uint8* data, uint length) override;
+    int receiveData(uint8* buffer, uint bufferSize) override;
+    sal::HostAddress getPeerAddress() const override;
+    uint16 getPeerPort() const override;
+    uint16 getLocalPort() const override;
+
+    // Sends one header-only datagram now from the calling thread; port 0 means m_peerPort.
+    bool sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port);
+
+    // Liveness supervision (periods in microseconds).
+    void initTimers(unsigned int aliveTimeout);
+    void resetTimers();
+    void onSendAliveTimer();
+    void onAliveTimer();
+
+    // Thread bodies.
+    void senderThread();
+    void receiverThread();
+
+    // Current state, for applications and tools.
+    EConnMode getSendMode() const { return m_sendMode.load(std::memory_order_relaxed); }
+    EConnMode getReceiveMode() const { return m_receiveMode.load(std::memory_order_relaxed); }
+    std::uint32_t getWindowSize() const { return m_windowSize.load(std::memory_order_relaxed); }
+    bool isClosed() const { return m_bClosed.load(std::memory_order_relaxed); }
+
+private:
+    friend class EUDPTransportTest;
+
+    std::atomic<sal::UdpSocket*> m_pSocket;
+    sal::HostAddress m_peerAddress;
+    std::atomic<uint16> m_peerPort;
+    std::atomic<uint16> m_logId;
+    ModuloValue m_sendSeq;
+    ModuloValue m_lastSent;
+    ModuloValue m_lastAcked;
+    ModuloValue m_receiveSeq;
+    std::atomic<std::uint32_t> m_unacked;
+    std::uint32_t m_reserved;
+    std::atomic<std::uint32_t> m_windowAck;
+    std::atomic<std::uint32_t> m_modeAck;
+    EUDPSender m_sender;
+    EUDPReceiver m_receiver;
+    sal::BinarySemaphore m_connectSem;
+    sal::BinarySemaphore m_ackSem;
+    sal::BinarySemaphore m_windowSem;
+    sal::BinarySemaphore m_modeSem;
+    sal::BinarySemaphore m_sendSpaceSem;
+    sal::BinarySemaphore m_sendWakeSem;
+    sal::CountingSemaphore m_receiveSem;
+    sal::MutexSemaphore m_receiveMutex;
+    sal::MutexSemaphore m_sendMutex;
+    std::atomic<bool> m_bAllowSendRealtime;
+    std::atomic<bool> m_bAllowSendReliable;
+    std::atomic<bool> m_bAllowReceiveRealtime;
+    std::atomic<bool> m_bAllowReceiveReliable;
+    std::atomic<EConnMode> m_sendMode;
+    std::atomic<EConnMode> m_receiveMode;
+    std::atomic<std::uint32_t> m_windowSize;
+    std::atomic<bool> m_bClosed;
+    RingBuffer<EUDPPacket> m_receiveBuffer;
+    RingBuffer<EUDPPacket> m_sendBuffer;
+    std::uint32_t m_aliveTimeout;
+    sal::Timer m_sendAliveTimer;
+    sal::Timer m_aliveTimer;
+    bool m_bTimersInitialised;
+    Corvane::Utilities::Logging::LogCategory m_log;
+};
+
+#endif  // TARN_EUDPTRANSPORT_H

@@ -1,0 +1,66 @@
+// The message transport under every TARN connection and listener.
+//
+// A transport moves whole messages (one TARN packet each) between two peers: TCPTransport over a
+// TCP stream, EUDPTransport over the library's own datagram protocol on UDP. Whoever creates a
+// transport owns it; accept() hands a new, connected transport to its caller.
+//
+// Threads: one thread receives (receiveData) while any number of threads send (sendData); messages
+// are never interleaved. disconnect() may be called from any thread and makes a blocked accept or
+// receiveData return. The mode and window operations block their caller until the peer answered.
+#ifndef TARN_ITARNTRANSPORT_H
+#define TARN_ITARNTRANSPORT_H
+
+#include <sal/hostaddress.h>
+#include <sal/types.h>
+#include <tarn_export.h>
+
+// Which transport a connection or listener creates.
+enum ETransport { eTransportEUDP = 0, eTransportTCP = 1 };
+
+// Delivery mode of one direction.
+enum EConnMode {
+    eRealtime = 'T',  // each datagram sent once, never acknowledged; gaps are skipped
+    eReliable = 'R'   // acknowledged, in order, resent after a loss; the only mode of TCP
+};
+
+class TARN_EXPORT ITARNTransport {
+public:
+    virtual ~ITARNTransport() = default;
+
+    // Asks the peer to keep at most `windowSize` unacknowledged messages in flight towards this
+    // side; true once the peer confirmed that size. False where there is no window.
+    virtual bool setWindowSize(uint windowSize) = 0;
+
+    // Binds and prepares to accept peers.
+    virtual bool listen(const sal::HostAddress& address, uint16 port) = 0;
+
+    // Blocks until a peer connects; returns its new transport (owned by the caller), or null once
+    // this transport has been disconnected.
+    virtual ITARNTransport* accept() = 0;
+
+    // Which modes this side agrees to when the peer asks (realtime, reliable).
+    virtual void allowSendMode(bool realtime, bool reliable) = 0;
+    virtual void allowReceiveMode(bool realtime, bool reliable) = 0;
+
+    // setSendMode(m) makes the peer send in m (this side then receives in m); setReceiveMode(m)
+    // makes the peer receive in m (this side then sends in m). True once the peer confirmed.
+    virtual bool setSendMode(EConnMode mode) = 0;
+    virtual bool setReceiveMode(EConnMode mode) = 0;
+
+    virtual bool connect(const sal::HostAddress& address, uint16 port) = 0;
+    virtual void disconnect() = 0;
+
+    // Sends one message as a unit; true when the whole message was handed to the link.
+    virtual bool sendData(const uint8* data, uint length) = 0;
+
+    // Blocks for one whole message and copies it to `buffer`; returns its length (> 0), 0 once the
+    // link closed or the transport was disconnected, -1 when the message is longer than
+    // `bufferSize`, another negative number on error.
+    virtual int receiveData(uint8* buffer, uint bufferSize) = 0;
+
+    virtual sal::HostAddress getPeerAddress() const = 0;
+    virtual uint16 getPeerPort() const = 0;
+    virtual uint16 getLocalPort() const = 0;
+};
+
+#endif  // TARN_ITARNTRANSPORT_H

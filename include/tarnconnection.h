@@ -1,0 +1,120 @@
+// One end of a TARN link.
+//
+// A client creates a TARNConnection for a transport kind and calls connect(); on the server side
+// TARNListener creates one per accepted peer and hands it to the application's ITARNConnector. The
+// connection owns its transport and its receive thread; it never owns the ITARNClient or ITARNServer
+// it calls. The application owns the connection: it calls disconnect() and then deletes it, never
+// from inside one of the connection's own callbacks.
+//
+// Threads: the sending operations (trigger, updateState, subscribe, unsubscribe, callFunctionId)
+// and the mode and window operations may be called from any thread at any time, also from inside a
+// callback; the transport keeps messages whole. Every callback and every eDisconnected status runs
+// on the connection's own receive thread, one at a time, in the order the packets arrived.
+#ifndef TARN_TARNCONNECTION_H
+#define TARN_TARNCONNECTION_H
+
+#include <atomic>
+#include <string>
+
+#include <itarntransport.h>
+#include <logging/logging.h>
+#include <parameterlist.h>
+#include <sal/thread.h>
+#include <sal/types.h>
+#include <tarn_export.h>
+
+enum EConnStatus { eConnected = 0, eDisconnected = 1 };
+
+// Implemented by a client application: what the server sends.
+class TARN_EXPORT ITARNClient {
+public:
+    virtual void onTrigger(const std::string& name, const ParameterValue& value) = 0;
+    virtual void onUpdateState(const std::string& name, const ParameterValue& value) = 0;
+    virtual void onStatusChanged(EConnStatus status) = 0;
+
+protected:
+    ~ITARNClient() = default;  // the library never deletes a client
+};
+
+// Implemented by a server application: what the client sends.
+class TARN_EXPORT ITARNServer {
+public:
+    virtual void onSubscribe(const std::string& name) = 0;
+    virtual void onUnsubscribe(const std::string& name) = 0;
+    virtual void onCallFunctionId(const std::string& name, const ParameterList& params) = 0;
+    virtual void onStatusChanged(EConnStatus status) = 0;
+
+protected:
+    ~ITARNServer() = default;  // the library never deletes a server
+};
+
+class TARNConnection;
+
+// The connection's receive thread: runs TARNConnection::run().
+class TARN_EXPORT RunThreadC : public sal::Thread {
+public:
+    explicit RunThreadC(TARNConnection* pConnection);
+    ~RunThreadC() override;
+    void run() override;
+
+    TARNConnection* m_pConnection;
+};
+
+class TARN_EXPORT TARNConnection {
+public:
+    explicit TARNConnection(ETransport transport);
+    explicit TARNConnection(ITARNTransport* transport);  // takes ownership
+    virtual ~TARNConnection();
+    TARNConnection(const TARNConnection&) = delete;
+    TARNConnection& operator=(const TARNConnection&) = delete;
+
+    // Connects the transport to host:port; on success starts the receive thread and reports
+    // eConnected. `client` is stored whatever the outcome.
+    bool connect(const std::string& host, uint16 port, ITARNClient* client);
+
+    // Starts (or restarts) the receive thread; returns the thread start's result.
+    bool start();
+
+    // Attaches the server callbacks; takes effect with the next packet.
+    void setServer(ITARNServer* server);
+
+    // Passed to the transport unchanged.
+    bool setWindowSize(uint size);
+    bool setSendMode(EConnMode mode);
+    bool setReceiveMode(EConnMode mode);
+
+    // Reports a status to the client, then to the server, whichever are set.
+    void updateStatus(EConnStatus status);
+
+    bool trigger(const std::string& name, const ParameterValue& value);
+    bool updateState(const std::string& name, const ParameterValue& value);
+    bool subscribe(const std::string& name);
+    bool unsubscribe(const std::string& name);
+    bool callFunctionId(const std::string& name, const ParameterList& params);
+
+    // Stops the receive thread and closes the transport; the thread reports eDisconnected.
+    void disconnect();
+
+    std::string getPeerAddress() const;
+    uint16 getPeerPort() const;
+    uint16 getLocalPort() const;
+
+    // The receive loop; runs on the receive thread.
+    void run();
+
+private:
+    bool sendPacket(const class TARNPacket& packet, const char* failure, const std::string& name);
+
+    ITARNTransport* m_pTransport;
+    std::atomic<ITARNClient*> m_pClient;
+    std::atomic<ITARNServer*> m_pServer;  // read afresh for every packet
+    Corvane::Utilities::Logging::LogCategory m_log;
+    RunThreadC* m_pThread;
+    std::atomic<bool> m_bStop;  // written by the application, read by the receive loop
+};
+
+// Library start-up and shut-down: create and destroy the process's command processor.
+TARN_EXPORT void tarnInit();
+TARN_EXPORT void tarnDeinit();
+
+#endif  // TARN_TARNCONNECTION_H

@@ -1,0 +1,79 @@
+// The server side's entry point: listens on an address and port, accepts peers one after another
+// on its own thread, wraps each in a new TARNConnection, hands it to the application's
+// ITARNConnector, then starts it and reports eConnected.
+//
+// Ownership: the listener owns its thread and its connector (deleted with the listener). Each
+// connection handed to onNewConnection belongs to the application from then on and lives on
+// independently of the listener. The listening transport is left behind, disconnected, when the
+// listener is deleted.
+//
+// Threads: listen, start, shutdown and the destructor on the application's thread;
+// onNewConnection runs on the listener's thread.
+#ifndef TARN_TARNLISTENER_H
+#define TARN_TARNLISTENER_H
+
+#include <atomic>
+#include <string>
+
+#include <itarntransport.h>
+#include <sal/thread.h>
+#include <sal/types.h>
+#include <tarn_export.h>
+
+class TARNConnection;
+
+// Implemented by a server application.
+class TARN_EXPORT ITARNConnector {
+public:
+    // A peer was accepted. The application takes ownership of `connection` and attaches its
+    // ITARNServer here (setServer) to see every command from the first packet on; the listener
+    // starts the connection and reports eConnected right after this returns.
+    virtual void onNewConnection(TARNConnection* connection) = 0;
+    virtual ~ITARNConnector() = default;
+};
+
+class TARNListener;
+
+// The listener's accept thread.
+class TARN_EXPORT RunThread : public sal::Thread {
+public:
+    explicit RunThread(TARNListener* pListener);
+    ~RunThread() override;
+    void run() override;
+    bool shutdownCallback() override;
+
+    TARNListener* m_pListener;
+};
+
+class TARN_EXPORT TARNListener {
+public:
+    explicit TARNListener(ETransport transport);
+    virtual ~TARNListener();
+    TARNListener(const TARNListener&) = delete;
+    TARNListener& operator=(const TARNListener&) = delete;
+
+    // Stores the arguments and starts the accept thread; always true (a failed bind shows up as a
+    // failed accept on the thread).
+    bool listen(const std::string& address, uint16 port, ITARNConnector* connector);
+    bool start();
+    bool shutdown(int timeout);  // timeout in milliseconds, -1 without limit
+    virtual bool shutdownCallback();
+
+    // The accept loop; runs on the listener's thread.
+    void run();
+
+    // The listening transport's bound port (0 before the thread has bound it). Lets an application
+    // that listened on port 0 learn the port the system chose.
+    uint16 getLocalPort() const;
+
+private:
+    ETransport m_transportType;
+    std::atomic<ITARNTransport*> m_pTransport;  // created by the thread, disconnected by shutdown
+    std::string m_address;
+    uint16 m_port;
+    ITARNConnector* m_pConnector;
+    std::atomic<bool> m_bRunning;
+    RunThread* m_pThread;
+};
+
+#endif  // TARN_TARNLISTENER_H

@@ -1,0 +1,53 @@
+// IPv4 UDP socket.
+//
+// Blocking: receiveFrom blocks until a datagram arrives. close() may be called from any thread and
+// wakes a thread blocked in receiveFrom, which then returns -1; every later receiveFrom returns -1 at
+// once and every later sendTo fails. The descriptor is released only by the destructor, so a close
+// racing with a blocked receive can never hit a reused descriptor.
+//
+// Threads: sendTo may be called from several threads at once (each datagram leaves whole); one
+// thread receives.
+//
+// An unbound socket gets an ephemeral port from the system on its first sendTo.
+#ifndef SAL_UDPSOCKET_H
+#define SAL_UDPSOCKET_H
+
+#include <atomic>
+
+#include <sal/hostaddress.h>
+#include <sal/sal_export.h>
+#include <sal/types.h>
+
+namespace sal {
+
+class SAL_EXPORT UdpSocket {
+public:
+    UdpSocket();
+    ~UdpSocket();
+    UdpSocket(const UdpSocket&) = delete;
+    UdpSocket& operator=(const UdpSocket&) = delete;
+
+    bool bind(const HostAddress& address, uint16 port);  // port 0: an ephemeral port
+
+    // Sends one datagram; returns the bytes sent (`length`), or -1 on error or once closed.
+    int sendTo(const void* data, int length, const HostAddress& address, uint16 port);
+
+    // Blocks for one datagram; copies at most `size` bytes of it (the rest of a longer datagram is
+    // discarded) and returns the count copied, which is 0 for an empty datagram. Returns -1 on error
+    // or once the socket is closed. `from` and `fromPort` receive the sender.
+    int receiveFrom(void* buffer, int size, HostAddress& from, uint16& fromPort);
+
+    void close();  // idempotent
+    bool isClosed() const { return m_bClosed.load(std::memory_order_acquire); }
+
+    uint16 getLocalPort() const;  // 0 while unbound
+    int getDescriptor() const { return m_fd; }
+
+private:
+    int m_fd;
+    std::atomic<bool> m_bClosed;
+};
+
+}  // namespace sal
+
+#endif  // SAL_UDPSOCKET_H

@@ -1,0 +1,1 @@
+#include <sal/sal.h>
