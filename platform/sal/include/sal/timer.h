@@ -63,6 +63,10 @@ public:
     void stop();
     bool isRunning() const;
 
+    // Blocks until no callback of this timer is running. Must not be called from inside that
+    // callback. With stop() before it, the owner may then release what the callback uses.
+    void waitUntilIdle();
+
     struct State;  // shared with the scheduler; opaque
 
 private:
