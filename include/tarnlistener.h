@@ -74,6 +74,9 @@ private:
     ITARNConnector* m_pConnector;
     std::atomic<bool> m_bRunning;
     RunThread* m_pThread;
+    // Set by shutdownCallback, cleared by start(): lets a run that created its transport after a
+    // shutdown had already looked for it close that transport itself instead of blocking in accept.
+    std::atomic<bool> m_bShutdownRequested;
 };
 
 #endif  // TARN_TARNLISTENER_H

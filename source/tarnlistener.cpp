@@ -1,1 +1,145 @@
+// TARNListener: the accept thread that turns each accepted transport into a TARNConnection for the
+// application.
+//
+// The listener keeps no log category of its own; it asks for "TARN" each time it logs.
 #include <tarnlistener.h>
+
+#include <eudptransport.h>
+#include <logging/logging.h>
+#include <sal/assert.h>
+#include <sal/hostaddress.h>
+#include <tarnconnection.h>
+#include <tcptransport.h>
+
+namespace Log = Corvane::Utilities::Logging;
+
+namespace {
+
+const char* const kUnit = "source/tarnlistener.cpp";
+
+Log::LogCategory tarnLog() {
+    return Log::LogManager::getInstance().getCategory("TARN");
+}
+
+}  // namespace
+
+RunThread::RunThread(TARNListener* pListener) : m_pListener(pListener) {}
+
+// The listener has shut this thread down before deleting it, so run() is over by now.
+RunThread::~RunThread() = default;
+
+void RunThread::run() {
+    m_pListener->run();
+}
+
+bool RunThread::shutdownCallback() {
+    return m_pListener->shutdownCallback();
+}
+
+TARNListener::TARNListener(ETransport transport)
+    : m_transportType(transport),
+      m_pTransport(nullptr),
+      m_address(),
+      m_port(0),
+      m_pConnector(nullptr),
+      m_bRunning(false),
+      m_pThread(nullptr),
+      m_bShutdownRequested(false) {}
+
+// The listening transport stays behind, disconnected: applications rely on it outliving the
+// listener, so it is deliberately not deleted here.
+TARNListener::~TARNListener() {
+    shutdown(-1);
+    delete m_pThread;
+    m_pThread = nullptr;
+    delete m_pConnector;
+    m_pConnector = nullptr;
+}
+
+// Always true: binding happens on the thread, and a failed bind shows up as a failed accept there.
+bool TARNListener::listen(const std::string& address, uint16 port, ITARNConnector* connector) {
+    m_address = address;
+    m_port = port;
+    m_pConnector = connector;
+    m_bRunning = true;
+    start();
+    return true;
+}
+
+// Leaves m_bRunning alone: after a shutdown, a bare start() serves one peer and stops.
+bool TARNListener::start() {
+    m_bShutdownRequested = false;
+    if (m_pThread == nullptr) {
+        m_pThread = new RunThread(this);
+    }
+    return m_pThread->start();
+}
+
+bool TARNListener::shutdown(int timeout) {
+    m_bRunning = false;
+    if (m_pThread == nullptr) {
+        return false;
+    }
+    return m_pThread->shutdown(timeout);
+}
+
+bool TARNListener::shutdownCallback() {
+    m_bRunning = false;
+    m_bShutdownRequested = true;
+    ITARNTransport* const transport = m_pTransport.load();
+    if (transport != nullptr) {
+        transport->disconnect();  // a blocked accept comes back
+    }
+    return true;
+}
+
+uint16 TARNListener::getLocalPort() const {
+    ITARNTransport* const transport = m_pTransport.load();
+    return (transport != nullptr) ? transport->getLocalPort() : 0;
+}
+
+void TARNListener::run() {
+    ITARNTransport* transport = nullptr;
+    switch (m_transportType) {
+        case eTransportEUDP:
+            transport = new EUDPTransport();
+            break;
+        case eTransportTCP:
+            transport = new TCPTransport();
+            break;
+        default:
+            SAL_ASSERT_AT(false, kUnit, 89, "void TARNListener::run()");
+    }
+    // A transport of an earlier run is overwritten, not deleted.
+    m_pTransport = transport;
+    SAL_ASSERT_AT(m_pConnector, kUnit, 94, "void TARNListener::run()");
+
+    // The result is not looked at: a failed bind surfaces as a failed accept below.
+    transport->listen(sal::HostAddress(m_address), m_port);
+
+    // A shutdown that came after start() but before the transport existed found nothing to close;
+    // close it here so that accept returns at once, just as if the shutdown had reached it.
+    if (m_bShutdownRequested.load()) {
+        transport->disconnect();
+    }
+
+    for (;;) {
+        ITARNTransport* const accepted = transport->accept();
+        if (!m_bRunning.load()) {
+            tarnLog().getInfoStream() << "TARN: listener is shut down";
+            // A peer accepted at this moment is dropped unused; deleting it closes its link.
+            delete accepted;
+            return;
+        }
+        if (accepted == nullptr) {
+            tarnLog().getErrorStream() << "TARN: failed to accept incoming connection";
+            return;
+        }
+        // The connector sees the connection before its thread runs and before it reports
+        // eConnected, so a server attached there gets every command from the first on.
+        TARNConnection* const connection = new TARNConnection(accepted);
+        m_pConnector->onNewConnection(connection);
+        connection->start();
+        connection->updateStatus(eConnected);
+    }
+}
