@@ -59,7 +59,8 @@ private:
 };
 
 // Fixed-capacity circular queue of values; capacity N holds N - 1 entries. Takes no lock: its owner
-// guards it.
+// guards it. The two indices are relaxed atomics because the sender thread asks isEmpty() without
+// the owner's lock; everything else about them goes through the owner's mutex.
 template <class T>
 class RingBuffer {
 public:
@@ -70,19 +71,21 @@ public:
     RingBuffer& operator=(const RingBuffer&) = delete;
 
     bool push(const T& item);
-    bool isEmpty() const { return m_read == m_write; }
-    bool isFull() const { return (m_write + 1) % m_capacity == m_read; }
-    T& front() { return m_pBuffer[m_read]; }
+    bool isEmpty() const { return readIndex() == writeIndex(); }
+    bool isFull() const { return (writeIndex() + 1) % m_capacity == readIndex(); }
+    T& front() { return m_pBuffer[readIndex()]; }
     void pop() {
         if (!isEmpty()) {
-            m_read = (m_read + 1) % m_capacity;
+            m_read.store((readIndex() + 1) % m_capacity, std::memory_order_relaxed);
         }
     }
     std::uint32_t next(std::uint32_t index) const { return (index + 1) % m_capacity; }
+    std::uint32_t readIndex() const { return m_read.load(std::memory_order_relaxed); }
+    std::uint32_t writeIndex() const { return m_write.load(std::memory_order_relaxed); }
 
     std::uint32_t m_capacity;
-    std::uint32_t m_read;   // oldest entry
-    std::uint32_t m_write;  // next free slot
+    std::atomic<std::uint32_t> m_read;   // oldest entry
+    std::atomic<std::uint32_t> m_write;  // next free slot
     T* m_pBuffer;
 };
 
@@ -91,8 +94,8 @@ bool RingBuffer<T>::push(const T& item) {
     if (isFull()) {
         return false;
     }
-    m_pBuffer[m_write] = item;
-    m_write = (m_write + 1) % m_capacity;
+    m_pBuffer[writeIndex()] = item;
+    m_write.store((writeIndex() + 1) % m_capacity, std::memory_order_relaxed);
     return true;
 }
 
@@ -163,6 +166,16 @@ public:
 private:
     friend class EUDPTransportTest;
 
+    // A line on `level` that already carries the "TARN/EUDP[<id>]: " prefix.
+    Corvane::Utilities::Logging::LogStream logLine(Corvane::Utilities::Logging::ELogLevel level) const;
+
+    // The receiver thread's handling of one valid datagram, by command.
+    void handleAck(std::int32_t seq, uint16 fromPort);
+    void handleNak(std::int32_t seq);
+    void handleData(const EUDPPacket& packet, std::int32_t seq);
+    void handleModeRequest(std::uint32_t word);
+    void handlePeerDisconnect();
+
     std::atomic<sal::UdpSocket*> m_pSocket;
     sal::HostAddress m_peerAddress;
     std::atomic<uint16> m_peerPort;
@@ -196,11 +209,14 @@ private:
     std::atomic<bool> m_bClosed;
     RingBuffer<EUDPPacket> m_receiveBuffer;
     RingBuffer<EUDPPacket> m_sendBuffer;
-    std::uint32_t m_aliveTimeout;
+    std::atomic<std::uint32_t> m_aliveTimeout;  // written by initTimers, read by the receiver
     sal::Timer m_sendAliveTimer;
     sal::Timer m_aliveTimer;
     bool m_bTimersInitialised;
     Corvane::Utilities::Logging::LogCategory m_log;
+    // Set by the destructor: a sendData blocked on a full ring gives up as if closed, so that the
+    // keep-alive callback (or an application thread) waiting there cannot hold up the destruction.
+    std::atomic<bool> m_bDestroying;
 };
 
 #endif  // TARN_EUDPTRANSPORT_H

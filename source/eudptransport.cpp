@@ -1,26 +1,49 @@
-// EUDP transport: first compiling cut; the real bodies follow.
+// EUDP transport: sequence numbers, construction and destruction, the CON/ACK handshake from both
+// sides, DIS, and the peer accessors. The data path lives in eudpsender.cpp and eudpreceiver.cpp,
+// negotiation in eudpnegotiation.cpp, supervision in eudptimers.cpp.
 #include <eudptransport.h>
 
+#include <new>
+
+using Corvane::Utilities::Logging::ELogLevel;
 using Corvane::Utilities::Logging::LogManager;
+using Corvane::Utilities::Logging::LogStream;
+
+namespace {
+const unsigned int CONNECT_WAIT_MS = 5000;
+const unsigned int SERVER_ALIVE_TIMEOUT_US = 500000;
+const unsigned int CLIENT_ALIVE_TIMEOUT_US = 1000000;
+}  // namespace
+
+// ---- ModuloValue --------------------------------------------------------------------------------
 
 ModuloValue::ModuloValue(std::int32_t value, std::int32_t modulus) : m_value(value), m_modulus(modulus) {}
+
 ModuloValue::ModuloValue(const ModuloValue& other)
     : m_value(other.getValue()), m_modulus(other.getModulus()) {}
+
 ModuloValue& ModuloValue::operator=(const ModuloValue& other) {
     m_value.store(other.getValue(), std::memory_order_relaxed);
     m_modulus.store(other.getModulus(), std::memory_order_relaxed);
     return *this;
 }
+
 ModuloValue::~ModuloValue() {}
+
 void ModuloValue::setFromWord(std::int32_t value) {
+    // Truncating division: a negative word stays negative, and peers see exactly that.
     m_value.store(value % MODULUS, std::memory_order_relaxed);
     m_modulus.store(MODULUS, std::memory_order_relaxed);
 }
+
 void ModuloValue::advance() {
     m_value.store((getValue() + 1) % getModulus(), std::memory_order_relaxed);
 }
+
 std::int32_t ModuloValue::distance(std::int32_t a, std::int32_t b) {
-    std::int32_t d = a - b;
+    // Computed in unsigned arithmetic so that words of 2^31 and more cannot overflow; the result
+    // is the two's-complement difference the comparison has always used.
+    std::int32_t d = static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
     if (d < -32767) {
         d += 65535;
     } else if (d > 32767) {
@@ -29,23 +52,33 @@ std::int32_t ModuloValue::distance(std::int32_t a, std::int32_t b) {
     return d;
 }
 
+// ---- threads ------------------------------------------------------------------------------------
+
 EUDPTransport::EUDPSender::EUDPSender() : m_pTransport(nullptr) {}
+
 EUDPTransport::EUDPSender::~EUDPSender() {}
+
 void EUDPTransport::EUDPSender::run() {
     if (m_pTransport != nullptr) {
         m_pTransport->senderThread();
     }
 }
+
 EUDPTransport::EUDPReceiver::EUDPReceiver() : m_pTransport(nullptr) {}
+
 EUDPTransport::EUDPReceiver::~EUDPReceiver() {}
+
 void EUDPTransport::EUDPReceiver::run() {
     if (m_pTransport != nullptr) {
         m_pTransport->receiverThread();
     }
 }
 
+// ---- construction -------------------------------------------------------------------------------
+
 EUDPTransport::EUDPTransport()
     : m_pSocket(nullptr),
+      // The listening object never sends; the any-address stands for "no peer".
       m_peerAddress(sal::HostAddress::eAnyAddress),
       m_peerPort(0),
       m_logId(0),
@@ -57,6 +90,13 @@ EUDPTransport::EUDPTransport()
       m_reserved(0),
       m_windowAck(0),
       m_modeAck(0),
+      m_connectSem(false),
+      m_ackSem(false),
+      m_windowSem(false),
+      m_modeSem(false),
+      m_sendSpaceSem(false),
+      m_sendWakeSem(false),
+      m_receiveSem(0),
       m_bAllowSendRealtime(true),
       m_bAllowSendReliable(true),
       m_bAllowReceiveRealtime(true),
@@ -69,76 +109,179 @@ EUDPTransport::EUDPTransport()
       m_sendBuffer(RING_CAPACITY),
       m_aliveTimeout(0),
       m_bTimersInitialised(false),
-      m_log(LogManager::getInstance().getCategory("TARN")) {
-    m_pSocket = new sal::UdpSocket;
+      m_log(LogManager::getInstance().getCategory("TARN")),
+      m_bDestroying(false) {
+    m_pSocket.store(new sal::UdpSocket);
     m_sender.m_pTransport = this;
     m_receiver.m_pTransport = this;
 }
 
 EUDPTransport::EUDPTransport(const sal::HostAddress& address, unsigned short port) : EUDPTransport() {
     m_peerAddress = address;
-    m_peerPort = port;
-    m_logId = port;
+    m_peerPort.store(port);
+    m_logId.store(port);
 }
 
 EUDPTransport::~EUDPTransport() {
+    m_sendAliveTimer.stop();
+    m_aliveTimer.stop();
+
+    // A keep-alive callback (or an application thread) may wait in sendData for ring space that
+    // will never come; let it out before the threads and the socket go.
+    m_bDestroying.store(true);
+    m_sendSpaceSem.give();
+
     sal::UdpSocket* pSocket = m_pSocket.load();
-    if (pSocket != nullptr && !m_bClosed) {
-        pSocket->close();
+    if (pSocket != nullptr && !m_bClosed.load()) {
+        pSocket->close();  // no DIS: the peer finds out through its own keep-alive
     }
+    // Closing ends the receiver's blocked receive; the receiver's exit wakes the sender.
     m_sender.shutdown(-1);
     m_receiver.shutdown(-1);
+
+    // With the receiver gone nothing re-arms the keep-alive timer, and once its callback is idle
+    // nothing re-arms the final one: after these waits no callback can touch this object.
+    m_sendAliveTimer.stop();
+    m_sendAliveTimer.waitUntilIdle();
+    m_aliveTimer.stop();
+    m_aliveTimer.waitUntilIdle();
+
     delete pSocket;
+    m_pSocket.store(nullptr);
 }
 
-bool EUDPTransport::setWindowSize(uint) {
-    return false;
+LogStream EUDPTransport::logLine(ELogLevel level) const {
+    LogStream line = m_log.stream(level);
+    line << "TARN/EUDP[" << static_cast<unsigned int>(m_logId.load()) << "]: ";
+    return line;
 }
+
+// ---- listening side -----------------------------------------------------------------------------
+
 bool EUDPTransport::listen(const sal::HostAddress& address, uint16 port) {
-    return m_pSocket.load()->bind(address, port);
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    return pSocket != nullptr && pSocket->bind(address, port);
 }
+
 ITARNTransport* EUDPTransport::accept() {
-    return nullptr;
-}
-void EUDPTransport::allowSendMode(bool, bool) {}
-void EUDPTransport::allowReceiveMode(bool, bool) {}
-bool EUDPTransport::setSendMode(EConnMode) {
-    return false;
-}
-bool EUDPTransport::setReceiveMode(EConnMode) {
-    return false;
-}
-bool EUDPTransport::connect(const sal::HostAddress&, uint16) {
-    return false;
-}
-void EUDPTransport::disconnect() {
-    if (!m_bClosed) {
-        m_pSocket.load()->close();
-        m_bClosed = true;
+    EUDPPacket packet;
+    sal::HostAddress fromAddress;
+    uint16 fromPort = 0;
+    for (;;) {
+        sal::UdpSocket* pSocket = m_pSocket.load();
+        if (pSocket == nullptr) {
+            return nullptr;
+        }
+        int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
+        if (received <= 0) {
+            return nullptr;
+        }
+        if (!packet.validatePacket(static_cast<std::uint32_t>(received))) {
+            logLine(Corvane::Utilities::Logging::eWarning) << "discarding invalid packet";
+            continue;
+        }
+        if (packet.getCommand() != CON) {
+            logLine(Corvane::Utilities::Logging::eWarning)
+                << "received a non-CON packet without a connection (ignoring)";
+            continue;
+        }
+
+        std::uint32_t value = packet.getValue();
+        EUDPTransport* pPeer = new (std::nothrow) EUDPTransport(fromAddress, fromPort);
+        if (pPeer == nullptr) {
+            return nullptr;
+        }
+        pPeer->m_receiveSeq.setFromWord(static_cast<std::int32_t>(value + 1u));
+        pPeer->m_reserved = 0;
+        // The new object's socket is unbound: this first send gives it the ephemeral port that
+        // becomes the connection's server-side port.
+        pPeer->sendPacket(ACK, value, 0);
+        pPeer->m_receiver.start();
+        pPeer->m_sender.start();
+        pPeer->initTimers(SERVER_ALIVE_TIMEOUT_US);
+        return pPeer;
     }
 }
-bool EUDPTransport::sendData(const uint8*, uint) {
-    return false;
+
+// ---- client side --------------------------------------------------------------------------------
+
+bool EUDPTransport::connect(const sal::HostAddress& address, uint16 port) {
+    if (m_bClosed.load()) {
+        // The old runs end promptly on a closed transport; wait for them so that the socket is
+        // never freed under a running thread and the threads can be started again. The final
+        // timer's callback never blocks, so waiting for it is safe too; it may still be closing
+        // the old socket.
+        m_sender.shutdown(-1);
+        m_receiver.shutdown(-1);
+        m_aliveTimer.waitUntilIdle();
+        delete m_pSocket.load();
+        m_pSocket.store(new sal::UdpSocket);
+        m_bClosed.store(false);
+    }
+
+    m_peerAddress = address;
+    m_peerPort.store(0);
+    m_receiveSeq = ModuloValue(0);
+
+    sendPacket(CON, static_cast<std::uint32_t>(m_sendSeq.getValue()), port);
+    m_logId.store(getLocalPort());
+
+    while (m_receiveSem.take(0) == 0) {
+    }
+
+    m_receiver.start();
+    if (m_connectSem.take(CONNECT_WAIT_MS) != 0) {
+        logLine(Corvane::Utilities::Logging::eError)
+            << "failed to connect to " << address.getAddressString() << ":" << port << " (timeout)";
+        return false;
+    }
+    if (m_lastAcked.getValue() != m_sendSeq.getValue()) {
+        logLine(Corvane::Utilities::Logging::eError)
+            << "failed to connect to " << address.getAddressString() << ":" << port << " (wrong ACK)";
+        return false;
+    }
+    m_sendSeq.advance();  // the CON used up its number
+    m_sender.start();
+    initTimers(CLIENT_ALIVE_TIMEOUT_US);
+    return true;
 }
-int EUDPTransport::receiveData(uint8*, uint) {
-    return 0;
+
+void EUDPTransport::disconnect() {
+    if (m_bClosed.load()) {
+        return;
+    }
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    if (m_peerPort.load() == 0) {
+        if (pSocket != nullptr) {
+            pSocket->close();
+        }
+        m_bClosed.store(true);
+        return;
+    }
+    if (m_sendAliveTimer.isRunning()) {
+        m_sendAliveTimer.stop();
+    }
+    if (m_aliveTimer.isRunning()) {
+        m_aliveTimer.stop();
+    }
+    sendPacket(DIS, static_cast<std::uint32_t>(m_sendSeq.getValue()), 0);
+    if (pSocket != nullptr) {
+        pSocket->close();
+    }
+    m_bClosed.store(true);
 }
+
+// ---- accessors ----------------------------------------------------------------------------------
+
 sal::HostAddress EUDPTransport::getPeerAddress() const {
     return m_peerAddress;
 }
+
 uint16 EUDPTransport::getPeerPort() const {
-    return m_peerPort;
+    return m_peerPort.load();
 }
+
 uint16 EUDPTransport::getLocalPort() const {
     sal::UdpSocket* pSocket = m_pSocket.load();
     return pSocket != nullptr ? pSocket->getLocalPort() : 0;
 }
-bool EUDPTransport::sendPacket(EEUDPCommand, std::uint32_t, uint16) {
-    return false;
-}
-void EUDPTransport::initTimers(unsigned int) {}
-void EUDPTransport::resetTimers() {}
-void EUDPTransport::onSendAliveTimer() {}
-void EUDPTransport::onAliveTimer() {}
-void EUDPTransport::senderThread() {}
-void EUDPTransport::receiverThread() {}

@@ -1,0 +1,94 @@
+// EUDP mode and window negotiation, requesting side: MOD/MAK for the delivery modes, WIN/WAK for
+// the peer's send window. The answering side is the receiver thread's (eudpreceiver.cpp).
+#include <eudptransport.h>
+
+using Corvane::Utilities::Logging::eError;
+
+namespace {
+
+const unsigned int ANSWER_WAIT_MS = 10000;
+const std::uint32_t LEAVE = 'D';  // "leave this direction as it is"
+
+// One byte of the mode word, sign-extended as the answer bytes have always been read.
+std::int32_t modeByte(std::uint32_t word, unsigned int index) {
+    return static_cast<std::int8_t>(static_cast<std::uint8_t>((word >> (8 * index)) & 0xFF));
+}
+
+// EConnMode holds 0 to 127. A peer of ours only answers 'T' or 'R'; a byte of 128 or more from
+// anything else is kept to its low seven bits rather than made into a value the enumeration
+// cannot hold.
+EConnMode modeFromByte(std::int32_t byte) {
+    return static_cast<EConnMode>(byte & 0x7F);
+}
+
+}  // namespace
+
+void EUDPTransport::allowSendMode(bool realtime, bool reliable) {
+    if (!realtime && !reliable) {
+        logLine(eError) << "allowing neither realtime nor reliable mode";
+        return;
+    }
+    m_bAllowSendRealtime.store(realtime);
+    m_bAllowSendReliable.store(reliable);
+}
+
+void EUDPTransport::allowReceiveMode(bool realtime, bool reliable) {
+    if (!realtime && !reliable) {
+        logLine(eError) << "allowing neither realtime nor reliable mode";
+        return;
+    }
+    m_bAllowReceiveRealtime.store(realtime);
+    m_bAllowReceiveReliable.store(reliable);
+}
+
+// setSendMode changes how the peer sends, so this side receives in that mode afterwards.
+bool EUDPTransport::setSendMode(EConnMode mode) {
+    std::uint32_t requested = static_cast<std::uint32_t>(mode) & 0xFF;
+    sendPacket(MOD, requested | (LEAVE << 8) | (LEAVE << 16) | (LEAVE << 24), 0);
+    if (m_modeSem.take(ANSWER_WAIT_MS) != 0) {
+        logLine(eError) << "failed to set send mode (timeout)";
+        return false;
+    }
+    std::uint32_t answer = m_modeAck.load();
+    std::int32_t peerSend = modeByte(answer, 1);
+    if (requested != LEAVE && modeByte(requested, 0) != peerSend) {
+        logLine(eError) << "failed to set send mode (peer refused)";
+        return false;
+    }
+    m_receiveMode.store(modeFromByte(peerSend));
+    m_sendMode.store(modeFromByte(modeByte(answer, 3)));
+    return true;
+}
+
+// setReceiveMode changes how the peer receives, so this side sends in that mode afterwards.
+bool EUDPTransport::setReceiveMode(EConnMode mode) {
+    std::uint32_t requested = static_cast<std::uint32_t>(mode) & 0xFF;
+    sendPacket(MOD, LEAVE | (LEAVE << 8) | (requested << 16) | (LEAVE << 24), 0);
+    if (m_modeSem.take(ANSWER_WAIT_MS) != 0) {
+        logLine(eError) << "failed to set receive mode (timeout)";
+        return false;
+    }
+    std::uint32_t answer = m_modeAck.load();
+    std::int32_t peerReceive = modeByte(answer, 3);
+    if (requested != LEAVE && modeByte(requested, 0) != peerReceive) {
+        logLine(eError) << "failed to set receive mode (peer refused)";
+        return false;
+    }
+    m_sendMode.store(modeFromByte(peerReceive));
+    m_receiveMode.store(modeFromByte(modeByte(answer, 1)));
+    return true;
+}
+
+bool EUDPTransport::setWindowSize(uint windowSize) {
+    sendPacket(WIN, windowSize, 0);
+    if (m_windowSem.take(ANSWER_WAIT_MS) != 0) {
+        logLine(eError) << "failed to set window size (timeout)";
+        return false;
+    }
+    std::uint32_t granted = m_windowAck.load();
+    if (granted != windowSize) {
+        logLine(eError) << "failed to set window size (tried " << windowSize << ", got " << granted << ")";
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,257 @@
+// EUDP receiver thread: reads every datagram of the connection, keeps the window going (ACK, NAK),
+// orders and delivers data, answers the peer's mode and window requests and ends the connection on
+// DIS or a failed receive. Also receiveData, through which the application takes delivered data.
+#include <eudptransport.h>
+
+#include <cstring>
+
+using Corvane::Utilities::Logging::eDebug;
+using Corvane::Utilities::Logging::eError;
+using Corvane::Utilities::Logging::eWarning;
+
+namespace {
+
+// How the answering side takes one requested letter: true when accepted ('D' leaves it as it is).
+bool applyModeRequest(std::uint8_t requested, const std::atomic<bool>& allowRealtime,
+                      const std::atomic<bool>& allowReliable, std::atomic<EConnMode>& mode) {
+    switch (requested) {
+        case 'T':
+            if (!allowRealtime.load()) {
+                return false;
+            }
+            mode.store(eRealtime);
+            return true;
+        case 'R':
+            if (!allowReliable.load()) {
+                return false;
+            }
+            mode.store(eReliable);
+            return true;
+        case 'D':
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+void EUDPTransport::receiverThread() {
+    EUDPPacket packet;
+    sal::HostAddress fromAddress;
+    uint16 fromPort = 0;
+    // Set by connect() or accept() before this thread was started; fixed while it runs.
+    sal::UdpSocket* pSocket = m_pSocket.load();
+
+    while (!m_bClosed.load()) {
+        int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
+        if (received <= 0) {
+            if (!m_bClosed.load()) {
+                m_bClosed.store(true);
+                if (m_sendAliveTimer.isRunning()) {
+                    m_sendAliveTimer.stop();
+                }
+                if (m_aliveTimer.isRunning()) {
+                    m_aliveTimer.stop();
+                }
+            }
+            break;
+        }
+        if (!packet.validatePacket(static_cast<std::uint32_t>(received))) {
+            logLine(eWarning) << "dropping invalid packet";
+            continue;
+        }
+
+        // Any valid datagram, whatever it says, shows that the peer is alive.
+        resetTimers();
+        std::uint32_t word = packet.getValue();
+        std::int32_t seq = static_cast<std::int32_t>(word) % ModuloValue::MODULUS;
+
+        switch (packet.getCommand()) {
+            case NOP:
+                break;
+            case ACK:
+                handleAck(seq, fromPort);
+                break;
+            case NAK:
+                handleNak(seq);
+                break;
+            case DIS:
+                handlePeerDisconnect();
+                break;
+            case CMD:
+                handleData(packet, seq);
+                break;
+            case MOD:
+                handleModeRequest(word);
+                break;
+            case MAK:
+                m_modeAck.store(word);
+                m_modeSem.give();
+                break;
+            case WIN:
+                // Taken as it stands: 0 stops reliable sending, and nothing caps it at the ring.
+                m_windowSize.store(word);
+                sendPacket(WAK, word, 0);
+                break;
+            case WAK:
+                m_windowAck.store(word);
+                m_windowSem.give();
+                break;
+            default:  // CON, which accept() answers, never this thread
+                logLine(eWarning) << "unknown/unexpected command (ignoring)";
+                break;
+        }
+    }
+
+    m_sendWakeSem.give();
+    m_receiveSem.give();
+}
+
+void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
+    if (m_peerPort.load() == 0) {
+        // The answer to our CON: its source is the port the server gave this connection.
+        m_peerPort.store(fromPort);
+        m_lastAcked.setFromWord(seq);
+        m_connectSem.give();
+        return;
+    }
+    if (ModuloValue::distance(seq, m_lastAcked.getValue()) <= 0) {
+        return;  // old or repeated
+    }
+    m_sendMutex.take();
+    m_lastAcked.setFromWord(seq);
+    // Cumulative: everything up to the acknowledged number leaves the ring, sent or not.
+    while (!m_sendBuffer.isEmpty()) {
+        std::int32_t front =
+            static_cast<std::int32_t>(m_sendBuffer.front().getValue()) % ModuloValue::MODULUS;
+        if (ModuloValue::distance(front, m_lastAcked.getValue()) > 0) {
+            break;
+        }
+        m_sendSpaceSem.give();
+        m_sendBuffer.pop();
+        m_unacked.fetch_sub(1);
+    }
+    m_sendMutex.give();
+    m_ackSem.give();
+}
+
+void EUDPTransport::handleNak(std::int32_t seq) {
+    // A plain unsigned comparison, not distance(): before the first acknowledgement (-1, the
+    // largest unsigned value) and across the wrap every NAK is refused. Peers live with that.
+    if (static_cast<std::uint32_t>(m_lastAcked.getValue()) < static_cast<std::uint32_t>(seq)) {
+        m_lastSent.setFromWord(seq - 1);
+        m_unacked.store(0);
+        m_ackSem.give();
+    } else {
+        logLine(eWarning) << "Received a NAK for a packet that had already been ACKed (ignoring)";
+    }
+}
+
+void EUDPTransport::handlePeerDisconnect() {
+    m_bClosed.store(true);
+    if (m_sendAliveTimer.isRunning()) {
+        m_sendAliveTimer.stop();
+    }
+    if (m_aliveTimer.isRunning()) {
+        m_aliveTimer.stop();
+    }
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    if (pSocket != nullptr) {
+        pSocket->close();
+    }
+}
+
+void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
+    std::int32_t expected = m_receiveSeq.getValue();
+    if (ModuloValue::distance(seq, expected) < 0) {
+        logLine(eDebug) << "received a duplicate packet - ACK and ignore";
+        sendPacket(ACK, packet.getValue(), 0);
+        return;
+    }
+
+    m_receiveMutex.take();
+    if (m_receiveBuffer.isFull()) {
+        logLine(eDebug) << "receive buffer is full (dropping packet)";
+        m_receiveMutex.give();
+        return;
+    }
+    if (m_receiveMode.load() == eReliable) {
+        expected = m_receiveSeq.getValue();
+        if (ModuloValue::distance(seq, expected) <= 0) {
+            sendPacket(ACK, static_cast<std::uint32_t>(seq), 0);
+        } else {
+            // The count printed is not the size of the gap; tools match the line as it is.
+            std::int32_t count = (seq - (expected % 2)) % ModuloValue::MODULUS;
+            logLine(eWarning) << count << " packets lost";
+            sendPacket(NAK, static_cast<std::uint32_t>(expected), 0);
+            m_receiveMutex.give();
+            return;
+        }
+    }
+    // In realtime mode a gap is simply skipped: no line, no NAK, no acknowledgement.
+    m_receiveSeq.setFromWord(seq + 1);
+
+    if (packet.m_length != EUDPPacket::HEADER_LENGTH) {
+        if (!m_receiveBuffer.push(packet)) {
+            logLine(eError) << "push failed (internal error)";
+        }
+        m_receiveSem.give();
+    } else if (m_receiveMode.load() == eRealtime) {
+        // An empty datagram is the peer's keep-alive; in reliable mode the ACK above answered it.
+        sendPacket(NOP, 0, 0);
+    }
+    m_receiveMutex.give();
+}
+
+void EUDPTransport::handleModeRequest(std::uint32_t word) {
+    std::uint8_t bytes[4] = {
+        static_cast<std::uint8_t>(word & 0xFF), static_cast<std::uint8_t>((word >> 8) & 0xFF),
+        static_cast<std::uint8_t>((word >> 16) & 0xFF), static_cast<std::uint8_t>(word >> 24)};
+    // Byte 0 asks for our send direction, byte 2 for our receive direction; bytes 1 and 3 carry
+    // the answer. A refusal of byte 2 leaves a change made for byte 0 in force.
+    if (!applyModeRequest(bytes[0], m_bAllowSendRealtime, m_bAllowSendReliable, m_sendMode)) {
+        logLine(eWarning) << "unknown mode request (ignoring)";
+        return;
+    }
+    bytes[1] = static_cast<std::uint8_t>(m_sendMode.load() & 0xFF);
+    if (!applyModeRequest(bytes[2], m_bAllowReceiveRealtime, m_bAllowReceiveReliable, m_receiveMode)) {
+        logLine(eWarning) << "unknown mode request (ignoring)";
+        return;
+    }
+    bytes[3] = static_cast<std::uint8_t>(m_receiveMode.load() & 0xFF);
+    std::uint32_t answer =
+        static_cast<std::uint32_t>(bytes[0]) | (static_cast<std::uint32_t>(bytes[1]) << 8) |
+        (static_cast<std::uint32_t>(bytes[2]) << 16) | (static_cast<std::uint32_t>(bytes[3]) << 24);
+    sendPacket(MAK, answer, 0);
+}
+
+int EUDPTransport::receiveData(uint8* buffer, uint bufferSize) {
+    m_receiveSem.take();
+    m_receiveMutex.take();
+    bool consume = true;
+    if (m_receiveBuffer.isEmpty()) {
+        if (m_bClosed.load()) {
+            m_receiveMutex.give();
+            return 0;
+        }
+        // A count without a packet (only a failed push leaves one): the slot at the read index is
+        // taken as it stands, the last message consumed or an empty packet, and not consumed.
+        consume = false;
+    }
+    EUDPPacket& packet = m_receiveBuffer.front();
+    std::uint32_t length = packet.m_length - EUDPPacket::HEADER_LENGTH;
+    if (bufferSize < length) {
+        logLine(eError) << "receive failed, provided buffer too small";
+        m_receiveMutex.give();
+        return -1;
+    }
+    if (consume) {
+        m_receiveBuffer.pop();
+    }
+    if (length > 0) {
+        std::memcpy(buffer, packet.m_pHeader + EUDPPacket::HEADER_LENGTH, length);
+    }
+    m_receiveMutex.give();
+    return static_cast<int>(length);
+}

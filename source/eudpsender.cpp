@@ -1,0 +1,141 @@
+// EUDP sending path: control datagrams sent at once, data queued in the send ring, and the sender
+// thread that drains the ring once (realtime) or under the window with go-back resend (reliable).
+#include <eudptransport.h>
+
+using Corvane::Utilities::Logging::eDebug;
+using Corvane::Utilities::Logging::eError;
+
+namespace {
+const unsigned int ACK_WAIT_MS = 500;
+}  // namespace
+
+bool EUDPTransport::sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port) {
+    if (port == 0) {
+        port = m_peerPort.load();
+    }
+    if (port == 0) {
+        logLine(eError) << "no remote port (internal error)";
+        return false;
+    }
+    EUDPPacket packet(command);
+    packet.setValue(value);
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    if (pSocket == nullptr) {
+        return false;
+    }
+    int sent = pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress, port);
+    return sent == static_cast<int>(packet.m_length);
+}
+
+bool EUDPTransport::sendData(const uint8* data, uint length) {
+    m_sendMutex.take();
+    for (;;) {
+        if (m_bClosed.load() || m_bDestroying.load()) {
+            logLine(eDebug) << "trying to send, but connection closed";
+            if (m_bDestroying.load()) {
+                m_sendSpaceSem.give();  // pass the destructor's wake-up on to the next waiter
+            }
+            m_sendMutex.give();
+            return false;
+        }
+        if (!m_sendBuffer.isFull()) {
+            break;
+        }
+        // Never sleep on the lock: the sender thread and the ACK handling need it to free a slot.
+        m_sendMutex.give();
+        m_sendSpaceSem.take();
+        m_sendMutex.take();
+    }
+
+    // The number is taken before the payload is set, so a refused payload still uses one up and
+    // goes out empty.
+    EUDPPacket packet(CMD);
+    packet.setValue(static_cast<std::uint32_t>(m_sendSeq.getValue()));
+    m_sendSeq.advance();
+    packet.setData(data, length);
+    m_sendBuffer.push(packet);
+
+    m_sendWakeSem.give();
+    m_sendMutex.give();
+    return true;
+}
+
+// Sends the first queued datagram that is after m_lastSent, if the window allows. False when
+// nothing was sent (everything queued is out, or the window is full).
+static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint32_t>& unacked,
+                             const std::atomic<std::uint32_t>& windowSize, ModuloValue& lastSent,
+                             sal::UdpSocket* pSocket, const sal::HostAddress& address, uint16 port) {
+    for (std::uint32_t index = ring.readIndex(); index != ring.writeIndex(); index = ring.next(index)) {
+        if (static_cast<std::int32_t>(unacked.load()) >= static_cast<std::int32_t>(windowSize.load())) {
+            return false;
+        }
+        EUDPPacket& packet = ring.m_pBuffer[index];
+        std::int32_t word = static_cast<std::int32_t>(packet.getValue());
+        if (ModuloValue::distance(word, lastSent.getValue()) > 0) {
+            pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), address, port);
+            unacked.fetch_add(1);
+            lastSent.setFromWord(word);
+            return true;
+        }
+    }
+    return false;
+}
+
+void EUDPTransport::senderThread() {
+    if (m_bClosed.load()) {
+        return;
+    }
+    // Set by connect() or accept() before this thread was started; fixed while it runs.
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    for (;;) {
+        while (m_sendBuffer.isEmpty()) {
+            m_sendWakeSem.take();
+            if (m_bClosed.load()) {
+                return;
+            }
+        }
+
+        // The window test comes before every pass, in both modes: a window of 0 makes even the
+        // realtime sender wait 500 ms per pass.
+        if (m_unacked.load() == m_windowSize.load()) {
+            if (m_ackSem.take(ACK_WAIT_MS) != 0 && !m_bClosed.load()) {
+                m_unacked.store(0);
+                m_lastSent = m_lastAcked;
+            }
+        }
+
+        if (m_sendMode.load() == eReliable) {
+            m_sendMutex.take();
+            bool sent = sendNextReliable(m_sendBuffer, m_unacked, m_windowSize, m_lastSent, pSocket,
+                                         m_peerAddress, m_peerPort.load());
+            m_sendMutex.give();
+            if (!sent) {
+                int timedOut = m_ackSem.take(ACK_WAIT_MS);
+                if (m_bClosed.load()) {
+                    return;
+                }
+                if (timedOut != 0) {
+                    // Go back: everything after the last acknowledgement goes out again.
+                    m_unacked.store(0);
+                    m_lastSent = m_lastAcked;
+                }
+                continue;
+            }
+        } else {
+            m_sendMutex.take();
+            while (!m_sendBuffer.isEmpty()) {
+                EUDPPacket& packet = m_sendBuffer.front();
+                m_sendSpaceSem.give();
+                m_sendBuffer.pop();
+                // The slot stays untouched while the lock is held.
+                pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
+                                m_peerPort.load());
+            }
+            m_sendMutex.give();
+        }
+
+        if (m_bClosed.load()) {
+            return;
+        }
+    }
+}

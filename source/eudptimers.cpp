@@ -1,0 +1,58 @@
+// EUDP liveness supervision: after a quiet spell one keep-alive (an empty data datagram) goes out,
+// and a peer that stays silent for 10 s after it is taken for gone and the connection closed here.
+//
+// Both timers are started one-shot: one keep-alive per quiet spell, and one final expiry. A start
+// while a timer runs changes nothing, so a second keep-alive never postpones the close.
+#include <eudptransport.h>
+
+namespace {
+const unsigned int FINAL_WAIT_US = 10000000;
+}  // namespace
+
+void EUDPTransport::initTimers(unsigned int aliveTimeout) {
+    if (m_bTimersInitialised) {
+        return;
+    }
+    m_bTimersInitialised = true;
+    // The timers own their callbacks and delete them. The callbacks are in place before the
+    // period is, so that the receiver thread (already running) never arms a timer without one.
+    m_sendAliveTimer.setCallback(new sal::Callback<EUDPTransport>(this, &EUDPTransport::onSendAliveTimer));
+    m_aliveTimer.setCallback(new sal::Callback<EUDPTransport>(this, &EUDPTransport::onAliveTimer));
+    m_aliveTimeout.store(aliveTimeout);
+    resetTimers();
+}
+
+void EUDPTransport::resetTimers() {
+    if (m_sendAliveTimer.isRunning()) {
+        m_sendAliveTimer.stop();
+    }
+    if (m_aliveTimer.isRunning()) {
+        m_aliveTimer.stop();
+    }
+    // A period of 0 means initTimers has not run yet (the receiver starts before it): nothing to
+    // arm then, initTimers arms the timer itself.
+    unsigned int period = m_aliveTimeout.load();
+    if (period != 0) {
+        m_sendAliveTimer.start(period, true);
+    }
+}
+
+void EUDPTransport::onSendAliveTimer() {
+    // Armed before the keep-alive is queued: if the ring is full this callback waits in sendData,
+    // and the close must still come on time.
+    m_aliveTimer.start(FINAL_WAIT_US, true);
+    sendData(nullptr, 0);
+}
+
+void EUDPTransport::onAliveTimer() {
+    if (m_sendAliveTimer.isRunning()) {
+        m_sendAliveTimer.stop();
+    }
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    if (pSocket != nullptr) {
+        pSocket->close();
+    }
+    m_bClosed.store(true);
+    m_sendWakeSem.give();
+    m_receiveSem.give();
+}
