@@ -9,6 +9,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "testsupport.h"
@@ -50,6 +51,10 @@ std::string floatText(float f) {
 }
 
 }  // namespace
+
+static_assert(std::is_copy_constructible<ParameterValue>::value &&
+                  std::is_copy_assignable<ParameterValue>::value,
+              "values are passed and stored by value");
 
 TEST(ParameterValue, DefaultIsNoneInvAndEncodesAsItsTag) {
     ParameterValue value;

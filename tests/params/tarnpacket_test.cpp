@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "testsupport.h"
@@ -36,6 +37,12 @@ const char kBadValue[] = "TARN: failed to parse parameter value";
 const char kBadList[] = "TARN: failed to parse parameter list";
 
 }  // namespace
+
+// Built on the stack, never copied (its header pointer points into its own buffer), no heap.
+static_assert(!std::is_copy_constructible<TARNPacket>::value, "a packet is never copied");
+static_assert(!std::is_copy_assignable<TARNPacket>::value, "a packet is never assigned");
+static_assert(std::is_trivially_destructible<TARNPacket>::value, "a packet owns no heap memory");
+static_assert(sizeof(TARNHeader) == 4 && alignof(TARNHeader) == 1, "the header overlays the buffer's bytes");
 
 TEST(TARNPacket, FreshPacketIsItsHeader) {
     TARNPacket packet(CMD_SUBSCRIBE);
