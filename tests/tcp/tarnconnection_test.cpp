@@ -1,0 +1,353 @@
+// TARNConnection over TCP, set-up and sending: the exact bytes of each sending operation on a raw
+// peer, connect and its failures, status reports, the pass-through operations, disconnect, restart
+// and destruction.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include <tarnconnection.h>
+#include <tcptransport.h>
+
+#include "tcptestutil.h"
+#include "testsupport.h"
+
+using namespace testsupport;
+using namespace tcptest;
+namespace Log = Corvane::Utilities::Logging;
+
+namespace {
+
+// A client connection on a raw peer.
+struct Connected {
+    Events events;
+    RecordingClient client{events};
+    RawTcpListener listener;
+    std::unique_ptr<TARNConnection> connection{new TARNConnection(eTransportTCP)};
+    RawTcp peer{connectAndAccept()};
+
+    int connectAndAccept() {
+        EXPECT_TRUE(connection->connect("127.0.0.1", listener.port(), &client));
+        const int fd = listener.accept(5000);
+        EXPECT_GE(fd, 0);
+        return fd;
+    }
+    ~Connected() {
+        if (connection) {
+            connection->disconnect();
+        }
+    }
+
+    // The next frame the peer receives, as bytes with its 2-byte length in front.
+    Bytes nextWire() {
+        Bytes body;
+        EXPECT_TRUE(peer.receiveFrame(body, 5000));
+        return frame(body);
+    }
+};
+
+// A transport that records what the connection passes to it and answers as told.
+class FakeTransport final : public ITARNTransport {
+public:
+    explicit FakeTransport(std::atomic<bool>& deleted) : m_deleted(deleted) {}
+    ~FakeTransport() override { m_deleted = true; }
+    bool setWindowSize(uint windowSize) override {
+        lastWindow = windowSize;
+        return answer;
+    }
+    bool listen(const sal::HostAddress&, uint16) override { return false; }
+    ITARNTransport* accept() override { return nullptr; }
+    void allowSendMode(bool, bool) override {}
+    void allowReceiveMode(bool, bool) override {}
+    bool setSendMode(EConnMode mode) override {
+        lastSendMode = mode;
+        return answer;
+    }
+    bool setReceiveMode(EConnMode mode) override {
+        lastReceiveMode = mode;
+        return answer;
+    }
+    bool connect(const sal::HostAddress&, uint16) override { return false; }
+    void disconnect() override {}
+    bool sendData(const uint8*, uint) override { return false; }
+    int receiveData(uint8*, uint) override { return 0; }
+    sal::HostAddress getPeerAddress() const override { return sal::HostAddress("10.1.2.3"); }
+    uint16 getPeerPort() const override { return 4711; }
+    uint16 getLocalPort() const override { return 815; }
+
+    bool answer = false;
+    uint lastWindow = 0;
+    int lastSendMode = 0;
+    int lastReceiveMode = 0;
+
+private:
+    std::atomic<bool>& m_deleted;
+};
+
+}  // namespace
+
+TEST(TarnConnectionTcp, ConnectReportsConnectedOnTheCallersThread) {
+    Connected c;
+    ASSERT_TRUE(c.events.waitSize(1, 5000));
+    EXPECT_EQ(std::vector<std::string>{"client:connected"}, c.events.list());
+    EXPECT_EQ(std::this_thread::get_id(), c.events.threads()[0]);
+    EXPECT_EQ("127.0.0.1", c.connection->getPeerAddress());
+    EXPECT_EQ(c.listener.port(), c.connection->getPeerPort());
+    EXPECT_EQ(peerPortOf(c.peer.fd()), c.connection->getLocalPort());
+}
+
+TEST(TarnConnectionTcp, ConnectByHostName) {
+    Events events;
+    RecordingClient client(events);
+    RawTcpListener listener;
+    TARNConnection connection(eTransportTCP);
+    ASSERT_TRUE(connection.connect("localhost", listener.port(), &client));
+    RawTcp peer(listener.accept(5000));
+    EXPECT_TRUE(peer.valid());
+    connection.disconnect();
+}
+
+TEST(TarnConnectionTcp, ConnectWhereNobodyListensFailsWithoutThreadOrStatus) {
+    Events events;
+    RecordingClient client(events);
+    LogCapture log;
+    TARNConnection connection(eTransportTCP);
+    EXPECT_FALSE(connection.connect("127.0.0.1", unusedPort(), &client));
+    // No thread: a receive loop on the unconnected socket would end at once and report.
+    connection.disconnect();
+    EXPECT_FALSE(events.waitSize(1, 150));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    // The client was stored all the same.
+    connection.updateStatus(eConnected);
+    EXPECT_EQ(std::vector<std::string>{"client:connected"}, events.list());
+}
+
+TEST(TarnConnectionTcp, EachSendingOperationPutsItsExactBytesOnTheWire) {
+    Connected c;
+    // A trigger of the one-letter name A with the integer 1.
+    EXPECT_TRUE(c.connection->trigger("A", ParameterValue(1)));
+    EXPECT_EQ(hex(Bytes{0x0B, 0x00, 0x01, 0x54, 0x07, 0x00, 0x41, 0x00, 0x49, 0x01, 0x00, 0x00, 0x00}),
+              hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->updateState("t", ParameterValue(1.0f)));
+    EXPECT_EQ(hex(Bytes{0x0B, 0x00, 0x01, 'U', 0x07, 0x00, 't', 0x00, 0x46, 0x00, 0x00, 0x80, 0x3F}),
+              hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->updateState("on", ParameterValue("yes")));
+    EXPECT_EQ(hex(frame(packet('U', concat({cstr("on"), Bytes{'S', 'y', 'e', 's', 0}})))), hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->trigger("b", ParameterValue(false)));
+    EXPECT_EQ(hex(frame(packet('T', concat({cstr("b"), Bytes{'B', 0}})))), hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->trigger("none", ParameterValue()));
+    EXPECT_EQ(hex(frame(packet('T', concat({cstr("none"), Bytes{'N'}})))), hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->subscribe("lamp"));
+    EXPECT_EQ(hex(Bytes{0x09, 0x00, 0x01, 0x53, 0x05, 0x00, 'l', 'a', 'm', 'p', 0x00}), hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->unsubscribe("x"));
+    EXPECT_EQ(hex(Bytes{0x06, 0x00, 0x01, 0x58, 0x02, 0x00, 'x', 0x00}), hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->subscribe(""));  // an empty name is one NUL
+    EXPECT_EQ(hex(Bytes{0x05, 0x00, 0x01, 0x53, 0x01, 0x00, 0x00}), hex(c.nextWire()));
+
+    ParameterList params;
+    params.addBoolean("b", true);
+    params.addNumeric("a", 1);
+    EXPECT_TRUE(c.connection->callFunctionId("f", params));
+    EXPECT_EQ(hex(Bytes{0x12, 0x00, 0x01, 0x46, 0x0E, 0x00, 'f', 0x00, 0x02, 'a',
+                        0x00, 0x49, 0x01, 0x00, 0x00, 0x00, 'b', 0x00, 0x42, 0x01}),
+              hex(c.nextWire()));
+
+    EXPECT_TRUE(c.connection->callFunctionId("g", ParameterList()));
+    EXPECT_EQ(hex(frame(packet('F', concat({cstr("g"), Bytes{0}})))), hex(c.nextWire()));
+    EXPECT_TRUE(quietFor(c.peer.fd(), 50));
+}
+
+TEST(TarnConnectionTcp, ABodyThatDidNotFitGoesOutAsFarAsItFitted) {
+    Connected c;
+    LogCapture log;
+    // The name is refused (it needs 1489 bytes of room), the value after it still fits.
+    EXPECT_TRUE(c.connection->trigger(std::string(1488, 'n'), ParameterValue(7)));
+    EXPECT_EQ(hex(frame(packet('T', intValue(7)))), hex(c.nextWire()));
+    EXPECT_TRUE(log.contains(Log::eError, "TARN: TARN packet length (1489) exceeds max length (1488)"))
+        << log.dump();
+
+    // A name that fills the packet exactly leaves no room for the value.
+    EXPECT_TRUE(c.connection->trigger(std::string(1487, 'm'), ParameterValue(7)));
+    const Bytes wire = c.nextWire();
+    ASSERT_EQ(2u + 1492u, wire.size());
+    EXPECT_EQ(hex(Bytes{0xD4, 0x05, 0x01, 'T', 0xD0, 0x05, 'm'}), hex(Bytes(wire.begin(), wire.begin() + 7)));
+    EXPECT_EQ(0, wire.back());
+}
+
+TEST(TarnConnectionTcp, SendFailuresLogTheMessageRunTogetherWithTheName) {
+    Events events;
+    RecordingClient client(events);
+    TARNConnection connection(eTransportTCP);  // never connected: every send fails
+    LogCapture log;
+    EXPECT_FALSE(connection.trigger("lamp", ParameterValue(1)));
+    EXPECT_FALSE(connection.updateState("lamp", ParameterValue(true)));
+    EXPECT_FALSE(connection.subscribe("lamp"));
+    EXPECT_FALSE(connection.unsubscribe("lamp"));
+    EXPECT_FALSE(connection.callFunctionId("lamp", ParameterList()));
+    const std::vector<std::string> expected{
+        "TARN: failed to send triggerlamp", "TARN: failed to send state updatelamp",
+        "TARN: failed to send subscribe cmdlamp", "TARN: failed to send unsubscribe cmdlamp",
+        "TARN: failed to send FID cmdlamp"};
+    const auto lines = log.lines();
+    ASSERT_EQ(expected.size(), lines.size()) << log.dump();
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(expected[i], lines[i].text);
+        EXPECT_EQ(Log::eDebug, lines[i].level);
+        EXPECT_EQ("TARN", lines[i].category);
+    }
+    EXPECT_EQ(0u, events.size());  // no status change
+}
+
+TEST(TarnConnectionTcp, SendFailsAfterDisconnectAndTheConnectionStaysAsItWas) {
+    Connected c;
+    ASSERT_TRUE(c.events.waitFor("client:connected", 5000));
+    c.connection->disconnect();
+    ASSERT_TRUE(c.events.waitFor("client:disconnected", 5000));
+    LogCapture log;
+    EXPECT_FALSE(c.connection->trigger("x", ParameterValue(1)));
+    EXPECT_EQ(1, log.count(Log::eDebug, "TARN: failed to send triggerx"));
+    EXPECT_EQ(2u, c.events.size());
+}
+
+TEST(TarnConnectionTcp, SendingWorksBeforeTheThreadIsStarted) {
+    TCPTransport listening;
+    ASSERT_TRUE(listening.listen(sal::HostAddress("127.0.0.1"), 0));
+    RawTcp peer = RawTcp::connectTo(listening.getLocalPort());
+    TARNConnection connection(listening.accept());  // not started
+    EXPECT_TRUE(connection.trigger("A", ParameterValue(1)));
+    Bytes body;
+    ASSERT_TRUE(peer.receiveFrame(body, 5000));
+    EXPECT_EQ(packet('T', concat({cstr("A"), intValue(1)})), body);
+    listening.disconnect();
+}
+
+TEST(TarnConnectionTcp, UpdateStatusGoesToClientThenServer) {
+    Events events;
+    RecordingClient client(events);
+    RecordingServer server(events);
+    TARNConnection connection(eTransportTCP);
+    connection.updateStatus(eConnected);  // neither set: nothing happens
+    EXPECT_EQ(0u, events.size());
+
+    connection.setServer(&server);
+    connection.updateStatus(eDisconnected);
+    EXPECT_EQ(std::vector<std::string>{"server:disconnected"}, events.list());
+
+    EXPECT_FALSE(connection.connect("127.0.0.1", unusedPort(), &client));
+    connection.updateStatus(eConnected);
+    EXPECT_EQ((std::vector<std::string>{"server:disconnected", "client:connected", "server:connected"}),
+              events.list());
+}
+
+TEST(TarnConnectionTcp, ModeAndWindowOperationsOnTcp) {
+    Connected c;
+    EXPECT_FALSE(c.connection->setSendMode(eRealtime));
+    EXPECT_TRUE(c.connection->setSendMode(eReliable));
+    EXPECT_FALSE(c.connection->setReceiveMode(eRealtime));
+    EXPECT_TRUE(c.connection->setReceiveMode(eReliable));
+    EXPECT_FALSE(c.connection->setWindowSize(10));
+    EXPECT_TRUE(quietFor(c.peer.fd(), 50));
+}
+
+TEST(TarnConnectionTcp, PassThroughOperationsReturnTheTransportsVerdictUnchanged) {
+    std::atomic<bool> deleted{false};
+    FakeTransport* fake = new FakeTransport(deleted);
+    {
+        TARNConnection connection(fake);
+        fake->answer = true;
+        EXPECT_TRUE(connection.setWindowSize(77));
+        EXPECT_EQ(77u, fake->lastWindow);
+        EXPECT_TRUE(connection.setSendMode(eRealtime));
+        EXPECT_EQ('T', fake->lastSendMode);
+        fake->answer = false;
+        EXPECT_FALSE(connection.setReceiveMode(eReliable));
+        EXPECT_EQ('R', fake->lastReceiveMode);
+        EXPECT_EQ("10.1.2.3", connection.getPeerAddress());
+        EXPECT_EQ(4711, connection.getPeerPort());
+        EXPECT_EQ(815, connection.getLocalPort());
+        EXPECT_FALSE(deleted.load());
+    }
+    EXPECT_TRUE(deleted.load());  // the connection owned the transport
+}
+
+TEST(TarnConnectionTcp, UnconnectedConnectionHasNoPeer) {
+    TARNConnection connection(eTransportTCP);
+    EXPECT_EQ("", connection.getPeerAddress());
+    EXPECT_EQ(0, connection.getPeerPort());
+    EXPECT_EQ(0, connection.getLocalPort());
+}
+
+TEST(TarnConnectionTcp, DisconnectEndsTheLoopWithOneDisconnectedOnTheReceiveThread) {
+    Connected c;
+    ASSERT_TRUE(c.events.waitFor("client:connected", 5000));
+    const std::int64_t start = nowMs();
+    c.connection->disconnect();
+    EXPECT_GE(nowMs() - start, 10);  // the pause that lets the loop see the stop flag
+    ASSERT_TRUE(c.events.waitFor("client:disconnected", 5000));
+    EXPECT_TRUE(c.peer.waitClosed(5000));
+    EXPECT_FALSE(c.events.waitSize(3, 200));
+    EXPECT_EQ(1, c.events.count("client:disconnected"));
+    EXPECT_NE(std::this_thread::get_id(), c.events.threads()[1]);
+    c.connection->disconnect();  // a second disconnect reports nothing more
+    EXPECT_FALSE(c.events.waitSize(3, 100));
+}
+
+TEST(TarnConnectionTcp, ConnectAgainAfterDisconnectRestartsTheSameConnection) {
+    Connected c;
+    ASSERT_TRUE(c.events.waitFor("client:connected", 5000));
+    c.connection->disconnect();
+    ASSERT_TRUE(c.events.waitFor("client:disconnected", 5000));
+
+    RawTcpListener second;
+    ASSERT_TRUE(c.connection->connect("127.0.0.1", second.port(), &c.client));
+    RawTcp peer(second.accept(5000));
+    ASSERT_TRUE(peer.valid());
+    ASSERT_TRUE(peer.sendAll(frame(packet('T', concat({cstr("again"), intValue(2)})))));
+    ASSERT_TRUE(c.events.waitSize(4, 5000));
+    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:connected",
+                                        "client:trigger again I:2"}),
+              c.events.list());
+    c.connection->disconnect();
+    ASSERT_TRUE(c.events.waitSize(5, 5000));
+    EXPECT_EQ("client:disconnected", c.events.list()[4]);
+}
+
+TEST(TarnConnectionTcp, DeletingAConnectionWaitsAtLeast200Ms) {
+    Connected c;
+    c.connection->disconnect();
+    const std::int64_t start = nowMs();
+    c.connection.reset();
+    EXPECT_GE(nowMs() - start, 200);
+
+    TARNConnection* unused = new TARNConnection(eTransportTCP);
+    const std::int64_t start2 = nowMs();
+    delete unused;
+    EXPECT_GE(nowMs() - start2, 200);
+}
+
+TEST(TarnConnectionTcp, DeletingWithoutDisconnectStillEndsTheLoop) {
+    Events events;
+    RecordingClient client(events);
+    RawTcpListener listener;
+    auto* connection = new TARNConnection(eTransportTCP);
+    ASSERT_TRUE(connection->connect("127.0.0.1", listener.port(), &client));
+    RawTcp peer(listener.accept(5000));
+    delete connection;  // against the rules, but the host process survives it
+    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected"}), events.list());
+    EXPECT_TRUE(peer.waitClosed(5000));
+}
+
+TEST(TarnConnectionTcpDeathTest, UnknownTransportKindIsRefused) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH({ TARNConnection connection(static_cast<ETransport>(2)); },
+                 "source/tarnconnection\\.cpp:49: TARNConnection::TARNConnection\\(ETransport\\): "
+                 "Assertion `false' failed\\.");
+}

@@ -1,0 +1,335 @@
+// TARNListener over TCP: accepting peers in turn, handing connections to the connector, shut-down
+// and restart, a failed accept, ownership of the connector, and the listener thread's assertions.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <tarnconnection.h>
+#include <tarnlistener.h>
+
+#include "tcptestutil.h"
+#include "testsupport.h"
+
+using namespace testsupport;
+using namespace tcptest;
+namespace Log = Corvane::Utilities::Logging;
+
+namespace {
+
+// Keeps every connection it is handed (the application owns them), attaches a recording server to
+// each, and disconnects and deletes them at the end.
+class Application {
+public:
+    ~Application() {
+        for (auto* connection : connections()) {
+            connection->disconnect();
+        }
+        for (auto* connection : connections()) {
+            delete connection;
+        }
+    }
+    void adopt(TARNConnection* connection) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const std::string prefix = "server" + std::to_string(m_connections.size());
+        events.add(prefix + ":new");
+        m_servers.emplace_back(new RecordingServer(events, prefix));
+        m_connections.push_back(connection);
+        connection->setServer(m_servers.back().get());
+    }
+    std::vector<TARNConnection*> connections() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_connections;
+    }
+    Events events;
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<RecordingServer>> m_servers;
+    std::vector<TARNConnection*> m_connections;
+};
+
+// The connector the listener owns; tells the application and reports its own deletion.
+class Connector final : public ITARNConnector {
+public:
+    Connector(Application& application, std::atomic<bool>* deleted = nullptr)
+        : m_application(application), m_deleted(deleted) {}
+    ~Connector() override {
+        if (m_deleted != nullptr) {
+            *m_deleted = true;
+        }
+    }
+    void onNewConnection(TARNConnection* connection) override { m_application.adopt(connection); }
+
+private:
+    Application& m_application;
+    std::atomic<bool>* m_deleted;
+};
+
+uint16 waitForPort(const TARNListener& listener, uint16 other = 0) {
+    uint16 port = 0;
+    waitUntil(
+        [&] {
+            port = listener.getLocalPort();
+            return port != 0 && port != other;
+        },
+        5000);
+    return port;
+}
+
+}  // namespace
+
+TEST(TarnListenerTcp, HandsEachPeerToTheConnectorThenReportsConnected) {
+    Application app;
+    TARNListener listener(eTransportTCP);
+    EXPECT_EQ(0, listener.getLocalPort());
+    EXPECT_TRUE(listener.listen("127.0.0.1", 0, new Connector(app)));
+    const uint16 port = waitForPort(listener);
+    ASSERT_NE(0, port);
+    RawTcp peer = RawTcp::connectTo(port);
+    ASSERT_TRUE(peer.valid());
+    ASSERT_TRUE(app.events.waitSize(2, 5000));
+    ASSERT_TRUE(peer.sendAll(frame(packet('S', cstr("lamp")))));
+    ASSERT_TRUE(app.events.waitSize(3, 5000));
+    EXPECT_EQ((std::vector<std::string>{"server0:new", "server0:connected", "server0:subscribe lamp"}),
+              app.events.list());
+    // New connection, connected status and commands all come from threads of the library.
+    for (const auto& id : app.events.threads()) {
+        EXPECT_NE(std::this_thread::get_id(), id);
+    }
+    auto connections = app.connections();
+    ASSERT_EQ(1u, connections.size());
+    EXPECT_EQ("127.0.0.1", connections[0]->getPeerAddress());
+    EXPECT_EQ(localPortOf(peer.fd()), connections[0]->getPeerPort());
+    EXPECT_EQ(port, connections[0]->getLocalPort());
+}
+
+TEST(TarnListenerTcp, ThreePeersInTurnGiveThreeConnectionsEachFollowedByConnected) {
+    Application app;
+    TARNListener listener(eTransportTCP);
+    listener.listen("127.0.0.1", 0, new Connector(app));
+    const uint16 port = waitForPort(listener);
+    std::vector<RawTcp> peers;
+    for (int i = 0; i < 3; ++i) {
+        peers.push_back(RawTcp::connectTo(port));
+        ASSERT_TRUE(app.events.waitSize(static_cast<std::size_t>(2 * (i + 1)), 5000));
+    }
+    EXPECT_EQ((std::vector<std::string>{"server0:new", "server0:connected", "server1:new",
+                                        "server1:connected", "server2:new", "server2:connected"}),
+              app.events.list());
+    // Each connection is its own: a command on the second peer reaches the second server only.
+    ASSERT_TRUE(peers[1].sendAll(frame(packet('X', cstr("b")))));
+    ASSERT_TRUE(app.events.waitSize(7, 5000));
+    EXPECT_EQ("server1:unsubscribe b", app.events.list()[6]);
+}
+
+TEST(TarnListenerTcp, ListenOnATakenPortStillReturnsTrue) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The bind fails on the thread; the platform's accept then yields no socket, and the listener
+    // hands out a connection whose transport has none: its first receive fails the assertion.
+    EXPECT_DEATH(
+        {
+            RawTcpListener taken;
+            Application app;
+            TARNListener listener(eTransportTCP);
+            if (!listener.listen("127.0.0.1", taken.port(), new Connector(app))) {
+                std::fprintf(stderr, "listen returned false\n");
+                std::_Exit(3);
+            }
+            std::fprintf(stderr, "listen returned true\n");
+            std::this_thread::sleep_for(std::chrono::seconds(30));
+        },
+        "listen returned true\n.*source/tcptransport\\.cpp:118: virtual int "
+        "TCPTransport::receiveData\\(uint8\\*, "
+        "uint\\): Assertion `m_pSocket' failed\\.");
+}
+
+TEST(TarnListenerTcp, ShutdownWhileWaitingInAcceptEndsTheThreadWithTheInfoLine) {
+    Application app;
+    LogCapture log;
+    TARNListener listener(eTransportTCP);
+    listener.listen("127.0.0.1", 0, new Connector(app));
+    ASSERT_NE(0, waitForPort(listener));
+    EXPECT_TRUE(listener.shutdown(-1));
+    const auto lines = log.lines();
+    ASSERT_EQ(1u, lines.size()) << log.dump();
+    EXPECT_EQ("TARN: listener is shut down", lines[0].text);
+    EXPECT_EQ(Log::eInfo, lines[0].level);
+    EXPECT_EQ("TARN", lines[0].category);
+    EXPECT_EQ(0u, app.events.size());
+}
+
+TEST(TarnListenerTcp, ShutdownWithoutThreadReturnsFalse) {
+    TARNListener listener(eTransportTCP);
+    EXPECT_FALSE(listener.shutdown(100));
+    EXPECT_FALSE(listener.shutdown(-1));
+}
+
+TEST(TarnListenerTcp, ShutdownRightAfterListenDoesNotHang) {
+    Application app;
+    LogCapture log;
+    TARNListener listener(eTransportTCP);
+    listener.listen("127.0.0.1", 0, new Connector(app));
+    EXPECT_TRUE(listener.shutdown(5000));
+    EXPECT_TRUE(log.waitFor(Log::eInfo, "TARN: listener is shut down", 5000)) << log.dump();
+}
+
+TEST(TarnListenerTcp, DeletingTheListenerDeletesTheConnectorAndLeavesConnectionsAlone) {
+    Application app;
+    std::atomic<bool> deleted{false};
+    auto* listener = new TARNListener(eTransportTCP);
+    listener->listen("127.0.0.1", 0, new Connector(app, &deleted));
+    const uint16 port = waitForPort(*listener);
+    RawTcp peer = RawTcp::connectTo(port);
+    ASSERT_TRUE(app.events.waitSize(2, 5000));
+    EXPECT_FALSE(deleted.load());
+    delete listener;
+    EXPECT_TRUE(deleted.load());
+    // The accepted connection lives on.
+    ASSERT_TRUE(peer.sendAll(frame(packet('S', cstr("still")))));
+    ASSERT_TRUE(app.events.waitFor("server0:subscribe still", 5000));
+    EXPECT_TRUE(app.connections()[0]->trigger("t", ParameterValue(1)));
+    Bytes body;
+    ASSERT_TRUE(peer.receiveFrame(body, 5000));
+    EXPECT_EQ(packet('T', concat({cstr("t"), intValue(1)})), body);
+}
+
+TEST(TarnListenerTcp, DeletingAListenerThatNeverListenedDeletesItsConnectorToo) {
+    // A listener without a connector deletes nothing; one whose thread ended still deletes it.
+    { TARNListener idle(eTransportTCP); }
+    Application app;
+    std::atomic<bool> deleted{false};
+    {
+        TARNListener listener(eTransportTCP);
+        listener.listen("127.0.0.1", 0, new Connector(app, &deleted));
+        ASSERT_NE(0, waitForPort(listener));
+        EXPECT_TRUE(listener.shutdown(-1));
+        EXPECT_FALSE(deleted.load());
+    }
+    EXPECT_TRUE(deleted.load());
+}
+
+TEST(TarnListenerTcp, BareStartAfterShutdownEndsAfterItsFirstPeer) {
+    Application app;
+    LogCapture log;
+    TARNListener listener(eTransportTCP);
+    listener.listen("127.0.0.1", 0, new Connector(app));
+    const uint16 first = waitForPort(listener);
+    ASSERT_TRUE(listener.shutdown(-1));
+    ASSERT_EQ(1, log.count(Log::eInfo, "TARN: listener is shut down"));
+
+    EXPECT_TRUE(listener.start());  // a new run with a new listening transport
+    const uint16 second = waitForPort(listener, first);
+    ASSERT_NE(0, second);
+    ASSERT_NE(first, second);
+    RawTcp peer = RawTcp::connectTo(second);
+    ASSERT_TRUE(peer.valid());
+    ASSERT_TRUE(log.waitFor(Log::eInfo, "TARN: listener is shut down", 5000));
+    ASSERT_TRUE(waitUntil([&] { return log.count(Log::eInfo, "TARN: listener is shut down") == 2; }, 5000));
+    // The peer was dropped unused, and the connector never heard of it.
+    EXPECT_TRUE(peer.waitClosed(5000));
+    EXPECT_EQ(0u, app.events.size());
+    // The run is over: the thread can be started again.
+    EXPECT_TRUE(listener.shutdown(1000));
+}
+
+TEST(TarnListenerTcp, ListenAgainAfterShutdownServesPeersAgain) {
+    Application app;
+    TARNListener listener(eTransportTCP);
+    auto* connector = new Connector(app);  // stored again by the second listen, deleted once
+    listener.listen("127.0.0.1", 0, connector);
+    const uint16 first = waitForPort(listener);
+    ASSERT_TRUE(listener.shutdown(-1));
+    EXPECT_TRUE(listener.listen("127.0.0.1", 0, connector));
+    const uint16 second = waitForPort(listener, first);
+    ASSERT_NE(0, second);
+    RawTcp one = RawTcp::connectTo(second);
+    RawTcp two = RawTcp::connectTo(second);
+    ASSERT_TRUE(app.events.waitSize(4, 5000));
+    EXPECT_EQ(2, app.events.count("server0:connected") + app.events.count("server1:connected"));
+}
+
+namespace {
+
+// Holds the listener's thread inside onNewConnection until released.
+class BlockingConnector final : public ITARNConnector {
+public:
+    explicit BlockingConnector(Application& application) : m_application(application) {}
+    void onNewConnection(TARNConnection* connection) override {
+        m_application.adopt(connection);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_bInside = true;
+        m_changed.notify_all();
+        m_changed.wait(lock, [&] { return m_bReleased; });
+    }
+    bool waitInside() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_bInside; });
+    }
+    void release() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bReleased = true;
+        m_changed.notify_all();
+    }
+
+private:
+    Application& m_application;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_bInside = false;
+    bool m_bReleased = false;
+};
+
+}  // namespace
+
+TEST(TarnListenerTcp, AFailedAcceptEndsTheLoopWithTheErrorLineAndNoRetry) {
+    Application app;
+    LogCapture log;
+    TARNListener listener(eTransportTCP);
+    auto* connector = new BlockingConnector(app);
+    listener.listen("127.0.0.1", 0, connector);
+    const uint16 port = waitForPort(listener);
+    RawTcp peer = RawTcp::connectTo(port);
+    ASSERT_TRUE(connector->waitInside());
+    // While the thread is busy with the first peer, the listening transport is closed and the
+    // running flag raised again: the next accept fails with the loop meant to go on.
+    EXPECT_TRUE(listener.shutdownCallback());
+    EXPECT_TRUE(listener.listen("127.0.0.1", port, connector));  // true although the thread runs
+    connector->release();
+    ASSERT_TRUE(log.waitFor(Log::eError, "TARN: failed to accept incoming connection", 5000)) << log.dump();
+    EXPECT_TRUE(listener.shutdown(5000));
+    EXPECT_EQ(0, log.count("TARN: listener is shut down"));
+    EXPECT_EQ(1, log.count(Log::eError, "TARN: failed to accept incoming connection"));
+    // The first peer was served all the same.
+    ASSERT_TRUE(app.events.waitFor("server0:connected", 5000));
+    ASSERT_TRUE(peer.sendAll(frame(packet('S', cstr("x")))));
+    EXPECT_TRUE(app.events.waitFor("server0:subscribe x", 5000));
+}
+
+TEST(TarnListenerTcpDeathTest, UnknownTransportKindFailsOnTheThread) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Application app;
+            TARNListener listener(static_cast<ETransport>(2));
+            listener.listen("127.0.0.1", 0, new Connector(app));
+            std::this_thread::sleep_for(std::chrono::seconds(30));
+        },
+        "source/tarnlistener\\.cpp:89: void TARNListener::run\\(\\): Assertion `false' failed\\.");
+}
+
+TEST(TarnListenerTcpDeathTest, MissingConnectorFailsOnTheThread) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            TARNListener listener(eTransportTCP);
+            listener.listen("127.0.0.1", 0, nullptr);
+            std::this_thread::sleep_for(std::chrono::seconds(30));
+        },
+        "source/tarnlistener\\.cpp:94: void TARNListener::run\\(\\): Assertion `m_pConnector' failed\\.");
+}
