@@ -165,7 +165,8 @@ end
 
 -- A field that starts past the received bytes has no value we could show: a text item marks it.
 local function mark_beyond(r, tree, what)
-    local item = tree:add(r.tvb(r.limit, 0), what:sub(1, 1):upper() .. what:sub(2) .. ": [beyond the end of the message]")
+    local label = what:sub(1, 1):upper() .. what:sub(2) .. ": [beyond the end of the message]"
+    local item = tree:add(r.tvb(r.limit, 0), label)
     item:add_proto_expert_info(te.beyond, "the " .. what .. " lies beyond the end of the message: the receiver reads "
         .. "leftover bytes of an earlier message there")
     r.lost = true
@@ -182,7 +183,7 @@ local function read_string(r, tree, field, what)
     local nul = find_nul(r.tvb, r.pos, r.limit)
     if not nul then
         local item = tree:add(field, r.tvb(r.pos, r.limit - r.pos), "")
-        item:append_text(" [unterminated: " .. quoted(text_at(r.tvb, r.pos, r.limit - r.pos)) .. "]")
+        item:append_text("[unterminated: " .. quoted(text_at(r.tvb, r.pos, r.limit - r.pos)) .. "]")
         item:add_proto_expert_info(te.unterminated, "unterminated string in packet: the receiver uses an empty "
             .. what .. " and reads the next field from the same place")
         r.failed = true
@@ -212,8 +213,9 @@ local function decode_value(r)
     if tag == 0x49 or tag == 0x46 then -- I, F: both ask for 5 bytes when read
         if size <= 4 then
             v.text = "0"
+            local left = size == 2 and "1 is" or (size - 1) .. " are"
             v.problem = string.format("failed to parse parameter value: the %s needs 4 bytes after its tag and %s "
-                .. "left; the receiver keeps the type with a zero payload", kind, size == 2 and "1 is" or (size - 1) .. " are")
+                .. "left; the receiver keeps the type with a zero payload", kind, left)
         else
             v.consumed = 5
             if tag == 0x49 then
@@ -264,8 +266,8 @@ local function add_value(r, tree, v)
             return
         end
         local item = tree:add(tf.value, tvb(v.pos, 0), v.text)
-        item:add_proto_expert_info(te.bad_value, "failed to parse parameter value: nothing is left for it; the receiver "
-            .. "keeps a value of type none")
+        item:add_proto_expert_info(te.bad_value, "failed to parse parameter value: nothing is left for it; the "
+            .. "receiver keeps a value of type none")
         r.failed = true
         return
     end
@@ -315,8 +317,9 @@ local function read_list(r, tree)
     local count_item = list:add(tf.params_count, tvb(start, 1))
     if remaining < 0 then
         count_item:append_text(string.format(" (read as %d)", remaining))
-        count_item:add_proto_expert_info(te.negative_count, string.format("count byte 0x%02X is read as %d: the receiver "
-            .. "decodes entries until a name runs past the message and then fails to parse the list", count, remaining))
+        count_item:add_proto_expert_info(te.negative_count, string.format("count byte 0x%02X is read as %d: the "
+            .. "receiver decodes entries until a name runs past the message and then fails to parse the list", count,
+            remaining))
     end
     r.pos = start + 1
     local entries, seen = 0, {}
@@ -382,7 +385,8 @@ local function dissect_message(tvb, t, refused)
     if version ~= 1 then
         problem = { te.wrong_version, string.format("packet validation failed: wrong version (%d)", version) }
     elseif n < HEADER then
-        problem = { te.short_header, "packet validation failed: header too short (" .. count_of(n, "byte", "bytes") .. ")" }
+        problem = { te.short_header, "packet validation failed: header too short (" .. count_of(n, "byte", "bytes")
+            .. ")" }
     end
     if n >= HEADER then
         local length = tvb(2, 2):le_uint()
@@ -426,7 +430,8 @@ local function dissect_message(tvb, t, refused)
         if not r.lost then
             entries = read_list(r, t)
         end
-        summary = string.format("%s %s (%s)", summary, quoted(name or "?"), count_of(entries, "parameter", "parameters"))
+        summary = string.format("%s %s (%s)", summary, quoted(name or "?"),
+            count_of(entries, "parameter", "parameters"))
     else
         if n > HEADER then
             t:add(tf.body, tvb(HEADER, n - HEADER))
@@ -449,20 +454,17 @@ local function dissect_message(tvb, t, refused)
     return summary
 end
 
--- Adds a TARN tree for message bytes [offset, offset + count) of tvb; returns the summary.
+-- Adds a TARN tree for the message in bytes [offset, offset + count) of tvb (count > 0);
+-- returns the summary.
 local function dissect_message_at(tvb, tree, offset, count)
-    local t = tree:add(tarn, tvb(offset, count))
-    if count == 0 then
-        t:add_proto_expert_info(te.empty, "empty message: it carries no TARN packet")
-        return "empty message"
-    end
-    return dissect_message(tvb(offset, count):tvb(), t)
+    return dissect_message(tvb(offset, count):tvb(), tree:add(tarn, tvb(offset, count)))
 end
 
 -- ---- Info column -------------------------------------------------------------------------------
 -- Several messages may share a frame, and TCP may call the dissector twice for one frame (once
--- with a reassembled message, once with what follows it). Their summaries are joined with ", ";
--- a column that no longer holds our last text means that a new dissection of the frame began.
+-- with a reassembled message, once with what follows it, fencing the column in between). The
+-- summaries are joined with ", " into one text that replaces the column whole; a column that no
+-- longer holds our last text means that a new dissection of the frame began.
 
 local info_frame, info_text, info_parts = -1, nil, {}
 
@@ -473,12 +475,13 @@ local function add_info(pinfo, protocol, summary)
     end
     info_parts[#info_parts + 1] = summary
     info_text = table.concat(info_parts, ", ")
+    pinfo.cols.info:clear_fence()
     pinfo.cols.info = info_text
 end
 
 -- ---- TARN over TCP -----------------------------------------------------------------------------
 
-local function frame_length(tvb, pinfo, offset)
+local function pdu_length(tvb, pinfo, offset)
     return tvb(offset, 2):le_uint() + 2
 end
 
@@ -496,7 +499,7 @@ local function dissect_frame(tvb, pinfo, tree)
     end
     local summary
     if length == 0 then
-        t:add_proto_expert_info(te.empty, "empty message: it carries no TARN packet")
+        t:add_proto_expert_info(te.empty, "empty message: the receiver skips it and reads the next frame")
         summary = "empty message"
     else
         summary = dissect_message(tvb(2, length):tvb(), t, refused)
@@ -516,8 +519,8 @@ local function dissect_split(tvb, pinfo, tree, split)
     if split.kind == "length" then
         local t = tree:add(tarn, tvb(0, 2))
         t:add_le(tf.frame_length, tvb(0, 2))
-        t:add_proto_expert_info(te.split, string.format("the frame length travels alone; its message follows in frame %d",
-            split.other))
+        t:add_proto_expert_info(te.split, string.format("the frame length travels alone; its message follows in "
+            .. "frame %d", split.other))
         add_info(pinfo, "TARN", "frame length " .. split.len)
         return 2
     end
@@ -555,7 +558,7 @@ function tarn.dissector(tvb, pinfo, tree)
     if split then
         return dissect_split(tvb, pinfo, tree, split)
     end
-    dissect_tcp_pdus(tvb, tree, 2, frame_length, dissect_frame, true)
+    dissect_tcp_pdus(tvb, tree, 2, pdu_length, dissect_frame, true)
     return tvb:len()
 end
 
@@ -620,7 +623,8 @@ function eudp.dissector(tvb, pinfo, tree)
     if version ~= 1 then
         problem = { ee.wrong_version, string.format("packet validation failed: wrong version (%d)", version) }
     elseif n < EUDP_HEADER then
-        problem = { ee.short_header, "packet validation failed: header too short (" .. count_of(n, "byte", "bytes") .. ")" }
+        problem = { ee.short_header, "packet validation failed: header too short (" .. count_of(n, "byte", "bytes")
+            .. ")" }
     elseif not command then
         problem = { ee.unknown_command, "packet validation failed: unknown command '" .. letters(tvb, 1, 3) .. "'" }
     end

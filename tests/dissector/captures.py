@@ -49,10 +49,10 @@ def tcp_commands(path, tcp_port, client_port=40000):
     # libtarn's own pattern: the 2-byte length and the message in two sends.
     f["lib_length"] = st.send(True, struct.pack("<H", 9))
     f["lib_body"] = st.send(True, tarn("S", b"door\0"))
-    # A whole frame with the head of the next, then the rest of that one.
+    # A whole frame with the head of the next, then the rest of that one with one more whole frame.
     second = tcp_frame(tarn("X", b"door\0"))
     f["tail_a"] = st.send(True, tcp_frame(tarn("S", b"gate\0")) + second[:3])
-    f["tail_b"] = st.send(True, second[3:])
+    f["tail_b"] = st.send(True, second[3:] + tcp_frame(tarn("S", b"yard\0")))
     cap.write(path)
     return f
 
@@ -138,7 +138,8 @@ TCP_MALFORMED = [
      ["unknown command 0x00 ('\\x00'): the receiver ignores the packet"], "Unknown command"),
     ("trailing", tcp_frame(tarn("S", b"lamp\0\xAA\xBB")),
      ["2 bytes after the last field are ignored"], 'Subscribe "lamp"'),
-    ("empty_frame", tcp_frame(b""), ["empty message: it carries no TARN packet"], "empty message"),
+    ("empty_frame", tcp_frame(b""), ["empty message: the receiver skips it and reads the next frame"],
+     "empty message"),
     # Last: a receiver that meets it stops reading the stream.
     ("oversized", tcp_frame(tarn("S", b"a" * 1495 + b"\0")),
      ["a message of 1500 bytes is longer than 1492: the receiver refuses it, leaves it in the stream and ends its "

@@ -71,7 +71,8 @@ TCP_EXPECTED = {
     "lib_body": {"tarn.frame_length": ["9"], "tarn.command": ["S"], "tarn.name": ["door"],
                  "_ws.col.Info": ['Subscribe "door"']},
     "tail_a": {"tarn.command": ["S"], "tarn.name": ["gate"], "_ws.col.Info": ['Subscribe "gate"']},
-    "tail_b": {"tarn.command": ["X"], "tarn.name": ["door"], "_ws.col.Info": ['Unsubscribe "door"']},
+    "tail_b": {"tarn.command": ["X", "S"], "tarn.name": ["door", "yard"],
+               "_ws.col.Info": ['Unsubscribe "door", Subscribe "yard"']},
 }
 
 EUDP_EXPECTED = {
