@@ -1,0 +1,74 @@
+// The client side of the tool: one TARNConnection to a server, with its ITARNClient callbacks
+// turned into events on the main thread's queue.
+//
+// Ownership: the session owns its connection (and through it the transport, which the session
+// creates itself so that an EUDP transport's modes can be shown). close() disconnects and then
+// deletes the connection; it runs on the main thread only, never from a callback. The session must
+// outlive its connection, which the destructor guarantees by closing first.
+//
+// Threads: connect, close and the accessors on the main thread; the callbacks on the connection's
+// receive thread, where they only push events.
+#ifndef TARN_TOOLS_CLIENT_H
+#define TARN_TOOLS_CLIENT_H
+
+#include <cstdint>
+#include <string>
+
+#include <eudptransport.h>
+#include <tarnconnection.h>
+
+#include "events.h"
+
+namespace tarncli {
+
+const char* transportName(ETransport kind);
+
+class ClientSession : public ITARNClient {
+public:
+    enum class ConnectResult { Connected, UnknownHost, Refused, TimedOut };
+
+    ClientSession(ETransport kind, EventQueue& queue, int id = 0);
+    virtual ~ClientSession();
+    ClientSession(const ClientSession&) = delete;
+    ClientSession& operator=(const ClientSession&) = delete;
+
+    // Before connect, EUDP only: the modes this side agrees to when the server asks.
+    void allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime, bool receiveReliable);
+
+    // Resolves the host first, so that a name that does not resolve is told apart from a server
+    // that does not answer. On success the Connected event is queued before this returns.
+    ConnectResult connect(const std::string& host, std::uint16_t port);
+
+    // A one-line reason for a failed connect.
+    std::string describe(ConnectResult result, const std::string& host, std::uint16_t port) const;
+
+    TARNConnection* connection() { return m_pConnection; }
+    // The EUDP transport, to read its modes and window; null over TCP or once closed.
+    EUDPTransport* eudp() { return m_pEudp; }
+    ETransport kind() const { return m_kind; }
+    int id() const { return m_id; }
+
+    // Disconnects and deletes the connection; harmless twice. The Disconnected event of an open
+    // connection is queued before this returns.
+    void close();
+
+    void onTrigger(const std::string& name, const ParameterValue& value) override;
+    void onUpdateState(const std::string& name, const ParameterValue& value) override;
+    void onStatusChanged(EConnStatus status) override;
+
+private:
+    Event make(EventKind kind) const;
+
+    ETransport m_kind;
+    EventQueue& m_queue;
+    EventGate m_gate;
+    int m_id;
+    std::string m_peer;
+    TARNConnection* m_pConnection;
+    EUDPTransport* m_pEudp;  // owned by m_pConnection
+    bool m_bConnected = false;
+};
+
+}  // namespace tarncli
+
+#endif  // TARN_TOOLS_CLIENT_H

@@ -1,0 +1,60 @@
+// The command shells behind `tarn serve` and `tarn connect`: each runs one input line at a time
+// against its server or client session and prints the outcome. The demo drives the same shells
+// with scripted lines, so that its transcript shows exactly what a user would type and see.
+//
+// Both run on the main thread only.
+#ifndef TARN_TOOLS_SHELLS_H
+#define TARN_TOOLS_SHELLS_H
+
+#include <string>
+
+#include "client.h"
+#include "output.h"
+#include "server.h"
+
+namespace tarncli {
+
+class ServeShell {
+public:
+    ServeShell(StateServer& server, Printer& printer) : m_server(server), m_printer(printer) {}
+
+    // Runs one input line (set, trigger, list, quit, help); false once the line asked to quit.
+    bool execute(const std::string& line);
+
+    // Prints one event from the server's queue and does what follows from it (a new subscriber
+    // gets the current state; a closed connection is deleted).
+    void report(const Event& event);
+
+    static const char* commandHelp();
+
+private:
+    void send(bool isTrigger, const std::vector<Token>& words);
+    void list();
+
+    StateServer& m_server;
+    Printer& m_printer;
+};
+
+class ConnectShell {
+public:
+    ConnectShell(ClientSession& session, Printer& printer) : m_session(session), m_printer(printer) {}
+
+    // Runs one input line (sub, unsub, call, mode, window, quit, help); false once the line asked
+    // to quit. Mode and window requests wait for the server's answer (up to 10 s over EUDP).
+    bool execute(const std::string& line);
+
+    static const char* commandHelp();
+
+private:
+    void subscription(bool subscribe, const std::vector<Token>& words);
+    void call(const std::vector<Token>& words);
+    void mode(const std::vector<Token>& words);
+    void window(const std::vector<Token>& words);
+
+    ClientSession& m_session;
+    Printer& m_printer;
+};
+
+}  // namespace tarncli
+
+#endif  // TARN_TOOLS_SHELLS_H
