@@ -14,8 +14,10 @@
 #include <sal/types.h>
 #include <tarn_export.h>
 
-// Which transport a connection or listener creates.
-enum ETransport { eTransportEUDP = 0, eTransportTCP = 1 };
+// Which transport a connection or listener creates. The underlying type is fixed so that any int
+// an application passes is a value of the type, and an unknown one reaches the assertion that
+// refuses it instead of being undefined.
+enum ETransport : int { eTransportEUDP = 0, eTransportTCP = 1 };
 
 // Delivery mode of one direction.
 enum EConnMode {

@@ -20,6 +20,9 @@ namespace {
 
 const char* const kUnit = "source/tarnconnection.cpp";
 
+// How long a restart waits for the previous run of the receive loop to finish returning.
+const int kRestartWaitMs = 200;
+
 // Hands one received, validated packet to the callback object its command is meant for.
 void dispatch(const TARNPacket& packet, ITARNClient* client, ITARNServer* server,
               const Log::LogCategory& log) {
@@ -149,6 +152,12 @@ bool TARNConnection::start() {
     m_bStop = false;
     if (m_pThread == nullptr) {
         m_pThread = new RunThreadC(this);
+    } else {
+        // A loop that has just reported eDisconnected is still on its way out of run(); an
+        // application that reconnects in answer to that report would otherwise find the thread
+        // still running and get no receive loop. The thread's shutdown callback does nothing, so
+        // this only waits, and a loop that is really still receiving keeps running.
+        m_pThread->shutdown(kRestartWaitMs);
     }
     return m_pThread->start();
 }

@@ -128,6 +128,25 @@ TEST(TarnListenerTcp, ThreePeersInTurnGiveThreeConnectionsEachFollowedByConnecte
     EXPECT_EQ("server1:unsubscribe b", app.events.list()[6]);
 }
 
+namespace {
+
+// Holds the first connection until the test has seen listen() return, then describes it.
+std::atomic<bool> g_listenReturned{false};
+
+class GatedConnector final : public ITARNConnector {
+public:
+    void onNewConnection(TARNConnection* connection) override {
+        while (!g_listenReturned.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::fprintf(stderr, "handed a connection with local port %u, peer port %u\n",
+                     static_cast<unsigned>(connection->getLocalPort()),
+                     static_cast<unsigned>(connection->getPeerPort()));
+    }
+};
+
+}  // namespace
+
 TEST(TarnListenerTcp, ListenOnATakenPortStillReturnsTrue) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // The bind fails on the thread; the platform's accept then yields no socket, and the listener
@@ -135,18 +154,15 @@ TEST(TarnListenerTcp, ListenOnATakenPortStillReturnsTrue) {
     EXPECT_DEATH(
         {
             RawTcpListener taken;
-            Application app;
             TARNListener listener(eTransportTCP);
-            if (!listener.listen("127.0.0.1", taken.port(), new Connector(app))) {
-                std::fprintf(stderr, "listen returned false\n");
-                std::_Exit(3);
-            }
-            std::fprintf(stderr, "listen returned true\n");
+            const bool listened = listener.listen("127.0.0.1", taken.port(), new GatedConnector());
+            std::fprintf(stderr, "listen returned %s\n", listened ? "true" : "false");
+            g_listenReturned = true;
             std::this_thread::sleep_for(std::chrono::seconds(30));
         },
-        "listen returned true\n.*source/tcptransport\\.cpp:118: virtual int "
-        "TCPTransport::receiveData\\(uint8\\*, "
-        "uint\\): Assertion `m_pSocket' failed\\.");
+        "listen returned true\n.*handed a connection with local port 0, peer port 0\n.*"
+        "source/tcptransport\\.cpp:118: virtual int TCPTransport::receiveData\\(uint8\\*, uint\\): "
+        "Assertion `m_pSocket' failed\\.");
 }
 
 TEST(TarnListenerTcp, ShutdownWhileWaitingInAcceptEndsTheThreadWithTheInfoLine) {

@@ -285,5 +285,5 @@ TEST(TarnReceiveLoop, ACallbackMaySendOnItsOwnConnection) {
     Bytes body;
     ASSERT_TRUE(s.peer.receiveFrame(body, 5000));
     EXPECT_EQ(packet('T', concat({cstr("echo"), intValue(1)})), body);
-    EXPECT_TRUE(echo.sent.load());
+    EXPECT_TRUE(waitUntil([&] { return echo.sent.load(); }, 5000));
 }
