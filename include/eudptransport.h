@@ -101,6 +101,9 @@ bool RingBuffer<T>::push(const T& item) {
 
 class EUDPTransportTest;  // white-box access for the test suite
 
+// One EUDP endpoint (see the top of this file). An application creates one itself, and hands it to
+// TARNConnection(ITARNTransport*), when it wants to set allowSendMode/allowReceiveMode before
+// connecting or to read the modes and window agreed; otherwise TARNConnection(eTransportEUDP) does.
 class TARN_EXPORT EUDPTransport : public ITARNTransport {
 public:
     static const std::uint32_t RING_CAPACITY = 1000;

@@ -29,6 +29,8 @@ enum EParameterType {
     TYPE_FLOAT = 'F'    // 70
 };
 
+// One typed value: text, 32-bit integer, boolean, 32-bit float, or none (the default). Read it with
+// the getter of its type, or as text with getAsString().
 class TARN_EXPORT ParameterValue {
 public:
     ParameterValue();
@@ -71,6 +73,8 @@ private:
     std::int32_t m_intValue;
 };
 
+// Named values in name order, one per name: the arguments of a function call. Walk it with
+// getParam(index, ...) from 0 until it returns false.
 class TARN_EXPORT ParameterList {
 public:
     ParameterList() = default;

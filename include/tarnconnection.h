@@ -23,6 +23,9 @@
 #include <sal/types.h>
 #include <tarn_export.h>
 
+// What onStatusChanged reports: eConnected once the connection runs (after a successful connect,
+// or once the listener started an accepted one), eDisconnected once, from the receive thread, when
+// the link ends (closed by the peer, lost, or disconnect()).
 enum EConnStatus { eConnected = 0, eDisconnected = 1 };
 
 // Implemented by a client application: what the server sends.
@@ -50,7 +53,7 @@ protected:
 
 class TARNConnection;
 
-// The connection's receive thread: runs TARNConnection::run().
+// The connection's receive thread: runs TARNConnection::run(). Internal; applications do not use it.
 class TARN_EXPORT RunThreadC : public sal::Thread {
 public:
     explicit RunThreadC(TARNConnection* pConnection);
@@ -60,6 +63,9 @@ public:
     TARNConnection* m_pConnection;
 };
 
+// One end of a TARN link (see the top of this file). Owns its transport and receive thread, never its
+// ITARNClient or ITARNServer. Ended by disconnect() and then delete, never from inside one of its own
+// callbacks; the destructor waits 200 ms and does not disconnect by itself.
 class TARN_EXPORT TARNConnection {
 public:
     explicit TARNConnection(ETransport transport);
@@ -69,7 +75,9 @@ public:
     TARNConnection& operator=(const TARNConnection&) = delete;
 
     // Connects the transport to host:port; on success starts the receive thread and reports
-    // eConnected. `client` is stored whatever the outcome.
+    // eConnected. `client` is stored whatever the outcome. False when the peer cannot be reached: at
+    // once over TCP when nobody listens, after 5 s without an answer over EUDP; then no thread runs and
+    // no status is reported, and the connection is still disconnected and deleted as usual.
     bool connect(const std::string& host, uint16 port, ITARNClient* client);
 
     // Starts (or restarts) the receive thread; returns the thread start's result.
@@ -78,7 +86,8 @@ public:
     // Attaches the server callbacks; takes effect with the next packet.
     void setServer(ITARNServer* server);
 
-    // Passed to the transport unchanged.
+    // Passed to the transport unchanged. Over EUDP each asks the peer and blocks up to 10 s for its
+    // answer (see ITARNTransport); over TCP the modes answer true for eReliable only, the window false.
     bool setWindowSize(uint size);
     bool setSendMode(EConnMode mode);
     bool setReceiveMode(EConnMode mode);
@@ -86,20 +95,27 @@ public:
     // Reports a status to the client, then to the server, whichever are set.
     void updateStatus(EConnStatus status);
 
+    // The five commands: a server sends trigger and updateState, a client subscribe, unsubscribe and
+    // callFunctionId. Each sends one message from the calling thread and returns true once the
+    // transport took it, false (with a debug log line) when it did not, e.g. before connect or after
+    // the link ended. Everything must fit one message, 1488 bytes after the header: what does not
+    // fit goes out cut short, and a list value that does not fit after its name ends the process
+    // through an assertion.
     bool trigger(const std::string& name, const ParameterValue& value);
     bool updateState(const std::string& name, const ParameterValue& value);
     bool subscribe(const std::string& name);
     bool unsubscribe(const std::string& name);
     bool callFunctionId(const std::string& name, const ParameterList& params);
 
-    // Stops the receive thread and closes the transport; the thread reports eDisconnected.
+    // Stops the receive thread and closes the transport; the thread reports eDisconnected. Harmless
+    // when the link has already ended. Call it before deleting the connection.
     void disconnect();
 
     std::string getPeerAddress() const;
     uint16 getPeerPort() const;
     uint16 getLocalPort() const;
 
-    // The receive loop; runs on the receive thread.
+    // The receive loop; runs on the receive thread. Internal; applications do not call it.
     void run();
 
 private:
@@ -113,7 +129,9 @@ private:
     std::atomic<bool> m_bStop;  // written by the application, read by the receive loop
 };
 
-// Library start-up and shut-down: create and destroy the process's command processor.
+// Library start-up and shut-down: create and destroy the process's command processor. Call tarnInit
+// once before using the library and tarnDeinit once after; a second tarnInit without tarnDeinit in
+// between ends the process through an assertion, a tarnDeinit without tarnInit does nothing.
 TARN_EXPORT void tarnInit();
 TARN_EXPORT void tarnDeinit();
 

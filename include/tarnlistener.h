@@ -45,6 +45,8 @@ public:
     TARNListener* m_pListener;
 };
 
+// Accepts peers on its own thread and hands each to the ITARNConnector as a new TARNConnection (see
+// the top of this file). Deleting the listener stops accepting; the connections handed out run on.
 class TARN_EXPORT TARNListener {
 public:
     explicit TARNListener(ETransport transport);
@@ -52,11 +54,17 @@ public:
     TARNListener(const TARNListener&) = delete;
     TARNListener& operator=(const TARNListener&) = delete;
 
-    // Stores the arguments and starts the accept thread; always true (a failed bind shows up as a
-    // failed accept on the thread).
+    // Stores the arguments and starts the accept thread; always true, since binding happens later, on
+    // the thread. `address` "" or "0.0.0.0" is every interface; port 0 lets the system choose
+    // (getLocalPort() tells which). The listener takes the connector and deletes it with itself.
+    // A port that cannot be bound is not reported: over EUDP the listener then accepts nobody, and
+    // over TCP the connector is handed a connection without a socket, whose receive thread ends the
+    // process through an assertion. Make sure the port is free, or use port 0.
     bool listen(const std::string& address, uint16 port, ITARNConnector* connector);
     bool start();
-    bool shutdown(int timeout);  // timeout in milliseconds, -1 without limit
+    // Stops accepting: ends the accept thread, waiting up to `timeout` milliseconds (-1 without
+    // limit); false when there was no thread. Connections already handed out are not touched.
+    bool shutdown(int timeout);
     virtual bool shutdownCallback();
 
     // The accept loop; runs on the listener's thread.

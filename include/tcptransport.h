@@ -14,6 +14,8 @@
 #include <sal/tcpsocket.h>
 #include <tarn_export.h>
 
+// The TCP transport (see the top of this file). TARNConnection(eTransportTCP) and the listener create
+// it; applications rarely need it by name.
 class TARN_EXPORT TCPTransport : public ITARNTransport {
 public:
     TCPTransport();                            // a new socket with no-delay and keep-alive
