@@ -80,6 +80,7 @@ local te = {
     duplicate = expert_item("tarn.expert.duplicate_name", "Parameter name repeated", PROTOCOL, NOTE),
     trailing = expert_item("tarn.expert.trailing", "Ignored bytes after the last field", PROTOCOL, NOTE),
     split = expert_item("tarn.expert.split_length", "Frame length in its own segment", PROTOCOL, NOTE),
+    incomplete = expert_item("tarn.expert.incomplete", "Frame not reassembled", PROTOCOL, WARN),
 }
 tarn.experts = te
 
@@ -108,6 +109,7 @@ local ee = {
     seq_range = expert_item("eudp.expert.seq_range", "Sequence number out of range", PROTOCOL, WARN),
     bad_mode = expert_item("eudp.expert.bad_mode", "Mode request refused", PROTOCOL, WARN),
     payload_ignored = expert_item("eudp.expert.payload_ignored", "Payload ignored", PROTOCOL, NOTE),
+    cut_short = expert_item("eudp.expert.cut_short", "Datagram cut short by the capture", PROTOCOL, WARN),
 }
 eudp.experts = ee
 
@@ -367,9 +369,10 @@ end
 -- ---- TARN message ------------------------------------------------------------------------------
 
 -- Decodes one received TARN message (tvb holds exactly the bytes the receiver got) into the
--- protocol item t. A message that the receiver refuses or discards shows its header and its body
--- as bytes only, since the receiver never reads that body. Returns a summary for the Info column.
-local function dissect_message(tvb, t, refused)
+-- protocol item t. A message that the receiver discards, or that is only shown (`shown_only`, a
+-- prefix for the summary: refused or incomplete), has its header decoded and its body shown as
+-- bytes, since the receiver never reads that body. Returns a summary for the Info column.
+local function dissect_message(tvb, t, shown_only)
     local n = tvb:len()
     local version = tvb(0, 1):uint()
     t:add(tf.version, tvb(0, 1))
@@ -382,7 +385,9 @@ local function dissect_message(tvb, t, refused)
         t:add(tf.command_name, tvb(1, 1), cmd_name):set_generated()
     end
     local problem
-    if version ~= 1 then
+    if shown_only then
+        problem = nil
+    elseif version ~= 1 then
         problem = { te.wrong_version, string.format("packet validation failed: wrong version (%d)", version) }
     elseif n < HEADER then
         problem = { te.short_header, "packet validation failed: header too short (" .. count_of(n, "byte", "bytes")
@@ -391,7 +396,7 @@ local function dissect_message(tvb, t, refused)
     if n >= HEADER then
         local length = tvb(2, 2):le_uint()
         local item = t:add_le(tf.length, tvb(2, 2))
-        if not problem and length + HEADER ~= n then
+        if not problem and not shown_only and length + HEADER ~= n then
             problem = { te.wrong_size, string.format("packet validation failed: wrong packet size (the body length "
                 .. "says %d, the message holds %d body bytes)", length, n - HEADER) }
             item:append_text(string.format(" [message holds %d]", n - HEADER))
@@ -400,11 +405,11 @@ local function dissect_message(tvb, t, refused)
     if problem then
         t:add_proto_expert_info(problem[1], problem[2] .. "; the receiver discards the packet")
     end
-    if problem or refused then
+    if problem or shown_only then
         if n > HEADER then
             t:add(tf.body, tvb(HEADER, n - HEADER))
         end
-        local summary = (refused and "[refused] " or "[discarded] ") .. cmd_name
+        local summary = (shown_only or "[discarded]") .. (n >= 2 and " " .. cmd_name or "")
         t:append_text(", " .. summary)
         return summary
     end
@@ -454,11 +459,6 @@ local function dissect_message(tvb, t, refused)
     return summary
 end
 
--- Adds a TARN tree for the message in bytes [offset, offset + count) of tvb (count > 0);
--- returns the summary.
-local function dissect_message_at(tvb, tree, offset, count)
-    return dissect_message(tvb(offset, count):tvb(), tree:add(tarn, tvb(offset, count)))
-end
 
 -- ---- Info column -------------------------------------------------------------------------------
 -- Several messages may share a frame, and TCP may call the dissector twice for one frame (once
@@ -482,30 +482,49 @@ end
 -- ---- TARN over TCP -----------------------------------------------------------------------------
 
 local function pdu_length(tvb, pinfo, offset)
+    if tvb:len() - offset < 2 then
+        return 2 -- only when TCP does not reassemble: the frame is shown as cut short
+    end
     return tvb(offset, 2):le_uint() + 2
 end
 
--- One frame: the 2-byte length and the message it announces.
+-- One frame: the 2-byte length and the message it announces. With TCP reassembly switched off
+-- (or a capture cut short) the frame may hold less than it announces; what is there is shown.
 local function dissect_frame(tvb, pinfo, tree)
-    local length = tvb(0, 2):le_uint()
+    local n = tvb:len()
     local t = tree:add(tarn, tvb())
+    if n < 2 then
+        t:add_proto_expert_info(te.incomplete, "the frame length continues beyond this segment: TCP reassembly is "
+            .. "off or the capture cut the segment short")
+        add_info(pinfo, "TARN", "[incomplete]")
+        return n
+    end
+    local length = tvb(0, 2):le_uint()
     t:add_le(tf.frame_length, tvb(0, 2))
-    -- The receiver offers a buffer of 1492 bytes; a longer frame stays unread and ends the
-    -- connection's receive loop, so nothing of it is ever parsed.
-    local refused = length > MAX_MESSAGE
-    if refused then
+    local prefix
+    if length > MAX_MESSAGE then
+        -- The receiver offers a buffer of 1492 bytes; a longer frame stays unread and ends the
+        -- connection's receive loop, so nothing of it is ever parsed.
         t:add_proto_expert_info(te.oversized, string.format("a message of %d bytes is longer than 1492: the receiver "
             .. "refuses it, leaves it in the stream and ends its receive loop", length))
+        prefix = "[refused]"
+    end
+    if n - 2 < length then
+        t:add_proto_expert_info(te.incomplete, string.format("the message announces %d bytes and %d are here: TCP "
+            .. "reassembly is off or the capture cut the segment short", length, n - 2))
+        prefix = prefix or "[incomplete]"
     end
     local summary
     if length == 0 then
         t:add_proto_expert_info(te.empty, "empty message: the receiver skips it and reads the next frame")
         summary = "empty message"
+    elseif n == 2 then
+        summary = prefix
     else
-        summary = dissect_message(tvb(2, length):tvb(), t, refused)
+        summary = dissect_message(tvb(2, math.min(length, n - 2)):tvb(), t, prefix)
     end
     add_info(pinfo, "TARN", summary)
-    return tvb:len()
+    return n
 end
 
 -- libtarn writes a frame's length and its message with two separate sends, so on a quiet link
@@ -564,6 +583,10 @@ end
 
 -- ---- EUDP --------------------------------------------------------------------------------------
 
+local function cut_text(captured, total)
+    return string.format("the capture holds %d of the datagram's %d bytes", captured, total)
+end
+
 -- The receiver reduces a header value to a sequence number by the signed remainder of 65535.
 local function reduce_seq(value)
     local signed = value >= 0x80000000 and value - 0x100000000 or value
@@ -599,8 +622,10 @@ local function add_mode(t, tvb, command)
     return word
 end
 
+-- n is what the capture holds, total what the datagram held on the wire: the receiver's checks
+-- go by total, the decoding by n.
 function eudp.dissector(tvb, pinfo, tree)
-    local n = tvb:len()
+    local n, total = tvb:len(), tvb:reported_len()
     if n == 0 then
         return 0 -- an empty receive counts as a failed one and is never looked at
     end
@@ -622,9 +647,13 @@ function eudp.dissector(tvb, pinfo, tree)
     local problem
     if version ~= 1 then
         problem = { ee.wrong_version, string.format("packet validation failed: wrong version (%d)", version) }
-    elseif n < EUDP_HEADER then
-        problem = { ee.short_header, "packet validation failed: header too short (" .. count_of(n, "byte", "bytes")
+    elseif total < EUDP_HEADER then
+        problem = { ee.short_header, "packet validation failed: header too short (" .. count_of(total, "byte", "bytes")
             .. ")" }
+    elseif n < EUDP_HEADER then
+        t:add_proto_expert_info(ee.cut_short, cut_text(n, total))
+        add_info(pinfo, "EUDP", "[cut short]")
+        return n
     elseif not command then
         problem = { ee.unknown_command, "packet validation failed: unknown command '" .. letters(tvb, 1, 3) .. "'" }
     end
@@ -653,22 +682,30 @@ function eudp.dissector(tvb, pinfo, tree)
         summary = command .. " " .. add_mode(t, tvb, command)
     end
 
-    local payload = n - EUDP_HEADER
-    if n > EUDP_MAX then
+    local payload = total - EUDP_HEADER
+    if total > EUDP_MAX then
         t:add_proto_expert_info(ee.oversized, string.format("a datagram of %d bytes is longer than 1500: the receiver "
-            .. "gets only its first 1500 bytes", n))
+            .. "gets only its first 1500 bytes", total))
         payload = EUDP_MAX - EUDP_HEADER
     end
     t:add(ef.payload_length, payload):set_generated()
+    local captured = math.min(payload, n - EUDP_HEADER)
+    local cut = captured < payload
+    if cut then
+        t:add_proto_expert_info(ee.cut_short, cut_text(n, total))
+    end
     if command == "CMD" then
         if payload == 0 then
             t:add(ef.keepalive, tvb(EUDP_HEADER, 0)):append_text(": the receiver answers it and delivers nothing")
             summary = summary .. " keep-alive"
+        elseif captured == 0 then
+            summary = summary .. " [cut short]"
         else
-            summary = summary .. " " .. dissect_message_at(tvb, tree, EUDP_HEADER, payload)
+            local message = tvb(EUDP_HEADER, captured)
+            summary = summary .. " " .. dissect_message(message:tvb(), tree:add(tarn, message), cut and "[cut short]")
         end
-    elseif payload > 0 then
-        local item = t:add(ef.payload, tvb(EUDP_HEADER, payload))
+    elseif captured > 0 then
+        local item = t:add(ef.payload, tvb(EUDP_HEADER, captured))
         item:add_proto_expert_info(ee.payload_ignored, "only CMD datagrams carry a payload: the receiver ignores "
             .. (payload == 1 and "this byte" or "these " .. payload .. " bytes"))
     end

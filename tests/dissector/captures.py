@@ -21,7 +21,7 @@ CALL_ENTRIES = [(b"a", v_int(1)), (b"b", v_bool(True)), (b"c", v_float(1.5)), (b
                 (b"e", v_none()), (b"f", v_int(-7)), (b"g", v_bool(False)), (b"h", v_str(b""))]
 
 
-def tcp_commands(path, tcp_port, client_port=40000):
+def tcp_commands(path, tcp_port, client_port=40000, snaplen=65535):
     """Every TARN command and value type over TCP, with the segmentations a receiver meets."""
     cap = Capture()
     st = TcpStream(cap, (CLIENT_IP, client_port), (SERVER_IP, tcp_port))
@@ -53,7 +53,7 @@ def tcp_commands(path, tcp_port, client_port=40000):
     second = tcp_frame(tarn("X", b"door\0"))
     f["tail_a"] = st.send(True, tcp_frame(tarn("S", b"gate\0")) + second[:3])
     f["tail_b"] = st.send(True, second[3:] + tcp_frame(tarn("S", b"yard\0")))
-    cap.write(path)
+    cap.write(path, snaplen)
     return f
 
 
@@ -160,7 +160,7 @@ def tcp_malformed(path, tcp_port, client_port=40100):
     return f
 
 
-def eudp_session(path, listen_port, server_port, client_port=40001):
+def eudp_session(path, listen_port, server_port, client_port=40001, snaplen=65535):
     """A whole EUDP session: handshake, negotiation, data of every TARN command, keep-alive, end."""
     cap = Capture()
     client, listener, server = (CLIENT_IP, client_port), (SERVER_IP, listen_port), (SERVER_IP, server_port)
@@ -183,7 +183,7 @@ def eudp_session(path, listen_port, server_port, client_port=40001):
     f["nop"] = cap.udp(server, client, eudp("NOP", 0))
     f["cmd_wrap"] = cap.udp(client, server, eudp("CMD", 65534, tarn("S", b"w\0")))
     f["dis"] = cap.udp(client, server, eudp("DIS", 0))
-    cap.write(path)
+    cap.write(path, snaplen)
     return f
 
 

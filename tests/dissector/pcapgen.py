@@ -76,13 +76,15 @@ class Capture:
         header = header[:16] + struct.pack("!H", checksum) + header[18:]
         return self._append(src[0], dst[0], PROTO_TCP, header + payload)
 
-    def write(self, path):
+    def write(self, path, snaplen=65535):
+        """Writes the pcap; frames longer than snaplen keep only their first snaplen bytes."""
         with open(path, "wb") as out:
-            out.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, LINKTYPE_ETHERNET))
+            out.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, snaplen, LINKTYPE_ETHERNET))
             for index, frame in enumerate(self.frames):
                 seconds, micros = 1700000000 + index // 1000, (index % 1000) * 1000
-                out.write(struct.pack("<IIII", seconds, micros, len(frame), len(frame)))
-                out.write(frame)
+                kept = frame[:snaplen]
+                out.write(struct.pack("<IIII", seconds, micros, len(kept), len(frame)))
+                out.write(kept)
 
 
 class TcpStream:

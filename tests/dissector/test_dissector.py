@@ -196,6 +196,70 @@ class TcpCommandsHeuristic(TcpCommandsChecks, CaptureTest, unittest.TestCase):
     use_ports = False
 
 
+class TcpWithoutReassembly(CaptureTest, unittest.TestCase):
+    """With TCP reassembly switched off, frames cut by segments are shown as incomplete."""
+    tcp_port = 47012
+    fields = ["tarn.command", "tarn.name", "tarn.frame_length", "_ws.col.Info", "_ws.expert.message"]
+
+    @classmethod
+    def build(cls, path):
+        return captures.tcp_commands(path, cls.tcp_port)
+
+    @classmethod
+    def port_prefs(cls):
+        return port_prefs(tcp=str(cls.tcp_port)) + ["-o", "tcp.desegment_tcp_streams:FALSE"]
+
+    def test_cut_frames_are_incomplete(self):
+        self.check("split_first", {"tarn.frame_length": [], "_ws.col.Info": ["[incomplete]"],
+                                   "_ws.expert.message": ["the frame length continues beyond this segment: TCP "
+                                                          "reassembly is off or the capture cut the segment short"]})
+        self.check("lib_length", {"tarn.frame_length": ["9"], "_ws.col.Info": ["[incomplete]"],
+                                  "_ws.expert.message": ["the message announces 9 bytes and 0 are here: TCP "
+                                                         "reassembly is off or the capture cut the segment short"]})
+        self.check("tail_a", {"tarn.name": ["gate"], "_ws.col.Info": ['Subscribe "gate", [incomplete]']})
+
+    def test_whole_frames_still_decode(self):
+        for label in ["subscribe", "call", "example", "three"]:
+            self.check(label, {"tarn.command": TCP_EXPECTED[label]["tarn.command"],
+                               "_ws.col.Info": TCP_EXPECTED[label]["_ws.col.Info"]})
+
+    def test_heuristic_without_reassembly(self):
+        assert_clean(self, self.pcap, ["-o", "tcp.desegment_tcp_streams:FALSE"])
+
+
+class CutByTheCapture(CaptureTest, unittest.TestCase):
+    """A capture whose snapshot length cut frames short: shown as cut, never misread as malformed."""
+    listen_port, server_port = 47013, 47014
+    fields = ["eudp.command", "eudp.payload_length", "tarn.command", "tarn.name", "_ws.col.Info",
+              "_ws.expert.message"]
+
+    @classmethod
+    def build(cls, path):
+        # 14 + 20 + 8 bytes of headers, then 18 bytes of each datagram
+        return captures.eudp_session(path, cls.listen_port, cls.server_port, snaplen=60)
+
+    @classmethod
+    def port_prefs(cls):
+        return port_prefs(udp="%d,%d" % (cls.listen_port, cls.server_port))
+
+    def test_datagrams_cut_by_the_capture(self):
+        self.check("cmd_subscribe", {"tarn.name": ["lamp"], "_ws.expert.message": []})
+        self.check("cmd_call", {"eudp.payload_length": ["56"], "tarn.command": ["F"], "tarn.name": [],
+                                "_ws.col.Info": ["CMD seq=2 [cut short] Call function"],
+                                "_ws.expert.message": ["the capture holds 18 of the datagram's 64 bytes"]})
+        self.check("mod", {"eudp.command": ["MOD"], "_ws.expert.message": []})
+
+    def test_tcp_segments_cut_by_the_capture(self):
+        pcap = os.path.join(self.tmp.name, "tcp_cut.pcap")
+        frames = captures.tcp_commands(pcap, 47015, snaplen=62)
+        prefs = port_prefs(tcp="47015")
+        assert_clean(self, pcap, prefs)
+        rows = decode(pcap, ["tarn.command", "_ws.col.Info", "_ws.expert.message"], prefs)
+        self.assertEqual(["[incomplete] Subscribe"], rows[frames["subscribe"]]["_ws.col.Info"])
+        self.assertEqual(["the message announces 9 bytes and 6 are here: TCP reassembly is off or the capture cut "
+                          "the segment short"], rows[frames["subscribe"]]["_ws.expert.message"])
+
+
 class TcpMalformedChecks:
     @classmethod
     def build(cls, path):
