@@ -202,8 +202,8 @@ EUDP_MALFORMED = [
     ("lower_case", eudp("ack", 1),
      ["packet validation failed: unknown command 'ack'; the receiver drops the datagram"],
      "[discarded] ack (8 bytes)"),
-    ("payload_on_ack", eudp("ACK", 3, b"xy"), ["only CMD datagrams carry a payload: the receiver ignores these 2 bytes"],
-     "ACK seq=3"),
+    ("payload_on_ack", eudp("ACK", 3, b"xy"),
+     ["only CMD datagrams carry a payload: the receiver ignores these 2 bytes"], "ACK seq=3"),
     ("seq_negative", eudp("CMD", 0x80000000, tarn("S", b"neg\0")),
      ["header value 2147483648 is outside 0..65534: the receiver takes it as -32768"],
      'CMD seq=-32768 Subscribe "neg"'),
@@ -291,3 +291,48 @@ def unrelated(path):
     ]
     cap.write(path)
     return f
+
+
+def _mutate(rng, data, flips):
+    data = bytearray(data)
+    for _ in range(flips):
+        if data:
+            data[rng.randrange(len(data))] = rng.randrange(256)
+    return bytes(data)
+
+
+def fuzzed(path, tcp_port, udp_port, seed=1, count=300):
+    """Valid messages with random bytes changed, and plain random bytes: the decoder must never fail."""
+    rng = random.Random(seed)
+    valid = [tarn("S", b"lamp\0"), tarn("X", b"lamp\0"), tarn("T", b"t\0" + v_float(1.5)), TRIGGER_A_1,
+             tarn("U", b"u\0" + v_str(b"text")), tarn("T", b"b\0" + v_bool(True)), tarn("U", b"n\0" + v_none()),
+             tarn("F", b"fn\0" + plist(CALL_ENTRIES))]
+    cap = Capture()
+    # Framing kept intact: every mutated message still arrives as one frame.
+    st = TcpStream(cap, (CLIENT_IP, 40300), (SERVER_IP, tcp_port))
+    st.handshake()
+    data = b""
+    for _ in range(count):
+        if rng.random() < 0.2:
+            message = bytes(rng.randrange(256) for _ in range(rng.randrange(0, 40)))
+        else:
+            message = _mutate(rng, rng.choice(valid), rng.randrange(1, 4))
+            message = message[:rng.randrange(len(message) + 1)] if rng.random() < 0.2 else message
+        data += tcp_frame(message)
+    cuts = sorted(rng.sample(range(1, len(data)), len(data) // 20))
+    st.send_pieces(rng.random() < 0.5, data, cuts)
+    # Framing changed too, in a second stream: lengths may now announce anything.
+    st = TcpStream(cap, (CLIENT_IP, 40301), (SERVER_IP, tcp_port))
+    st.handshake()
+    for _ in range(count // 3):
+        st.send(True, _mutate(rng, tcp_frame(rng.choice(valid)), 2))
+    for _ in range(count):
+        if rng.random() < 0.2:
+            datagram = bytes(rng.randrange(256) for _ in range(rng.randrange(0, 30)))
+        else:
+            command = rng.choice(["NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"])
+            payload = rng.choice(valid) if command == "CMD" else b""
+            datagram = _mutate(rng, eudp(command, rng.randrange(1 << 32), payload), rng.randrange(0, 3))
+            datagram = datagram[:rng.randrange(len(datagram) + 1)] if rng.random() < 0.2 else datagram
+        cap.udp((CLIENT_IP, 40302), (SERVER_IP, udp_port), datagram)
+    cap.write(path)

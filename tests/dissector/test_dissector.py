@@ -376,6 +376,21 @@ class EudpMalformedHeuristic(EudpMalformedChecks, CaptureTest, unittest.TestCase
     use_ports = False
 
 
+class RandomBytes(unittest.TestCase):
+    """Mutated and random messages, over ports and heuristics, in one and two passes: no Lua error."""
+
+    def test_decoding_never_fails(self):
+        with tempfile.TemporaryDirectory(prefix="tarn-dissector-") as tmp:
+            for seed in (1, 2):
+                pcap = os.path.join(tmp, "random%d.pcap" % seed)
+                captures.fuzzed(pcap, 47016, 47017, seed)
+                for prefs in (port_prefs(tcp="47016", udp="47017"), []):
+                    assert_clean(self, pcap, prefs)
+                    assert_clean(self, pcap, prefs, two_pass=True)
+                decoded = matching_frames(pcap, "tarn || eudp", port_prefs(tcp="47016", udp="47017"))
+                self.assertGreater(len(decoded), 300, "most frames carry TARN or EUDP")
+
+
 class HeuristicLibraryPattern(CaptureTest, unittest.TestCase):
     """A stream whose lengths travel in segments of their own, found without a port preference."""
     use_ports = False
