@@ -11,7 +11,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -52,13 +51,13 @@ struct Session final : ITARNServer {
     TARNConnection* connection;
 };
 
-std::vector<std::unique_ptr<Session>> g_sessions;  // owned by the application, not the listener
+std::vector<Session*> g_sessions;  // owned by the application, not by the listener
 
 struct Connector : ITARNConnector {
     void onNewConnection(TARNConnection* connection) override {
         std::lock_guard<std::mutex> lock(g_mutex);
-        g_sessions.emplace_back(new Session(connection));
-        connection->setServer(g_sessions.back().get());  // before the first packet is read
+        g_sessions.push_back(new Session(connection));
+        connection->setServer(g_sessions.back());  // before the first packet is read
     }
 };
 
@@ -75,17 +74,16 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     std::printf("server: listening on port %u\n", static_cast<unsigned>(listener->getLocalPort()));
-    bool served = false;
-    {
-        std::unique_lock<std::mutex> lock(g_mutex);
-        served = g_changed.wait_for(lock, std::chrono::seconds(60), [&] { return g_ended >= clients; });
-    }
+    std::unique_lock<std::mutex> lock(g_mutex);
+    const bool served =
+        g_changed.wait_for(lock, std::chrono::seconds(60), [&] { return g_ended >= clients; });
+    lock.unlock();
     delete listener;  // stops accepting; connections already handed out live on
-    for (auto& session : g_sessions) {
+    for (Session* session : g_sessions) {
         session->connection->disconnect();
         delete session->connection;
+        delete session;
     }
-    g_sessions.clear();
     tarnDeinit();
     return served ? 0 : 1;
 }
