@@ -481,7 +481,7 @@ end
 
 -- ---- TARN over TCP -----------------------------------------------------------------------------
 
-local function pdu_length(tvb, pinfo, offset)
+local function pdu_length(tvb, _, offset)
     if tvb:len() - offset < 2 then
         return 2 -- only when TCP does not reassemble: the frame is shown as cut short
     end
