@@ -1,0 +1,500 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <sal/semaphore.h>
+#include <sal/timer.h>
+
+#include "testsupport.h"
+
+namespace {
+
+using sal::BinarySemaphore;
+using sal::Timer;
+using testsupport::nowMs;
+using testsupport::waitUntil;
+
+using Us = std::chrono::microseconds;
+
+std::int64_t nowUs() {
+    return std::chrono::duration_cast<Us>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// A callback that runs a function; sets a flag when deleted.
+class FunctionCallback : public sal::ICallback {
+public:
+    explicit FunctionCallback(std::function<void()> body, std::atomic<int>* pDeleted = nullptr)
+        : m_body(std::move(body)), m_pDeleted(pDeleted) {}
+    ~FunctionCallback() override {
+        if (m_pDeleted != nullptr) {
+            ++*m_pDeleted;
+        }
+    }
+    void call() override { m_body(); }
+
+private:
+    std::function<void()> m_body;
+    std::atomic<int>* m_pDeleted;
+};
+
+void setBody(Timer& timer, std::function<void()> body, std::atomic<int>* pDeleted = nullptr) {
+    timer.setCallback(new FunctionCallback(std::move(body), pDeleted));
+}
+
+int threadCount() {
+    int count = 0;
+    DIR* pDir = ::opendir("/proc/self/task");
+    if (pDir == nullptr) {
+        return -1;
+    }
+    while (dirent* pEntry = ::readdir(pDir)) {
+        if (pEntry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    ::closedir(pDir);
+    return count;
+}
+
+TEST(Timer, OneShotFiresOnceThenIsNotRunning) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    std::atomic<long long> firedAt{0};
+    setBody(timer, [&] {
+        firedAt = nowMs();
+        ++calls;
+    });
+    EXPECT_FALSE(timer.isRunning());
+    const std::int64_t start = nowMs();
+    ASSERT_TRUE(timer.start(100000, true));
+    EXPECT_TRUE(timer.isRunning());
+    ASSERT_TRUE(waitUntil([&] { return calls.load() == 1; }, 5000));
+    EXPECT_GE(firedAt.load() - start, 100);
+    EXPECT_TRUE(waitUntil([&] { return !timer.isRunning(); }, 1000));
+    EXPECT_FALSE(waitUntil([&] { return calls.load() > 1; }, 300));
+}
+
+TEST(Timer, RepeatingFiresEveryPeriodUntilStopped) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] { ++calls; });
+    const std::int64_t start = nowMs();
+    ASSERT_TRUE(timer.start(20000, false));
+    ASSERT_TRUE(waitUntil([&] { return calls.load() >= 5; }, 5000));
+    EXPECT_GE(nowMs() - start, 100);
+    EXPECT_TRUE(timer.isRunning());
+    timer.stop();
+    EXPECT_FALSE(timer.isRunning());
+    const int atStop = calls.load();
+    EXPECT_FALSE(waitUntil([&] { return calls.load() != atStop; }, 200));
+}
+
+// Lateness of each expiry of a 10 ms repeating timer against its anchored schedule.
+TEST(Timer, PeriodAccuracyAndNoDrift) {
+    constexpr int kFires = 100;
+    constexpr std::int64_t kPeriodUs = 10000;
+    Timer timer;
+    std::mutex mutex;
+    std::vector<std::int64_t> fires;
+    setBody(timer, [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        fires.push_back(nowUs());
+    });
+    const std::int64_t start = nowUs();
+    ASSERT_TRUE(timer.start(static_cast<unsigned int>(kPeriodUs), false));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return fires.size() >= static_cast<std::size_t>(kFires);
+        },
+        20000));
+    timer.stop();
+    timer.waitUntilIdle();
+    std::vector<std::int64_t> lateness;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (int i = 0; i < kFires; ++i) {
+            // Expiry i+1 is due at start + (i+1) periods; a skipped period would show as lateness.
+            lateness.push_back(fires[static_cast<std::size_t>(i)] - (start + (i + 1) * kPeriodUs));
+        }
+    }
+    for (std::int64_t late : lateness) {
+        EXPECT_GE(late, 0);
+    }
+    std::vector<std::int64_t> sorted = lateness;
+    std::sort(sorted.begin(), sorted.end());
+    const std::int64_t median = sorted[sorted.size() / 2];
+    const std::int64_t maximum = sorted.back();
+    std::printf(
+        "timer jitter over %d expiries of 10 ms: median lateness %lld us, max %lld us, last %lld us\n",
+        kFires, static_cast<long long>(median), static_cast<long long>(maximum),
+        static_cast<long long>(lateness.back()));
+    EXPECT_LT(median, 20000);
+    // Anchored: the last expiry is not later than the schedule by the sum of all latenesses.
+    EXPECT_LT(lateness.back(), 100000);
+}
+
+TEST(Timer, StartWhileRunningDoesNotPostpone) {
+    Timer timer;
+    std::atomic<long long> firedAt{0};
+    setBody(timer, [&] { firedAt = nowMs(); });
+    const std::int64_t start = nowMs();
+    ASSERT_TRUE(timer.start(1000000, true));
+    ASSERT_TRUE(waitUntil([&] { return nowMs() - start >= 600; }, 5000));
+    EXPECT_FALSE(timer.start(1000000, true));  // running: nothing changes
+    EXPECT_FALSE(timer.start(50000, true));    // not even to an earlier expiry
+    ASSERT_TRUE(waitUntil([&] { return firedAt.load() != 0; }, 10000));
+    const std::int64_t elapsed = firedAt.load() - start;
+    EXPECT_GE(elapsed, 1000);
+    EXPECT_LT(elapsed, 1450);  // a postponed expiry would come at 1600 ms or later
+}
+
+TEST(Timer, StopThenStartRestartsTheWait) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    std::atomic<long long> firedAt{0};
+    setBody(timer, [&] {
+        firedAt = nowMs();
+        ++calls;
+    });
+    ASSERT_TRUE(timer.start(200000, true));
+    // Restarted every 20 ms for half a second: the 200 ms never run out.
+    const std::int64_t begin = nowMs();
+    std::int64_t lastStart = begin;
+    while (nowMs() - begin < 500) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        timer.stop();
+        lastStart = nowMs();
+        ASSERT_TRUE(timer.start(200000, true));
+    }
+    EXPECT_EQ(0, calls.load());
+    ASSERT_TRUE(waitUntil([&] { return calls.load() == 1; }, 5000));
+    EXPECT_GE(firedAt.load() - lastStart, 200);
+    EXPECT_FALSE(waitUntil([&] { return calls.load() > 1; }, 300));
+}
+
+TEST(Timer, RestartWithShorterPeriodFiresAtTheEarlierDeadline) {
+    Timer timer;
+    std::atomic<long long> firedAt{0};
+    setBody(timer, [&] { firedAt = nowMs(); });
+    ASSERT_TRUE(timer.start(5000000, true));
+    timer.stop();
+    const std::int64_t start = nowMs();
+    ASSERT_TRUE(timer.start(50000, true));
+    ASSERT_TRUE(waitUntil([&] { return firedAt.load() != 0; }, 3000));
+    EXPECT_GE(firedAt.load() - start, 50);
+}
+
+TEST(Timer, StopFromInsideTheCallback) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] {
+        if (++calls == 3) {
+            timer.stop();
+        }
+    });
+    ASSERT_TRUE(timer.start(5000, false));
+    ASSERT_TRUE(waitUntil([&] { return calls.load() >= 3; }, 5000));
+    EXPECT_FALSE(waitUntil([&] { return calls.load() > 3; }, 200));
+    EXPECT_FALSE(timer.isRunning());
+}
+
+TEST(Timer, StopFromAnotherThreadPreventsFurtherCallbacks) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] { ++calls; });
+    ASSERT_TRUE(timer.start(2000, false));
+    ASSERT_TRUE(waitUntil([&] { return calls.load() >= 3; }, 5000));
+    std::thread stopper([&] { timer.stop(); });
+    stopper.join();
+    const int atStop = calls.load();  // counted on entry: any call started before stop() returned
+    EXPECT_FALSE(waitUntil([&] { return calls.load() != atStop; }, 200));
+}
+
+TEST(Timer, StartAfterStopArmsAgain) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] { ++calls; });
+    ASSERT_TRUE(timer.start(1000000, true));
+    timer.stop();
+    EXPECT_FALSE(timer.isRunning());
+    ASSERT_TRUE(timer.start(10000, true));
+    ASSERT_TRUE(waitUntil([&] { return calls.load() == 1; }, 5000));
+    ASSERT_TRUE(timer.start(10000, true));  // a fired one-shot timer can be started again
+    ASSERT_TRUE(waitUntil([&] { return calls.load() == 2; }, 5000));
+}
+
+TEST(Timer, StopDoesNotWaitForARunningCallback) {
+    Timer timer;
+    BinarySemaphore entered;
+    BinarySemaphore release;
+    setBody(timer, [&] {
+        entered.give();
+        release.take();  // waits for the thread that stops the timer
+    });
+    ASSERT_TRUE(timer.start(1000, true));
+    ASSERT_EQ(0, entered.take(5000));
+    const std::int64_t start = nowMs();
+    timer.stop();
+    EXPECT_LT(nowMs() - start, 500);
+    release.give();
+    timer.waitUntilIdle();
+}
+
+// An owner with two timers, like a transport with its keep-alive and its liveness timer.
+struct TwoTimers {
+    Timer first;
+    Timer second;
+};
+
+TEST(Timer, BlockedCallbackDoesNotDelayOtherTimers) {
+    TwoTimers owner;
+    Timer unrelated;
+    BinarySemaphore entered;
+    BinarySemaphore release;
+    std::atomic<long long> secondAt{0};
+    std::atomic<long long> unrelatedAt{0};
+    setBody(owner.first, [&] {
+        entered.give();
+        release.take();
+    });
+    setBody(owner.second, [&] { secondAt = nowMs(); });
+    setBody(unrelated, [&] { unrelatedAt = nowMs(); });
+    ASSERT_TRUE(owner.first.start(1000, true));
+    ASSERT_EQ(0, entered.take(5000));
+    const std::int64_t start = nowMs();
+    ASSERT_TRUE(owner.second.start(50000, true));
+    ASSERT_TRUE(unrelated.start(80000, true));
+    EXPECT_TRUE(waitUntil([&] { return secondAt.load() != 0 && unrelatedAt.load() != 0; }, 5000));
+    EXPECT_LT(secondAt.load() - start, 50 + 1000);
+    EXPECT_LT(unrelatedAt.load() - start, 80 + 1000);
+    release.give();
+    owner.first.waitUntilIdle();
+}
+
+TEST(Timer, ManyBlockedCallbacksStillLeaveRoomForOthers) {
+    constexpr int kBlocked = 6;
+    std::vector<std::unique_ptr<Timer>> blocked;
+    BinarySemaphore release;
+    std::atomic<int> entered{0};
+    for (int i = 0; i < kBlocked; ++i) {
+        blocked.emplace_back(new Timer);
+        setBody(*blocked.back(), [&] {
+            ++entered;
+            while (release.take(10) != 0) {
+            }
+            release.give();  // pass it on to the next blocked callback
+        });
+        ASSERT_TRUE(blocked.back()->start(1000, true));
+    }
+    ASSERT_TRUE(waitUntil([&] { return entered.load() == kBlocked; }, 10000));
+    Timer free;
+    std::atomic<int> calls{0};
+    setBody(free, [&] { ++calls; });
+    ASSERT_TRUE(free.start(10000, true));
+    EXPECT_TRUE(waitUntil([&] { return calls.load() == 1; }, 5000));
+    release.give();
+    for (auto& pTimer : blocked) {
+        pTimer->waitUntilIdle();
+    }
+}
+
+TEST(Timer, DestructorWaitsForRunningCallback) {
+    std::unique_ptr<Timer> pTimer(new Timer);
+    BinarySemaphore entered;
+    std::atomic<int> finished{0};
+    std::atomic<int> deleted{0};
+    setBody(
+        *pTimer,
+        [&] {
+            entered.give();
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            finished = 1;
+        },
+        &deleted);
+    ASSERT_TRUE(pTimer->start(1000, true));
+    ASSERT_EQ(0, entered.take(5000));
+    pTimer.reset();
+    EXPECT_EQ(1, finished.load());
+    EXPECT_EQ(1, deleted.load());  // and the timer deleted its callback
+}
+
+TEST(Timer, WaitUntilIdleWaitsForTheCallback) {
+    Timer timer;
+    BinarySemaphore entered;
+    BinarySemaphore release;
+    std::atomic<int> finished{0};
+    std::atomic<int> insideResult{0};
+    setBody(timer, [&] {
+        timer.waitUntilIdle();  // from inside: returns at once
+        insideResult = 1;
+        entered.give();
+        release.take();
+        finished = 1;
+    });
+    timer.waitUntilIdle();  // nothing running: returns at once
+    ASSERT_TRUE(timer.start(1000, true));
+    ASSERT_EQ(0, entered.take(5000));
+    EXPECT_EQ(1, insideResult.load());
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        release.give();
+    });
+    timer.stop();
+    timer.waitUntilIdle();
+    EXPECT_EQ(1, finished.load());
+    releaser.join();
+}
+
+TEST(Timer, SetCallbackDeletesThePreviousOne) {
+    std::atomic<int> firstDeleted{0};
+    std::atomic<int> secondDeleted{0};
+    std::atomic<int> secondCalls{0};
+    {
+        Timer timer;
+        setBody(
+            timer, [] {}, &firstDeleted);
+        setBody(
+            timer, [&] { ++secondCalls; }, &secondDeleted);
+        EXPECT_EQ(1, firstDeleted.load());
+        ASSERT_TRUE(timer.start(1000, true));
+        ASSERT_TRUE(waitUntil([&] { return secondCalls.load() == 1; }, 5000));
+        EXPECT_EQ(0, secondDeleted.load());
+    }
+    EXPECT_EQ(1, secondDeleted.load());
+}
+
+TEST(Timer, TimerWithoutCallbackFiresHarmlessly) {
+    Timer timer;
+    ASSERT_TRUE(timer.start(1000, true));
+    EXPECT_TRUE(waitUntil([&] { return !timer.isRunning(); }, 5000));
+}
+
+TEST(Timer, MemberCallbackCallsTheMethod) {
+    struct Owner {
+        std::atomic<int> calls{0};
+        void onTimer() { ++calls; }
+    } owner;
+    Timer timer;
+    timer.setCallback(new sal::Callback<Owner>(&owner, &Owner::onTimer));
+    ASSERT_TRUE(timer.start(1000, true));
+    EXPECT_TRUE(waitUntil([&] { return owner.calls.load() == 1; }, 5000));
+
+    sal::Callback<Owner> nullObject(nullptr, &Owner::onTimer);
+    nullObject.call();  // does nothing
+    sal::Callback<Owner> nullMethod(&owner, nullptr);
+    nullMethod.call();
+    EXPECT_EQ(1, owner.calls.load());
+}
+
+TEST(Timer, ZeroPeriods) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] { ++calls; });
+    EXPECT_FALSE(timer.start(0, false));  // a repeating timer needs a period
+    EXPECT_FALSE(timer.isRunning());
+    ASSERT_TRUE(timer.start(0, true));
+    EXPECT_TRUE(waitUntil([&] { return calls.load() == 1; }, 5000));
+}
+
+TEST(Timer, CallbackNeverRunsTwiceAtOnce) {
+    Timer timer;
+    std::atomic<int> inside{0};
+    std::atomic<int> overlaps{0};
+    std::atomic<int> calls{0};
+    setBody(timer, [&] {
+        if (inside.fetch_add(1) != 0) {
+            ++overlaps;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(15));  // longer than the period
+        inside.fetch_sub(1);
+        ++calls;
+    });
+    ASSERT_TRUE(timer.start(5000, false));
+    ASSERT_TRUE(waitUntil([&] { return calls.load() >= 8; }, 10000));
+    timer.stop();
+    timer.waitUntilIdle();
+    EXPECT_EQ(0, overlaps.load());
+}
+
+TEST(Timer, DestroyedFromInsideItsOwnCallback) {
+    Timer* pTimer = new Timer;
+    std::atomic<int> deleted{0};
+    std::atomic<int> done{0};
+    setBody(
+        *pTimer,
+        [&] {
+            delete pTimer;  // must neither wait for itself nor free the running callback
+            done = 1;
+        },
+        &deleted);
+    ASSERT_TRUE(pTimer->start(1000, true));
+    ASSERT_TRUE(waitUntil([&] { return done.load() == 1 && deleted.load() == 1; }, 5000));
+}
+
+TEST(Timer, ThousandsOfTimersShareAFewThreads) {
+    constexpr int kTimers = 2000;
+    // Make sure the service exists before counting, so that its own threads are not counted.
+    {
+        Timer warmUp;
+        ASSERT_TRUE(warmUp.start(1, true));
+        ASSERT_TRUE(waitUntil([&] { return !warmUp.isRunning(); }, 5000));
+    }
+    const int before = threadCount();
+    std::atomic<int> calls{0};
+    std::atomic<int> peak{0};
+    {
+        std::vector<std::unique_ptr<Timer>> timers;
+        for (int i = 0; i < kTimers; ++i) {
+            timers.emplace_back(new Timer);
+            setBody(*timers.back(), [&] {
+                ++calls;
+                const int now = threadCount();
+                int seen = peak.load();
+                while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+                }
+            });
+        }
+        for (auto& pTimer : timers) {
+            ASSERT_TRUE(pTimer->start(50000, true));
+        }
+        ASSERT_TRUE(waitUntil([&] { return calls.load() == kTimers; }, 30000));
+    }
+    const int added = peak.load() - before;
+    std::printf("%d timers fired using at most %d extra threads (%d threads in the process before)\n",
+                kTimers, added, before);
+    EXPECT_LT(added, 50);
+}
+
+TEST(Timer, StopStartPairIsCheap) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] { ++calls; });
+    ASSERT_TRUE(timer.start(500000, true));
+    constexpr int kPairs = 200000;
+    const std::int64_t start = nowUs();
+    for (int i = 0; i < kPairs; ++i) {
+        if (timer.isRunning()) {
+            timer.stop();
+        }
+        timer.start(500000, true);
+    }
+    const std::int64_t elapsedUs = nowUs() - start;
+    const double nsPerPair = static_cast<double>(elapsedUs) * 1000.0 / kPairs;
+    std::printf("stop()+start() pair: %.0f ns\n", nsPerPair);
+    EXPECT_EQ(0, calls.load());  // restarted far more often than the period: never fired
+    EXPECT_LT(nsPerPair, 20000.0);
+    timer.stop();
+}
+
+}  // namespace
