@@ -75,6 +75,8 @@ TCP_EXPECTED = {
                "_ws.col.Info": ['Unsubscribe "door", Subscribe "yard"']},
 }
 
+HEURISTICS_FIRST = ["-o", "tcp.try_heuristic_first:TRUE", "-o", "udp.try_heuristic_first:TRUE"]
+
 EUDP_EXPECTED = {
     "con": {"eudp.version": ["1"], "eudp.command": ["CON"], "eudp.value": ["0"], "eudp.seq": ["0"],
             "eudp.payload_length": ["0"], "_ws.col.Info": ["CON seq=0"], "_ws.col.Protocol": ["EUDP"]},
@@ -409,6 +411,15 @@ class HeuristicLibraryPattern(CaptureTest, unittest.TestCase):
         self.check("reply_length", {"tarn.command": []})
         self.check("reply_body", {"tarn.command": ["T"], "tarn.value.int": ["42"], "tarn.frame_length": ["11"]})
 
+    def test_heuristics_first_win_over_a_registered_port(self):
+        # TCP port 5000 belongs to another protocol; with the heuristics first TARN is found there.
+        pcap = os.path.join(self.tmp.name, "port5000.pcap")
+        frames = captures.tcp_library_pattern(pcap, 5000)
+        self.assertEqual([], matching_frames(pcap, "tarn"))
+        rows = decode(pcap, ["tarn.name"], HEURISTICS_FIRST)
+        self.assertEqual(["a", "b"], rows[frames["body"]]["tarn.name"])
+        self.assertEqual(["a"], rows[frames["reply_body"]]["tarn.name"])
+
     def test_second_pass_shows_the_lone_length(self):
         rows = decode(self.pcap, ["tarn.frame_length", "tarn.name", "_ws.col.Info", "_ws.expert.message"],
                       two_pass=True)
@@ -433,6 +444,7 @@ class HeuristicLeavesOtherTrafficAlone(CaptureTest, unittest.TestCase):
     def test_no_frame_is_claimed(self):
         self.assertEqual([], matching_frames(self.pcap, "tarn || eudp"))
         self.assertEqual([], matching_frames(self.pcap, "tarn || eudp", two_pass=True))
+        self.assertEqual([], matching_frames(self.pcap, "tarn || eudp", HEURISTICS_FIRST))
 
     def test_the_capture_holds_what_it_should(self):
         self.assertEqual(len(self.frames["udp"]), len(matching_frames(self.pcap, "udp")))

@@ -165,8 +165,11 @@ class LiveCapture(unittest.TestCase):
         ports, sections = expectations(self.transcript)
         self.assertIn("tcp", ports, self.transcript)
         self.assertIn("eudp", ports, self.transcript)
-        for prefs in (port_prefs(tcp=str(ports["tcp"]), udp=str(ports["eudp"])), []):
-            with self.subTest(ports=bool(prefs)):
+        # Without port preferences the heuristics go first, as the demo's free ports may be ports
+        # that another protocol has registered.
+        heuristics_first = ["-o", "tcp.try_heuristic_first:TRUE", "-o", "udp.try_heuristic_first:TRUE"]
+        for prefs in (port_prefs(tcp=str(ports["tcp"]), udp=str(ports["eudp"])), heuristics_first):
+            with self.subTest(prefs=prefs):
                 rows = self.demo_rows(prefs)
                 tcp_rows = [r for r in rows.values() if str(ports["tcp"]) in r["tcp.port"]]
                 self.check_transport(tcp_rows, "tcp", sections["tcp"])
