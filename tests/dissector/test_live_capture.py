@@ -55,11 +55,13 @@ def run_inside_namespace(pcap, transcript, tool):
             sys.stderr.write(read_bytes(log_path).decode("utf-8", "replace"))
             return CAPTURE_FAILED
         time.sleep(0.05)
-    with open(transcript, "wb") as out:
-        demo = subprocess.run([tool, "demo"], stdout=out, stderr=subprocess.STDOUT, timeout=DEMO_TIMEOUT)
-    # dumpcap writes what it holds and exits on SIGINT; it is our own child.
-    dumpcap.send_signal(signal.SIGINT)
-    dumpcap.wait(timeout=30)
+    try:
+        with open(transcript, "wb") as out:
+            demo = subprocess.run([tool, "demo"], stdout=out, stderr=subprocess.STDOUT, timeout=DEMO_TIMEOUT)
+    finally:
+        # dumpcap writes what it holds and exits on SIGINT; it is our own child.
+        dumpcap.send_signal(signal.SIGINT)
+        dumpcap.wait(timeout=30)
     return demo.returncode
 
 
