@@ -1,7 +1,7 @@
 """Captures the traffic of `tarn demo` on a loopback interface and decodes it with the dissector.
 
-The demo picks free TCP and EUDP ports when it starts and prints them as its clients connect
-("connecting to 127.0.0.1:PORT over tcp"), so no capture filter can name them in advance. The demo
+The demo picks free TCP and EUDP ports when it starts and prints them ("listening on tcp
+127.0.0.1:PORT"), so no capture filter can name them in advance. The demo
 therefore runs in a network namespace of its own, whose loopback carries nothing else, and
 dumpcap captures TCP and UDP there; the decoding then keeps the conversations of the printed
 ports. Without namespaces the capture runs on the host's loopback and relies on that selection
@@ -90,19 +90,29 @@ def capture_demo(workdir):
     return None, "; ".join(reasons)
 
 
+# The demo names its ports as its servers start ("listening on tcp 127.0.0.1:38539") and opens
+# one section per transport ("--- tcp ---", or a client line "connecting to ...:P over tcp").
+PORT_LINE = re.compile(r"listening on (tcp|eudp) [0-9.]+:(\d+)|connecting to [0-9.]+:(\d+) over (tcp|eudp)",
+                       re.IGNORECASE)
+SECTION_LINE = re.compile(r"^--- (tcp|eudp) ---$|connecting to [0-9.]+:\d+ over (tcp|eudp)", re.IGNORECASE)
+TYPED_LINE = re.compile(r"^(client|server)> (\S+)(?: (.*))?$")
+
+
 def expectations(transcript):
     """The demo's ports per transport, and the commands typed into its shells per transport."""
-    ports = {kind.lower(): int(port) for port, kind in
-             re.findall(r"connecting to 127\.0\.0\.1:(\d+) over (\w+)", transcript, re.IGNORECASE)}
-    sections, current = {}, None
+    ports, sections, current = {}, {}, None
     for line in transcript.splitlines():
-        found = re.search(r"connecting to 127\.0\.0\.1:\d+ over (\w+)", line, re.IGNORECASE)
+        found = PORT_LINE.search(line)
         if found:
-            current = sections.setdefault(found.group(1).lower(), [])
-        elif current is not None:
-            hit = re.match(r"^(client|server)> (\S+)(?: (.*))?$", line)
-            if hit:
-                current.append(hit.groups())
+            kind, port = (found.group(1), found.group(2)) if found.group(1) else (found.group(4), found.group(3))
+            ports.setdefault(kind.lower(), int(port))
+        found = SECTION_LINE.search(line)
+        if found:
+            current = sections.setdefault((found.group(1) or found.group(2)).lower(), [])
+            continue
+        typed = TYPED_LINE.match(line)
+        if typed and current is not None:
+            current.append(typed.groups())
     return ports, sections
 
 
