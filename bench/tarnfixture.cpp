@@ -1,0 +1,105 @@
+#include "tarnfixture.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace bench {
+
+void Answerer::onCallFunctionId(const std::string& name, const ParameterList& params) {
+    std::string key;
+    std::string text;
+    if (params.getParam(0u, key, text)) {
+        m_pConnection->trigger(name, ParameterValue(text));
+    }
+}
+
+class TarnServer::Connector : public ITARNConnector {
+public:
+    explicit Connector(TarnServer* owner) : m_pOwner(owner) {}
+    void onNewConnection(TARNConnection* connection) override { m_pOwner->add(connection); }
+
+private:
+    TarnServer* m_pOwner;
+};
+
+TarnServer::TarnServer(ETransport transport) : m_transport(transport) {}
+
+TarnServer::~TarnServer() {
+    if (m_pListener != nullptr) {
+        m_pListener->shutdown(-1);
+        delete m_pListener;  // deletes the connector too
+    }
+    std::vector<TARNConnection*> connections;
+    std::vector<Answerer*> answerers;
+    for (const Accepted& accepted : m_accepted) {
+        connections.push_back(accepted.connection);
+        answerers.push_back(accepted.answerer);
+    }
+    m_accepted.clear();
+    closeAll(connections, answerers);
+}
+
+bool TarnServer::start() {
+    m_pListener = new TARNListener(m_transport);
+    m_pListener->listen("127.0.0.1", 0, new Connector(this));
+    for (int i = 0; i < 500 && m_port == 0; ++i) {
+        m_port = m_pListener->getLocalPort();
+        if (m_port == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    return m_port != 0;
+}
+
+// Runs on the listener's thread, before the connection is started: the answerer sees every call
+// from the first packet on.
+void TarnServer::add(TARNConnection* connection) {
+    Accepted accepted;
+    accepted.connection = connection;
+    accepted.answerer = new Answerer(connection);
+    connection->setServer(accepted.answerer);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_accepted.push_back(accepted);
+    m_added.notify_all();
+}
+
+bool TarnServer::nextAccepted(Accepted& accepted, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_added.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                          [this] { return !m_accepted.empty(); })) {
+        return false;
+    }
+    accepted = m_accepted.front();
+    m_accepted.pop_front();
+    return true;
+}
+
+void closeAll(std::vector<TARNConnection*>& connections, std::vector<Answerer*>& answerers, int threads) {
+    std::atomic<std::size_t> next{0};
+    auto worker = [&] {
+        for (std::size_t i = next.fetch_add(1); i < connections.size(); i = next.fetch_add(1)) {
+            if (connections[i] != nullptr) {
+                connections[i]->disconnect();
+                delete connections[i];
+            }
+        }
+    };
+    const int count = std::max(1, std::min<int>(threads, static_cast<int>(connections.size())));
+    std::vector<std::thread> pool;
+    for (int i = 0; i < count; ++i) {
+        pool.emplace_back(worker);
+    }
+    for (std::thread& thread : pool) {
+        thread.join();
+    }
+    // The receive threads are gone with their connections: nothing calls an answerer any more.
+    for (Answerer* answerer : answerers) {
+        delete answerer;
+    }
+    connections.clear();
+    answerers.clear();
+}
+
+}  // namespace bench
