@@ -47,6 +47,34 @@ int threadCount() {
     return static_cast<int>(statusField("Threads:"));
 }
 
+std::uint64_t udpReceiveBufferErrors() {
+    // Two "Udp:" lines: the column names, then the values.
+    std::ifstream in("/proc/net/snmp");
+    std::string line;
+    std::vector<std::string> names;
+    while (std::getline(in, line)) {
+        if (line.compare(0, 4, "Udp:") != 0) {
+            continue;
+        }
+        std::istringstream fields(line.substr(4));
+        std::vector<std::string> row;
+        for (std::string field; fields >> field;) {
+            row.push_back(field);
+        }
+        if (names.empty()) {
+            names = row;
+            continue;
+        }
+        for (std::size_t i = 0; i < names.size() && i < row.size(); ++i) {
+            if (names[i] == "RcvbufErrors") {
+                return std::strtoull(row[i].c_str(), nullptr, 10);
+            }
+        }
+        return 0;
+    }
+    return 0;
+}
+
 void raiseSoftLimits() {
     for (int resource : {RLIMIT_NOFILE, RLIMIT_NPROC}) {
         rlimit limit{};

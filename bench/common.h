@@ -25,6 +25,9 @@ double processCpuSeconds();
 // Resident memory in bytes and the number of threads of this process (/proc/self/status).
 std::uint64_t residentBytes();
 int threadCount();
+// The system's count of UDP datagrams dropped for a full socket receive buffer (RcvbufErrors in
+// /proc/net/snmp). System-wide: other UDP traffic on the machine counts too.
+std::uint64_t udpReceiveBufferErrors();
 // Raises the soft limits for open files and processes to their hard limits.
 void raiseSoftLimits();
 
@@ -65,6 +68,7 @@ struct Config {
 struct StreamRun {
     std::uint64_t sent = 0;
     std::uint64_t delivered = 0;
+    std::uint64_t kernelDrops = 0;  // UDP datagrams the system dropped during the run
     double seconds = 0;
     double cpuSeconds = 0;
     bool ok = false;

@@ -116,6 +116,7 @@ StreamRun enetStream(std::uint32_t messageLength, std::uint64_t count, double ti
 
     const std::vector<std::uint8_t> message(messageLength, 'x');
     g_outstanding.store(0);
+    const std::uint64_t dropsBefore = udpReceiveBufferErrors();
     const double cpuStart = processCpuSeconds();
     const std::int64_t startNs = nowNs();
     std::uint64_t sent = 0;
@@ -144,6 +145,7 @@ StreamRun enetStream(std::uint32_t messageLength, std::uint64_t count, double ti
         enet_host_service(hosts.server, &event, 1);
     }
     run.cpuSeconds = processCpuSeconds() - cpuStart;
+    run.kernelDrops = udpReceiveBufferErrors() - dropsBefore;
     stop.store(true);
     receiver.join();
     run.sent = sent;

@@ -211,6 +211,7 @@ StreamRun rawUdpStream(std::uint32_t messageLength, std::uint64_t count, double 
     });
 
     const std::vector<std::uint8_t> datagram(messageLength + kDatagramHeader, 'x');
+    const std::uint64_t dropsBefore = udpReceiveBufferErrors();
     const double cpuStart = processCpuSeconds();
     const std::int64_t startNs = nowNs();
     std::uint64_t sent = 0;
@@ -223,6 +224,7 @@ StreamRun rawUdpStream(std::uint32_t messageLength, std::uint64_t count, double 
     senderDoneNs.store(nowNs());
     receiver.join();
     run.cpuSeconds = processCpuSeconds() - cpuStart;
+    run.kernelDrops = udpReceiveBufferErrors() - dropsBefore;
     run.sent = sent;
     run.delivered = delivered.load();
     run.seconds = static_cast<double>(lastNs.load() - startNs) / 1e9;

@@ -105,7 +105,9 @@ std::string streamCells(const StreamSummary& s) {
         return "failed: " + s.note + " | | | |";
     }
     return rate(s.messagesPerSecond) + " | " + format("%.1f", s.megabytesPerSecond) + " | " +
-           format("%.2f %%", s.lossPercent) + " | " + format("%.2f", s.cpuPerMillion) + " |";
+           format("%.2f %%", s.lossPercent) +
+           (s.kernelDrops > 0 ? " (" + rate(s.kernelDrops) + " dropped by the system)" : "") + " | " +
+           format("%.2f", s.cpuPerMillion) + " |";
 }
 
 std::string rttCells(const RttSummary& s) {
@@ -151,7 +153,7 @@ void writeScaleMarkdown(std::ostream& out, const ScaleResult& scale, const Confi
 
 StreamSummary summarise(const StreamSeries& series) {
     StreamSummary summary;
-    std::vector<double> rates, mbs, losses, cpus;
+    std::vector<double> rates, mbs, losses, cpus, drops;
     for (const StreamRun& run : series.runs) {
         if (!run.ok) {
             if (summary.note.empty()) {
@@ -163,8 +165,10 @@ StreamSummary summarise(const StreamSeries& series) {
         mbs.push_back(run.messagesPerSecond() * series.payload / 1e6);
         losses.push_back(run.lossPercent());
         cpus.push_back(run.cpuPerMillion());
+        drops.push_back(static_cast<double>(run.kernelDrops));
     }
     summary.runs = static_cast<int>(rates.size());
+    summary.kernelDrops = median(drops);
     summary.messagesPerSecond = median(rates);
     summary.megabytesPerSecond = median(mbs);
     summary.lossPercent = median(losses);
@@ -305,13 +309,14 @@ void writeJson(std::ostream& out, const Results& results) {
             << ", \"msgs_per_s\": " << jsonNumber(s.messagesPerSecond)
             << ", \"mb_per_s\": " << jsonNumber(s.megabytesPerSecond)
             << ", \"loss_pct\": " << jsonNumber(s.lossPercent)
+            << ", \"kernel_drops\": " << jsonNumber(s.kernelDrops)
             << ", \"cpu_s_per_million\": " << jsonNumber(s.cpuPerMillion)
             << ", \"note\": " << jsonString(s.note) << ", \"runs\": [";
         bool firstRun = true;
         for (const StreamRun& run : entry.second.runs) {
             out << (firstRun ? "" : ", ") << "{\"ok\": " << (run.ok ? "true" : "false")
                 << ", \"sent\": " << run.sent << ", \"delivered\": " << run.delivered
-                << ", \"seconds\": " << jsonNumber(run.seconds)
+                << ", \"kernel_drops\": " << run.kernelDrops << ", \"seconds\": " << jsonNumber(run.seconds)
                 << ", \"cpu_seconds\": " << jsonNumber(run.cpuSeconds) << "}";
             firstRun = false;
         }

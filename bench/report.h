@@ -35,6 +35,7 @@ struct StreamSummary {
     double messagesPerSecond = 0;
     double megabytesPerSecond = 0;  // payload bytes
     double lossPercent = 0;
+    double kernelDrops = 0;  // UDP receive-buffer drops counted by the system per run
     double cpuPerMillion = 0;
     std::string note;  // the first failure note, if any run failed
 };

@@ -210,6 +210,7 @@ StreamRun tarnStream(TarnServer& server, ETransport transport, const EudpSetup& 
     const ParameterValue value(std::string(payload, 'x'));
     TARNConnection* sender = pair.server.connection;
 
+    const std::uint64_t dropsBefore = udpReceiveBufferErrors();
     const double cpuStart = processCpuSeconds();
     const std::int64_t startNs = nowNs();
     std::uint64_t sent = 0;
@@ -241,6 +242,9 @@ StreamRun tarnStream(TarnServer& server, ETransport transport, const EudpSetup& 
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     run.cpuSeconds = processCpuSeconds() - cpuStart;
+    if (transport == eTransportEUDP) {
+        run.kernelDrops = udpReceiveBufferErrors() - dropsBefore;
+    }
     run.sent = sent;
     run.delivered = counter.m_count.load();
     run.seconds = (counter.m_lastNs.load() - startNs) / 1e9;
