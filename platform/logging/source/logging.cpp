@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -26,7 +27,8 @@ bool parseLevel(const char* text, ELogLevel& level) {
     static const struct {
         const char* name;
         ELogLevel level;
-    } kNames[] = {{"error", eError}, {"warning", eWarning}, {"warn", eWarning}, {"info", eInfo}, {"debug", eDebug}};
+    } kNames[] = {
+        {"error", eError}, {"warning", eWarning}, {"warn", eWarning}, {"info", eInfo}, {"debug", eDebug}};
     for (const auto& entry : kNames) {
         if (strcasecmp(text, entry.name) == 0) {
             level = entry.level;
@@ -36,8 +38,16 @@ bool parseLevel(const char* text, ELogLevel& level) {
     return false;
 }
 
-// "2026-11-22T13:17:00.123456 WARN  TARN: text\n", written with one write() so that lines of
-// different threads and processes sharing stderr never interleave.
+// Held while one line goes out on stderr. A single write() is atomic only up to the pipe's atomic
+// size (4096 bytes) and may come back short; longer lines from two threads would mix without it.
+std::mutex& defaultOutputMutex() {
+    static std::mutex* s_pMutex = new std::mutex;  // never destroyed: late lines still find it
+    return *s_pMutex;
+}
+
+// "2026-11-22T13:17:00.123456 WARN  TARN: text\n", written with one write() where the system
+// allows, so that lines of different processes sharing stderr do not interleave either (up to the
+// atomic size); lines of this process's threads never do.
 void writeDefault(ELogLevel level, const std::string& category, const std::string& text) {
     const auto now = std::chrono::system_clock::now();
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
@@ -61,8 +71,12 @@ void writeDefault(ELogLevel level, const std::string& category, const std::strin
     line += '\n';
     const char* p = line.data();
     size_t left = line.size();
+    std::lock_guard<std::mutex> lock(defaultOutputMutex());
     while (left > 0) {
         const ssize_t n = ::write(STDERR_FILENO, p, left);
+        if (n < 0 && errno == EINTR) {
+            continue;  // a signal arrived before anything was written
+        }
         if (n <= 0) {
             break;
         }
@@ -120,7 +134,9 @@ LogCategory LogManager::getCategory(const std::string& name) {
     return LogCategory(slot.get());
 }
 
-void LogManager::setLevel(ELogLevel level) { m_pImpl->level.store(level, std::memory_order_relaxed); }
+void LogManager::setLevel(ELogLevel level) {
+    m_pImpl->level.store(level, std::memory_order_relaxed);
+}
 
 ELogLevel LogManager::getLevel() const {
     return static_cast<ELogLevel>(m_pImpl->level.load(std::memory_order_relaxed));
