@@ -1,0 +1,131 @@
+// White-box access to EUDPTransport for the EUDP suites, plus the raw-peer fixtures they share.
+#ifndef TARN_TESTS_EUDP_EUDPTESTACCESS_H
+#define TARN_TESTS_EUDP_EUDPTESTACCESS_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <eudptransport.h>
+#include <testsupport.h>
+
+class EUDPTransportTest {
+public:
+    static ModuloValue& sendSeq(EUDPTransport& t) { return t.m_sendSeq; }
+    static ModuloValue& lastSent(EUDPTransport& t) { return t.m_lastSent; }
+    static ModuloValue& lastAcked(EUDPTransport& t) { return t.m_lastAcked; }
+    static ModuloValue& receiveSeq(EUDPTransport& t) { return t.m_receiveSeq; }
+    static std::atomic<std::uint32_t>& unacked(EUDPTransport& t) { return t.m_unacked; }
+    static std::uint32_t reserved(EUDPTransport& t) { return t.m_reserved; }
+    static std::atomic<std::uint32_t>& windowSize(EUDPTransport& t) { return t.m_windowSize; }
+    static std::atomic<std::uint32_t>& modeAck(EUDPTransport& t) { return t.m_modeAck; }
+    static std::atomic<std::uint32_t>& windowAck(EUDPTransport& t) { return t.m_windowAck; }
+    static std::atomic<EConnMode>& sendMode(EUDPTransport& t) { return t.m_sendMode; }
+    static std::atomic<EConnMode>& receiveMode(EUDPTransport& t) { return t.m_receiveMode; }
+    static std::atomic<uint16>& peerPort(EUDPTransport& t) { return t.m_peerPort; }
+    static uint16 logId(EUDPTransport& t) { return t.m_logId.load(); }
+    static RingBuffer<EUDPPacket>& sendBuffer(EUDPTransport& t) { return t.m_sendBuffer; }
+    static RingBuffer<EUDPPacket>& receiveBuffer(EUDPTransport& t) { return t.m_receiveBuffer; }
+    static sal::MutexSemaphore& sendMutex(EUDPTransport& t) { return t.m_sendMutex; }
+    static sal::BinarySemaphore& sendSpaceSem(EUDPTransport& t) { return t.m_sendSpaceSem; }
+    static sal::BinarySemaphore& ackSem(EUDPTransport& t) { return t.m_ackSem; }
+    static sal::BinarySemaphore& modeSem(EUDPTransport& t) { return t.m_modeSem; }
+    static sal::CountingSemaphore& receiveSem(EUDPTransport& t) { return t.m_receiveSem; }
+    static sal::Timer& sendAliveTimer(EUDPTransport& t) { return t.m_sendAliveTimer; }
+    static sal::Timer& aliveTimer(EUDPTransport& t) { return t.m_aliveTimer; }
+    static std::uint32_t aliveTimeout(EUDPTransport& t) { return t.m_aliveTimeout.load(); }
+    static bool timersInitialised(EUDPTransport& t) { return t.m_bTimersInitialised; }
+    static bool receiverRunning(EUDPTransport& t) { return t.m_receiver.isRunning(); }
+    static bool senderRunning(EUDPTransport& t) { return t.m_sender.isRunning(); }
+    static bool allowSendRealtime(EUDPTransport& t) { return t.m_bAllowSendRealtime.load(); }
+    static bool allowSendReliable(EUDPTransport& t) { return t.m_bAllowSendReliable.load(); }
+    static bool allowReceiveRealtime(EUDPTransport& t) { return t.m_bAllowReceiveRealtime.load(); }
+    static bool allowReceiveReliable(EUDPTransport& t) { return t.m_bAllowReceiveReliable.load(); }
+    static sal::UdpSocket* socket(EUDPTransport& t) { return t.m_pSocket.load(); }
+
+    // Switches keep-alive supervision off for a wire test, so that no keep-alive takes a sequence
+    // number in the middle of what the test counts: with a period of 0 nothing re-arms.
+    static void quietTimers(EUDPTransport& t) {
+        t.m_aliveTimeout.store(0);
+        t.m_sendAliveTimer.stop();
+        t.m_aliveTimer.stop();
+        t.m_sendAliveTimer.waitUntilIdle();
+        t.m_aliveTimer.waitUntilIdle();
+    }
+
+    // Frees one slot of the send ring as an acknowledgement would.
+    static void freeOneSendSlot(EUDPTransport& t) {
+        t.m_sendMutex.take();
+        t.m_sendBuffer.pop();
+        t.m_sendMutex.give();
+        t.m_sendSpaceSem.give();
+    }
+
+    static std::uint32_t sendQueued(EUDPTransport& t) {
+        t.m_sendMutex.take();
+        std::uint32_t n =
+            (t.m_sendBuffer.writeIndex() + t.m_sendBuffer.m_capacity - t.m_sendBuffer.readIndex()) %
+            t.m_sendBuffer.m_capacity;
+        t.m_sendMutex.give();
+        return n;
+    }
+
+    static std::uint32_t receiveQueued(EUDPTransport& t) {
+        t.m_receiveMutex.take();
+        std::uint32_t n =
+            (t.m_receiveBuffer.writeIndex() + t.m_receiveBuffer.m_capacity - t.m_receiveBuffer.readIndex()) %
+            t.m_receiveBuffer.m_capacity;
+        t.m_receiveMutex.give();
+        return n;
+    }
+};
+
+namespace eudptest {
+
+using testsupport::Bytes;
+
+// "TARN/EUDP[<id>]: <text>"
+std::string line(unsigned int id, const std::string& text);
+
+// A listening EUDP transport on 127.0.0.1 and a raw UDP peer that connects to it with CON; the
+// accepted per-peer transport is `server`, and `serverPort` the port its ACK came from.
+struct ServerWithRawPeer {
+    EUDPTransport listener;
+    testsupport::RawUdp raw;
+    std::unique_ptr<EUDPTransport> server;
+    std::uint16_t listenPort = 0;
+    std::uint16_t serverPort = 0;
+
+    // Sends CON `conValue`, accepts, and reads the ACK. With `quiet` the keep-alive supervision of
+    // the accepted transport is switched off. False (with a gtest failure) when anything fails.
+    bool open(std::uint32_t conValue = 0, bool quiet = true);
+    bool sendToServer(const Bytes& datagram) { return raw.sendTo(datagram, serverPort); }
+    // The next datagram from the server port within timeoutMs.
+    bool next(Bytes& datagram, int timeoutMs = 2000);
+};
+
+// A client-side EUDP transport connected to a raw peer that answered its CON from `raw`.
+struct ClientWithRawPeer {
+    EUDPTransport client;
+    testsupport::RawUdp raw;
+    std::uint16_t clientPort = 0;
+
+    bool open(bool quiet = true);
+    bool sendToClient(const Bytes& datagram) { return raw.sendTo(datagram, clientPort); }
+    bool next(Bytes& datagram, int timeoutMs = 2000);
+};
+
+// Two real transports on 127.0.0.1: `client` connected to `server`, accepted from `listener`.
+struct TransportPair {
+    EUDPTransport listener;
+    EUDPTransport client;
+    std::unique_ptr<EUDPTransport> server;
+    bool open();
+};
+
+std::string commandOf(const Bytes& datagram);
+Bytes payloadOf(const Bytes& datagram);
+
+}  // namespace eudptest
+
+#endif  // TARN_TESTS_EUDP_EUDPTESTACCESS_H

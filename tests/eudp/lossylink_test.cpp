@@ -1,0 +1,165 @@
+// EUDP through a link that drops, duplicates and reorders: reliable delivery arrives complete, in
+// order and once; realtime delivery arrives strictly increasing.
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "eudptestaccess.h"
+#include "lossylink.h"
+
+using eudptest::LossyLink;
+using testsupport::waitUntil;
+
+namespace {
+
+// A listener, a relay in front of it, and clients connected through the relay.
+struct LossySetup {
+    EUDPTransport listener;
+    std::unique_ptr<LossyLink> link;
+    std::vector<std::unique_ptr<EUDPTransport>> clients;
+    std::vector<std::unique_ptr<EUDPTransport>> servers;
+
+    bool open(const LossyLink::Options& options, int count) {
+        if (!listener.listen(sal::HostAddress("127.0.0.1"), 0)) {
+            return false;
+        }
+        link.reset(new LossyLink(listener.getLocalPort(), options));
+        for (int i = 0; i < count; ++i) {
+            std::unique_ptr<EUDPTransport> server;
+            std::thread acceptor([&] { server.reset(static_cast<EUDPTransport*>(listener.accept())); });
+            clients.emplace_back(new EUDPTransport);
+            bool ok = clients.back()->connect(sal::HostAddress("127.0.0.1"), link->port());
+            if (!ok) {
+                listener.disconnect();
+            }
+            acceptor.join();
+            if (!ok || !server) {
+                return false;
+            }
+            servers.push_back(std::move(server));
+        }
+        return true;
+    }
+};
+
+bool sendIndex(EUDPTransport& t, int i) {
+    std::string text = "message " + std::to_string(i);
+    return t.sendData(reinterpret_cast<const uint8*>(text.data()), static_cast<uint>(text.size()));
+}
+
+// Reads until `count` messages arrived or the transport ends; returns their indices.
+std::vector<int> readIndices(EUDPTransport& t, int count) {
+    std::vector<int> indices;
+    std::uint8_t buffer[1500];
+    while (static_cast<int>(indices.size()) < count) {
+        int n = t.receiveData(buffer, sizeof buffer);
+        if (n <= 0) {
+            break;
+        }
+        std::string text(buffer, buffer + n);
+        indices.push_back(std::stoi(text.substr(8)));
+    }
+    return indices;
+}
+
+LossyLink::Options disturbed(std::uint32_t seed) {
+    LossyLink::Options options;
+    options.seed = seed;
+    options.drop = 0.05;
+    options.duplicate = 0.03;
+    options.reorder = 0.05;
+    return options;
+}
+
+TEST(EUDPLossyLink, ReliableBothWaysArrivesCompleteInOrderOnce) {
+    const int kMessages = 2000;
+    LossySetup setup;
+    ASSERT_TRUE(setup.open(disturbed(20240611), 2));
+    for (auto& client : setup.clients) {
+        ASSERT_TRUE(client->setReceiveMode(eReliable));  // client sends reliably
+        ASSERT_TRUE(client->setSendMode(eReliable));     // server sends reliably
+    }
+
+    std::vector<std::vector<int>> received(4);
+    std::vector<std::thread> threads;
+    for (int c = 0; c < 2; ++c) {
+        EUDPTransport* client = setup.clients[c].get();
+        EUDPTransport* server = setup.servers[c].get();
+        threads.emplace_back([&received, server, c] { received[2 * c] = readIndices(*server, kMessages); });
+        threads.emplace_back(
+            [&received, client, c] { received[2 * c + 1] = readIndices(*client, kMessages); });
+        threads.emplace_back([client] {
+            for (int i = 0; i < kMessages; ++i) {
+                sendIndex(*client, i);
+            }
+        });
+        threads.emplace_back([server] {
+            for (int i = 0; i < kMessages; ++i) {
+                sendIndex(*server, i);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::vector<int> expected(kMessages);
+    for (int i = 0; i < kMessages; ++i) {
+        expected[i] = i;
+    }
+    for (std::size_t r = 0; r < received.size(); ++r) {
+        EXPECT_EQ(expected, received[r]) << "stream " << r;
+    }
+    EXPECT_GT(setup.link->dropped(), 0u);
+    EXPECT_GT(setup.link->duplicated(), 0u);
+    EXPECT_GT(setup.link->reordered(), 0u);
+}
+
+TEST(EUDPLossyLink, RealtimeArrivesStrictlyIncreasing) {
+    const int kMessages = 3000;
+    LossySetup setup;
+    ASSERT_TRUE(setup.open(disturbed(7), 1));
+    EUDPTransport& client = *setup.clients[0];
+    EUDPTransport& server = *setup.servers[0];
+    std::vector<int> indices;
+    std::thread reader([&] { indices = readIndices(server, kMessages); });
+    for (int i = 0; i < kMessages; ++i) {
+        ASSERT_TRUE(sendIndex(client, i));
+        if (i % 100 == 99) {
+            sal::Thread::mssleep(2);  // no more than the sockets hold
+        }
+    }
+    // Let the tail arrive, then end the reader.
+    std::uint64_t last = 0;
+    do {
+        last = setup.link->forwarded();
+        sal::Thread::mssleep(300);
+    } while (setup.link->forwarded() != last);
+    server.disconnect();
+    reader.join();
+
+    ASSERT_FALSE(indices.empty());
+    for (std::size_t i = 1; i < indices.size(); ++i) {
+        ASSERT_LT(indices[i - 1], indices[i]) << "at " << i;
+    }
+    EXPECT_LT(indices.size(), static_cast<std::size_t>(kMessages));  // losses are not made good
+    EXPECT_GT(indices.size(), static_cast<std::size_t>(kMessages * 8 / 10));
+    EXPECT_GT(setup.link->dropped(), 0u);
+}
+
+TEST(EUDPLossyLink, CleanRelayFollowsConnectionPort) {
+    LossySetup setup;
+    ASSERT_TRUE(setup.open(LossyLink::Options(), 3));
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(setup.link->port(), setup.clients[c]->getPeerPort());
+        ASSERT_TRUE(sendIndex(*setup.clients[c], c));
+    }
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(std::vector<int>{c}, readIndices(*setup.servers[c], 1));
+    }
+}
+
+}  // namespace

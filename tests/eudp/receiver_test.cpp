@@ -1,0 +1,417 @@
+// The receiver thread on the wire: ordering and delivery in both modes, duplicates, gaps, ACK and
+// NAK bookkeeping, answers to MOD and WIN, DIS, and receiveData.
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "eudptestaccess.h"
+
+using Corvane::Utilities::Logging::eDebug;
+using Corvane::Utilities::Logging::eError;
+using Corvane::Utilities::Logging::eWarning;
+using eudptest::commandOf;
+using eudptest::line;
+using eudptest::ServerWithRawPeer;
+using testsupport::Bytes;
+using testsupport::bytesOf;
+using testsupport::eudpDatagram;
+using testsupport::hex;
+using testsupport::LogCapture;
+using testsupport::waitUntil;
+
+namespace {
+
+std::uint32_t modeWord(char b0, char b1, char b2, char b3) {
+    return static_cast<std::uint8_t>(b0) | (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b1)) << 8) |
+           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b2)) << 16) |
+           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b3)) << 24);
+}
+
+std::string receiveText(EUDPTransport& t) {
+    std::uint8_t buffer[1500];
+    int n = t.receiveData(buffer, sizeof buffer);
+    if (n < 0) {
+        return "<" + std::to_string(n) + ">";
+    }
+    return std::string(buffer, buffer + n);
+}
+
+// A WIN/WAK round trip: everything the raw peer sent before it has been handled when it returns.
+void sync(ServerWithRawPeer& peer, std::uint32_t marker = 10) {
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", marker)));
+    Bytes answer;
+    ASSERT_TRUE(peer.next(answer));
+    ASSERT_EQ(hex(eudpDatagram("WAK", marker)), hex(answer));
+}
+
+void makeReceiveReliable(ServerWithRawPeer& peer) {
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('D', 'D', 'R', 'D'))));
+    Bytes answer;
+    ASSERT_TRUE(peer.next(answer));
+    ASSERT_EQ(hex(eudpDatagram("MAK", modeWord('D', 'T', 'R', 'R'))), hex(answer));
+}
+
+void expectNext(ServerWithRawPeer& peer, const Bytes& expected) {
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram)) << "expected " << hex(expected);
+    EXPECT_EQ(hex(expected), hex(datagram));
+}
+
+TEST(EUDPReceiver, SequenceWrapsAndLateCopyIsDuplicate) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(65533));
+    ASSERT_EQ(65534, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 65534, bytesOf("a"))));
+    EXPECT_EQ("a", receiveText(*peer.server));
+    EXPECT_EQ(0, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 0, bytesOf("b"))));
+    EXPECT_EQ("b", receiveText(*peer.server));
+    EXPECT_TRUE(peer.raw.quietFor(200));  // realtime: no answer to data
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 65534, bytesOf("a"))));
+    expectNext(peer, eudpDatagram("ACK", 65534));
+    EXPECT_EQ(1, log.count(eDebug, line(peer.raw.port(), "received a duplicate packet - ACK and ignore")))
+        << log.dump();
+    EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
+}
+
+TEST(EUDPReceiver, DuplicateAtWindowEdgeAndReliableGapOfOne) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(99));
+    makeReceiveReliable(peer);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 99, bytesOf("old"))));
+    expectNext(peer, eudpDatagram("ACK", 99));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 101, bytesOf("ahead"))));
+    expectNext(peer, eudpDatagram("NAK", 100));
+    EXPECT_EQ(1, log.count(eWarning, line(peer.raw.port(), "101 packets lost"))) << log.dump();
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 100, bytesOf("now"))));
+    expectNext(peer, eudpDatagram("ACK", 100));
+    EXPECT_EQ("now", receiveText(*peer.server));
+    EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
+}
+
+TEST(EUDPReceiver, ReliableGapNaksAndDeliversAfterResend) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(9));  // expects 10
+    makeReceiveReliable(peer);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 12, bytesOf("12"))));
+    expectNext(peer, eudpDatagram("NAK", 10));
+    EXPECT_EQ(1, log.count(eWarning, line(peer.raw.port(), "12 packets lost"))) << log.dump();
+    EXPECT_EQ(10, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    for (std::uint32_t n = 10; n <= 12; ++n) {
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", n, bytesOf(std::to_string(n)))));
+        expectNext(peer, eudpDatagram("ACK", n));
+    }
+    EXPECT_EQ("10", receiveText(*peer.server));
+    EXPECT_EQ("11", receiveText(*peer.server));
+    EXPECT_EQ("12", receiveText(*peer.server));
+}
+
+TEST(EUDPReceiver, LostCountUsesExpectedParity) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(10));  // expects 11
+    makeReceiveReliable(peer);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 12, bytesOf("12"))));
+    expectNext(peer, eudpDatagram("NAK", 11));
+    EXPECT_EQ(1, log.count(eWarning, line(peer.raw.port(), "11 packets lost"))) << log.dump();
+}
+
+TEST(EUDPReceiver, RealtimeGapIsSkippedSilently) {
+    LogCapture log(Corvane::Utilities::Logging::eInfo);
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(9));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 12, bytesOf("12"))));
+    EXPECT_EQ("12", receiveText(*peer.server));
+    EXPECT_EQ(13, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    EXPECT_TRUE(peer.raw.quietFor(300));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 10, bytesOf("10"))));
+    expectNext(peer, eudpDatagram("ACK", 10));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 11, bytesOf("11"))));
+    expectNext(peer, eudpDatagram("ACK", 11));
+    EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
+}
+
+TEST(EUDPReceiver, DistanceOfHalfTheRangeDecidesOldOrNew) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(65534));  // expects 0
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 32768, bytesOf("behind"))));
+    expectNext(peer, eudpDatagram("ACK", 32768));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 32767, bytesOf("ahead"))));
+    EXPECT_EQ("ahead", receiveText(*peer.server));
+    EXPECT_EQ(32768, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+}
+
+TEST(EUDPReceiver, HighWordsGiveNegativeNumbers) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(65534));  // expects 0
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 0xFFFFFFFFu, bytesOf("minus one"))));
+    expectNext(peer, eudpDatagram("ACK", 0xFFFFFFFFu));  // the word as it came
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 0x80000000u, bytesOf("far"))));
+    EXPECT_EQ("far", receiveText(*peer.server));
+    EXPECT_EQ(-32767, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+}
+
+TEST(EUDPReceiver, NakRefusedWhenNotAboveLastAck) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    const std::string warning =
+        line(peer.raw.port(), "Received a NAK for a packet that had already been ACKed (ignoring)");
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 3)));  // before any ACK: -1 is the largest
+    sync(peer);
+    EXPECT_EQ(1, log.count(eWarning, warning)) << log.dump();
+
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 7)));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 5)));
+    sync(peer);
+    EXPECT_EQ(2, log.count(eWarning, warning)) << log.dump();
+    EXPECT_EQ(-1, EUDPTransportTest::lastSent(*peer.server).getValue());
+
+    EUDPTransportTest::lastAcked(*peer.server) = ModuloValue(65530);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 2)));  // wrapped below it
+    sync(peer);
+    EXPECT_EQ(3, log.count(eWarning, warning)) << log.dump();
+}
+
+TEST(EUDPReceiver, AcceptedNakRewindsSender) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 7)));
+    sync(peer);
+    EUDPTransportTest::ackSem(*peer.server).take(0);
+    EUDPTransportTest::unacked(*peer.server) = 4;
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 9)));
+    sync(peer);
+    EXPECT_EQ(8, EUDPTransportTest::lastSent(*peer.server).getValue());
+    EXPECT_EQ(0u, EUDPTransportTest::unacked(*peer.server).load());
+    EXPECT_EQ(0, EUDPTransportTest::ackSem(*peer.server).take(0));
+}
+
+TEST(EUDPReceiver, OldOrRepeatedAckChangesNothing) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 7)));
+    sync(peer);
+    EXPECT_EQ(7, EUDPTransportTest::lastAcked(*peer.server).getValue());
+    EXPECT_EQ(0, EUDPTransportTest::ackSem(*peer.server).take(0));  // a new ACK gives it
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 7)));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 5)));
+    sync(peer);
+    EXPECT_EQ(7, EUDPTransportTest::lastAcked(*peer.server).getValue());
+    EXPECT_EQ(1, EUDPTransportTest::ackSem(*peer.server).take(0));
+}
+
+TEST(EUDPReceiver, WindowZeroIsTakenAndAcknowledged) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", 0)));
+    expectNext(peer, eudpDatagram("WAK", 0));
+    EXPECT_EQ(0u, peer.server->getWindowSize());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", 5000)));  // beyond the ring: no bound
+    expectNext(peer, eudpDatagram("WAK", 5000));
+    EXPECT_EQ(5000u, peer.server->getWindowSize());
+}
+
+TEST(EUDPReceiver, ModeRequestRefusedOnSecondByteKeepsFirstChange) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    EUDPTransportTest::sendMode(*peer.server) = eReliable;
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('T', 'D', 'X', 'D'))));
+    ASSERT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "unknown mode request (ignoring)"), 2000))
+        << log.dump();
+    EXPECT_EQ(eRealtime, peer.server->getSendMode());
+    EXPECT_EQ(eRealtime, peer.server->getReceiveMode());
+    EXPECT_TRUE(peer.raw.quietFor(300));
+}
+
+TEST(EUDPReceiver, ModeRequestLeavingSendAnswersCurrentLetters) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('D', '?', 'R', '?'))));
+    expectNext(peer, eudpDatagram("MAK", modeWord('D', 'T', 'R', 'R')));
+    EXPECT_EQ(eReliable, peer.server->getReceiveMode());
+    EXPECT_EQ(eRealtime, peer.server->getSendMode());
+}
+
+TEST(EUDPReceiver, ForbiddenModeGetsNoAnswer) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    peer.server->allowSendMode(true, false);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('R', 'D', 'D', 'D'))));
+    ASSERT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "unknown mode request (ignoring)"), 2000));
+    EXPECT_EQ(eRealtime, peer.server->getSendMode());
+    EXPECT_TRUE(peer.raw.quietFor(300));
+    // Realtime is still allowed.
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('T', 'D', 'T', 'D'))));
+    expectNext(peer, eudpDatagram("MAK", modeWord('T', 'T', 'T', 'T')));
+}
+
+TEST(EUDPReceiver, AnswersAreHandedToRequesters) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MAK", 0x11223344u)));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WAK", 77)));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::windowAck(*peer.server).load() == 77u; }, 2000));
+    EXPECT_EQ(0x11223344u, EUDPTransportTest::modeAck(*peer.server).load());
+    EXPECT_EQ(0, EUDPTransportTest::modeSem(*peer.server).take(0));
+}
+
+TEST(EUDPReceiver, DisWakesBlockedReaderOnce) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    std::atomic<int> first(-2);
+    std::thread reader([&] {
+        std::uint8_t buffer[64];
+        first = peer.server->receiveData(buffer, sizeof buffer);
+    });
+    EXPECT_FALSE(waitUntil([&] { return first.load() != -2; }, 200));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("DIS", 1)));
+    EXPECT_TRUE(waitUntil([&] { return first.load() != -2; }, 3000));
+    reader.join();
+    EXPECT_EQ(0, first.load());
+    EXPECT_TRUE(peer.server->isClosed());
+    EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
+    Bytes earlier;  // a keep-alive sent before the DIS arrived may be waiting; loopback is instant
+    std::uint16_t from = 0;
+    while (peer.raw.receive(earlier, from, 100)) {
+        EXPECT_EQ("CMD", commandOf(earlier));
+    }
+    EXPECT_TRUE(peer.raw.quietFor(700));  // nothing back, no keep-alive either
+
+    // The thread's end gave one count only: a second read waits.
+    std::atomic<int> second(-2);
+    std::thread again([&] {
+        std::uint8_t buffer[64];
+        second = peer.server->receiveData(buffer, sizeof buffer);
+    });
+    EXPECT_FALSE(waitUntil([&] { return second.load() != -2; }, 500));
+    EUDPTransportTest::receiveSem(*peer.server).give();
+    EXPECT_TRUE(waitUntil([&] { return second.load() != -2; }, 2000));
+    again.join();
+    EXPECT_EQ(0, second.load());
+}
+
+TEST(EUDPReceiver, QueuedMessagesSurviveTheEnd) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1, bytesOf("one"))));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 2, bytesOf("two"))));
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::receiveQueued(*peer.server) == 2; }, 2000));
+    peer.server->disconnect();
+    EXPECT_EQ("one", receiveText(*peer.server));
+    EXPECT_EQ("two", receiveText(*peer.server));
+    EXPECT_EQ("", receiveText(*peer.server));
+}
+
+TEST(EUDPReceiver, SmallBufferKeepsMessageUntilNextDelivery) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1, bytesOf("hello"))));
+    std::uint8_t small[3];
+    EXPECT_EQ(-1, peer.server->receiveData(small, sizeof small));
+    EXPECT_EQ(1, log.count(eError, line(peer.raw.port(), "receive failed, provided buffer too small")))
+        << log.dump();
+    EXPECT_EQ(1u, EUDPTransportTest::receiveQueued(*peer.server));
+
+    std::atomic<bool> done(false);
+    std::string text;
+    std::thread reader([&] {
+        text = receiveText(*peer.server);
+        done = true;
+    });
+    EXPECT_FALSE(waitUntil([&] { return done.load(); }, 300));  // the count was used up
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 2, bytesOf("world"))));
+    EXPECT_TRUE(waitUntil([&] { return done.load(); }, 2000));
+    reader.join();
+    EXPECT_EQ("hello", text);
+    // Every count is now one delivery behind: "world" comes out with the next delivery's count.
+    EXPECT_EQ(0u, EUDPTransportTest::receiveSem(*peer.server).getCount());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 3, bytesOf("again"))));
+    EXPECT_EQ("world", receiveText(*peer.server));
+    EXPECT_EQ(1u, EUDPTransportTest::receiveQueued(*peer.server));
+}
+
+TEST(EUDPReceiver, EmptyDataIsAnsweredNotDelivered) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1)));
+    expectNext(peer, eudpDatagram("NOP", 0));
+    EXPECT_EQ(2, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    makeReceiveReliable(peer);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 2)));
+    expectNext(peer, eudpDatagram("ACK", 2));
+    EXPECT_TRUE(peer.raw.quietFor(200));
+    EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
+    EXPECT_EQ(0u, EUDPTransportTest::receiveSem(*peer.server).getCount());
+}
+
+TEST(EUDPReceiver, FullReceiveRingDropsWithoutAnswer) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    // Paced, so that the socket's own buffer never drops anything.
+    for (std::uint32_t n = 1; n <= 999; ++n) {
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", n, bytesOf("x" + std::to_string(n)))));
+        if (n % 50 == 0 || n == 999) {
+            ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::receiveQueued(*peer.server) == n; }, 5000))
+                << n;
+        }
+    }
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1000, bytesOf("dropped"))));
+    ASSERT_TRUE(log.waitFor(eDebug, line(peer.raw.port(), "receive buffer is full (dropping packet)"), 2000));
+    EXPECT_TRUE(peer.raw.quietFor(200));
+    EXPECT_EQ(1000, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    EXPECT_EQ("x1", receiveText(*peer.server));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1000, bytesOf("again"))));
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::receiveQueued(*peer.server) == 999; }, 2000));
+    for (int n = 2; n <= 999; ++n) {
+        ASSERT_EQ("x" + std::to_string(n), receiveText(*peer.server));
+    }
+    EXPECT_EQ("again", receiveText(*peer.server));
+}
+
+TEST(EUDPReceiver, ConOnConnectionIsUnexpected) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CON", 0)));
+    EXPECT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "unknown/unexpected command (ignoring)"), 2000))
+        << log.dump();
+    EXPECT_TRUE(peer.raw.quietFor(200));
+}
+
+TEST(EUDPReceiver, InvalidDatagramIsDropped) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("cmd", 1, bytesOf("x"))));
+    ASSERT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "dropping invalid packet"), 2000)) << log.dump();
+    EXPECT_EQ(1, log.count(eWarning, "TARN/EUDP: packet validation failed: unknown command"));
+    EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
+    EXPECT_EQ(1, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+}
+
+TEST(EUDPReceiver, ReceiveFailureClosesAndStopsTimers) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    EUDPTransportTest::socket(*peer.server)->close();  // as if the socket failed
+    EXPECT_TRUE(waitUntil([&] { return peer.server->isClosed(); }, 2000));
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 2000));
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 2000));
+    EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
+    std::uint8_t buffer[8];
+    EXPECT_EQ(0, peer.server->receiveData(buffer, sizeof buffer));
+}
+
+}  // namespace

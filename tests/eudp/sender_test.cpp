@@ -1,0 +1,340 @@
+// The sending path on the wire: numbering, realtime passes, the reliable window with go-back
+// resend after 500 ms, cumulative ACK, NAK, wrap-around, the full ring.
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "eudptestaccess.h"
+
+using Corvane::Utilities::Logging::eDebug;
+using Corvane::Utilities::Logging::eError;
+using eudptest::commandOf;
+using eudptest::line;
+using eudptest::ServerWithRawPeer;
+using testsupport::Bytes;
+using testsupport::bytesOf;
+using testsupport::eudpDatagram;
+using testsupport::hex;
+using testsupport::le32;
+using testsupport::LogCapture;
+using testsupport::nowMs;
+using testsupport::waitUntil;
+
+namespace {
+
+std::uint32_t modeWord(char b0, char b1, char b2, char b3) {
+    return static_cast<std::uint8_t>(b0) | (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b1)) << 8) |
+           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b2)) << 16) |
+           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b3)) << 24);
+}
+
+bool send(EUDPTransport& t, const std::string& text) {
+    return t.sendData(reinterpret_cast<const uint8*>(text.data()), static_cast<uint>(text.size()));
+}
+
+void makeReliable(ServerWithRawPeer& peer) {
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('R', 'D', 'D', 'D'))));
+    Bytes answer;
+    ASSERT_TRUE(peer.next(answer));
+    ASSERT_EQ(hex(eudpDatagram("MAK", modeWord('R', 'R', 'D', 'T'))), hex(answer));
+    ASSERT_EQ(eReliable, peer.server->getSendMode());
+}
+
+void setWindow(ServerWithRawPeer& peer, std::uint32_t size) {
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", size)));
+    Bytes answer;
+    ASSERT_TRUE(peer.next(answer));
+    ASSERT_EQ(hex(eudpDatagram("WAK", size)), hex(answer));
+}
+
+// Queues `count` messages while the window is 0, then opens the window to `window`: the reliable
+// sender waits for an acknowledgement (up to 500 ms) before it looks at newly queued data, so
+// queueing everything first is what makes the first burst exact.
+void queueHeld(ServerWithRawPeer& peer, int count, std::uint32_t window) {
+    setWindow(peer, 0);
+    for (int i = 0; i < count; ++i) {
+        ASSERT_TRUE(send(*peer.server, "q" + std::to_string(i)));
+    }
+    setWindow(peer, window);
+}
+
+// The sequence numbers of the next `count` datagrams; each must be a CMD.
+std::vector<std::uint32_t> nextNumbers(ServerWithRawPeer& peer, int count, int timeoutMs = 3000) {
+    std::vector<std::uint32_t> numbers;
+    for (int i = 0; i < count; ++i) {
+        Bytes datagram;
+        if (!peer.next(datagram, timeoutMs)) {
+            ADD_FAILURE() << "datagram " << i << " of " << count << " missing";
+            break;
+        }
+        EXPECT_EQ("CMD", commandOf(datagram));
+        numbers.push_back(le32(datagram, 4));
+    }
+    return numbers;
+}
+
+std::vector<std::uint32_t> range(std::uint32_t from, std::uint32_t to) {
+    std::vector<std::uint32_t> out;
+    for (std::uint32_t i = from; i <= to; ++i) {
+        out.push_back(i);
+    }
+    return out;
+}
+
+TEST(EUDPSender, RealtimeSendsEachQueuedMessageOnce) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(send(*peer.server, "m" + std::to_string(i)));
+    }
+    for (int i = 0; i < 20; ++i) {
+        Bytes datagram;
+        ASSERT_TRUE(peer.next(datagram));
+        EXPECT_EQ(hex(eudpDatagram("CMD", static_cast<std::uint32_t>(i), bytesOf("m" + std::to_string(i)))),
+                  hex(datagram));
+    }
+    EXPECT_TRUE(peer.raw.quietFor(800));
+    EXPECT_EQ(0u, EUDPTransportTest::unacked(*peer.server).load());
+    EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 15, 10);
+    EXPECT_EQ(range(0, 9), nextNumbers(peer, 10));
+    std::int64_t windowFull = nowMs();
+    EXPECT_EQ(range(0, 9), nextNumbers(peer, 10));
+    std::int64_t firstResend = nowMs();
+    EXPECT_GE(firstResend - windowFull, 400);
+    EXPECT_LE(firstResend - windowFull, 2000);
+    EXPECT_EQ(range(0, 9), nextNumbers(peer, 10));
+    std::int64_t secondResend = nowMs();
+    EXPECT_GE(secondResend - firstResend, 400);
+    EXPECT_EQ(10u, EUDPTransportTest::unacked(*peer.server).load());
+
+    // The acknowledgement frees the window: the last five follow.
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 9)));
+    EXPECT_EQ(range(10, 14), nextNumbers(peer, 5));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 14)));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 2000));
+    EXPECT_TRUE(peer.raw.quietFor(1000));
+}
+
+TEST(EUDPSender, AckIsCumulativeAndFreesSlots) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 5, 10);
+    EXPECT_EQ(range(0, 4), nextNumbers(peer, 5));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 2)));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 2; }, 2000));
+    EXPECT_EQ(2, EUDPTransportTest::lastAcked(*peer.server).getValue());
+    EXPECT_EQ(2u, EUDPTransportTest::unacked(*peer.server).load());
+    // The next go-back resends only what is left.
+    EXPECT_EQ(range(3, 4), nextNumbers(peer, 2));
+}
+
+TEST(EUDPSender, AckCoveringUnsentPacketsRemovesThem) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 5, 2);
+    EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 3)));
+    // 2 and 3 never went out and are gone; 4 is next.
+    EXPECT_EQ(std::vector<std::uint32_t>{4}, nextNumbers(peer, 1));
+    EXPECT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+TEST(EUDPSender, NakResendsFromTheNumberOn) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 6, 10);
+    EXPECT_EQ(range(0, 5), nextNumbers(peer, 6));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::lastAcked(*peer.server).getValue() == 0; }, 2000));
+    std::int64_t nakTime = nowMs();
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 2)));
+    EXPECT_EQ(range(2, 5), nextNumbers(peer, 4));
+    // Well before the next time-out would have resent from 1.
+    EXPECT_LE(nowMs() - nakTime, 450);
+}
+
+TEST(EUDPSender, WrapAroundKeepsOrderAndWindow) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    EUDPTransportTest::sendSeq(*peer.server) = ModuloValue(65533);
+    EUDPTransportTest::lastSent(*peer.server) = ModuloValue(65532);
+    EUDPTransportTest::lastAcked(*peer.server) = ModuloValue(65532);
+    makeReliable(peer);
+    queueHeld(peer, 5, 3);
+    EXPECT_EQ((std::vector<std::uint32_t>{65533, 65534, 0}), nextNumbers(peer, 3));
+    EXPECT_EQ((std::vector<std::uint32_t>{65533, 65534, 0}), nextNumbers(peer, 3));  // go-back
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 65534)));
+    EXPECT_EQ((std::vector<std::uint32_t>{1, 2}), nextNumbers(peer, 2));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 2)));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 2000));
+    EXPECT_EQ(2, EUDPTransportTest::lastAcked(*peer.server).getValue());
+}
+
+TEST(EUDPSender, After65535MessagesNumberingStartsAtZero) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    for (int i = 0; i < 65535; ++i) {
+        ASSERT_TRUE(send(*peer.server, "z"));
+    }
+    EXPECT_EQ(0, EUDPTransportTest::sendSeq(*peer.server).getValue());
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 30000));
+    Bytes datagram;
+    std::uint16_t from = 0;
+    while (peer.raw.receive(datagram, from, 300)) {
+    }
+    ASSERT_TRUE(send(*peer.server, "zero"));
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("zero"))), hex(datagram));
+}
+
+TEST(EUDPSender, FullRingBlocksUntilSlotFreedAndClosingDoesNotRelease) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    setWindow(peer, 0);  // nothing leaves, nothing is freed but by ACK
+    for (int i = 0; i < 999; ++i) {
+        ASSERT_TRUE(send(*peer.server, "f")) << i;
+    }
+    std::atomic<int> result(-1);
+    std::thread blocked([&] { result = send(*peer.server, "last") ? 1 : 0; });
+    EXPECT_FALSE(waitUntil([&] { return result.load() != -1; }, 300));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+    EXPECT_TRUE(waitUntil([&] { return result.load() != -1; }, 2000));
+    blocked.join();
+    EXPECT_EQ(1, result.load());
+    EXPECT_EQ(999u, EUDPTransportTest::sendQueued(*peer.server));
+
+    // Closing wakes nobody waiting for space.
+    result = -1;
+    std::thread second([&] { result = send(*peer.server, "after") ? 1 : 0; });
+    EXPECT_FALSE(waitUntil([&] { return result.load() != -1; }, 300));
+    peer.server->disconnect();
+    EXPECT_FALSE(waitUntil([&] { return result.load() != -1; }, 500));
+    EUDPTransportTest::freeOneSendSlot(*peer.server);
+    EXPECT_TRUE(waitUntil([&] { return result.load() != -1; }, 2000));
+    second.join();
+    EXPECT_EQ(0, result.load());
+    EXPECT_EQ(1, log.count(eDebug, line(peer.raw.port(), "trying to send, but connection closed")))
+        << log.dump();
+}
+
+TEST(EUDPSender, ReliableWithWindowZeroNeverSendsData) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    setWindow(peer, 0);
+    ASSERT_TRUE(send(*peer.server, "never"));
+    EXPECT_TRUE(peer.raw.quietFor(1300));
+    EXPECT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+TEST(EUDPSender, RealtimeWithWindowZeroWaitsBeforeEachPass) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    setWindow(peer, 0);
+    std::int64_t start = nowMs();
+    ASSERT_TRUE(send(*peer.server, "late"));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    std::int64_t elapsed = nowMs() - start;
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("late"))), hex(datagram));
+    EXPECT_GE(elapsed, 400);
+    EXPECT_LE(elapsed, 2000);
+}
+
+TEST(EUDPSender, WindowLoweredBelowUnackedWaitsForRewind) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 10, 10);
+    EXPECT_EQ(range(0, 9), nextNumbers(peer, 10));
+    // Lowered at once, well inside the 500 ms before the rewind (a WIN would do the same).
+    EUDPTransportTest::windowSize(*peer.server) = 3;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(send(*peer.server, "l"));
+    }
+    // Nothing new while 10 are out; after the rewind bursts of three from the last ACK on.
+    EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
+    EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
+}
+
+TEST(EUDPSender, SwitchToRealtimeSendsWholeRingOnce) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 5, 2);
+    EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('T', 'D', 'D', 'D'))));
+    Bytes answer;
+    ASSERT_TRUE(peer.next(answer));
+    // A resend of 0 and 1 may come before the MAK; skip to it.
+    while (commandOf(answer) == "CMD") {
+        ASSERT_TRUE(peer.next(answer));
+    }
+    EXPECT_EQ(hex(eudpDatagram("MAK", modeWord('T', 'T', 'D', 'T'))), hex(answer));
+    EXPECT_EQ(range(0, 4), nextNumbers(peer, 5));
+    EXPECT_TRUE(peer.raw.quietFor(800));
+    EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+TEST(EUDPSender, OversizedMessageGoesOutEmptyWithItsOwnNumber) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    std::vector<uint8> big(1493, 0x42);
+    EXPECT_TRUE(peer.server->sendData(big.data(), static_cast<uint>(big.size())));
+    ASSERT_TRUE(send(*peer.server, "next"));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1, bytesOf("next"))), hex(datagram));
+    EXPECT_EQ(1, log.count(eError, "TARN/EUDP: packet length (1493) exceeds max length (1492)"))
+        << log.dump();
+}
+
+TEST(EUDPSender, MaximumMessageTravelsWhole) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    std::vector<uint8> big(1492);
+    for (std::size_t i = 0; i < big.size(); ++i) {
+        big[i] = static_cast<uint8>(i);
+    }
+    EXPECT_TRUE(peer.server->sendData(big.data(), static_cast<uint>(big.size())));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, Bytes(big.begin(), big.end()))), hex(datagram));
+}
+
+TEST(EUDPSender, ControlDatagramWithoutPeerPortIsRefused) {
+    LogCapture log;
+    EUDPTransport transport;
+    EXPECT_FALSE(transport.sendPacket(ACK, 1, 0));
+    EXPECT_EQ(1, log.count(eError, line(0, "no remote port (internal error)"))) << log.dump();
+}
+
+TEST(EUDPSender, SendOnClosedTransportFailsWithDebugLine) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    peer.server->disconnect();
+    EXPECT_FALSE(send(*peer.server, "closed"));
+    EXPECT_EQ(1, log.count(eDebug, line(peer.raw.port(), "trying to send, but connection closed")))
+        << log.dump();
+}
+
+}  // namespace

@@ -1,0 +1,141 @@
+// TARN end to end over EUDP: connections and a listener on eTransportEUDP.
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "eudptestaccess.h"
+#include "tarnpeers.h"
+
+using eudptest::CollectingConnector;
+using eudptest::RecordingClient;
+using testsupport::nowMs;
+using testsupport::waitUntil;
+
+namespace {
+
+struct Server {
+    CollectingConnector::Shared shared;  // outlives the listener
+    TARNListener listener{eTransportEUDP};
+
+    bool open() {
+        if (!listener.listen("127.0.0.1", 0, new CollectingConnector(&shared))) {
+            return false;
+        }
+        return waitUntil([&] { return listener.getLocalPort() != 0; }, 5000);
+    }
+    ~Server() { listener.shutdown(-1); }
+};
+
+TEST(TARNOverEUDP, AllFiveCommands) {
+    Server server;
+    ASSERT_TRUE(server.open());
+    RecordingClient client;
+    TARNConnection connection(eTransportEUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", server.listener.getLocalPort(), &client));
+    ASSERT_TRUE(waitUntil([&] { return server.shared.count() == 1; }, 5000));
+    TARNConnection* accepted = server.shared.connection(0);
+    eudptest::RecordingServer* recorder = server.shared.server(0);
+    EXPECT_NE(server.listener.getLocalPort(), accepted->getLocalPort());
+    EXPECT_EQ(connection.getLocalPort(), accepted->getPeerPort());
+    EXPECT_EQ(accepted->getLocalPort(), connection.getPeerPort());
+
+    ParameterList params;
+    params.addNumeric("count", 3);
+    params.addString("name", "x");
+    ASSERT_TRUE(connection.subscribe("item"));
+    ASSERT_TRUE(connection.unsubscribe("other"));
+    ASSERT_TRUE(connection.callFunctionId("func", params));
+    ASSERT_TRUE(waitUntil([&] { return recorder->size() == 3; }, 5000));
+    std::vector<std::string> serverSaw = recorder->entries();
+    EXPECT_EQ("U item", serverSaw[0]);
+    EXPECT_EQ("X other", serverSaw[1]);
+    EXPECT_EQ("F func " + eudptest::text(params), serverSaw[2]);
+
+    ASSERT_TRUE(accepted->trigger("bell", ParameterValue(5)));
+    ASSERT_TRUE(accepted->updateState("lamp", ParameterValue(true)));
+    ASSERT_TRUE(waitUntil([&] { return client.size() == 2; }, 5000));
+    std::vector<std::string> clientSaw = client.entries();
+    EXPECT_EQ("T bell 5", clientSaw[0]);
+    EXPECT_EQ("S lamp ON", clientSaw[1]);
+
+    // The client's DIS ends the server side at once.
+    connection.disconnect();
+    EXPECT_TRUE(waitUntil([&] { return recorder->disconnects() == 1; }, 3000));
+    EXPECT_TRUE(waitUntil([&] { return client.disconnects() == 1; }, 3000));
+}
+
+TEST(TARNOverEUDP, TwentyClientsOnOneListener) {
+    const int kClients = 20;
+    Server server;
+    ASSERT_TRUE(server.open());
+    std::vector<std::unique_ptr<RecordingClient>> clients;
+    std::vector<std::unique_ptr<TARNConnection>> connections;
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back(new RecordingClient);
+        connections.emplace_back(new TARNConnection(eTransportEUDP));
+        ASSERT_TRUE(
+            connections.back()->connect("127.0.0.1", server.listener.getLocalPort(), clients.back().get()));
+        ASSERT_TRUE(connections.back()->subscribe("client " + std::to_string(i)));
+    }
+    ASSERT_TRUE(waitUntil([&] { return server.shared.count() == kClients; }, 10000));
+    std::set<uint16> serverPorts;
+    std::set<std::string> subscriptions;
+    for (int i = 0; i < kClients; ++i) {
+        TARNConnection* accepted = server.shared.connection(i);
+        serverPorts.insert(accepted->getLocalPort());
+        ASSERT_TRUE(waitUntil([&] { return server.shared.server(i)->size() == 1; }, 5000));
+        subscriptions.insert(server.shared.server(i)->entries()[0]);
+        ASSERT_TRUE(accepted->trigger("back", ParameterValue(i)));
+    }
+    EXPECT_EQ(static_cast<std::size_t>(kClients), serverPorts.size());  // a port per connection
+    EXPECT_EQ(static_cast<std::size_t>(kClients), subscriptions.size());
+    for (int i = 0; i < kClients; ++i) {
+        ASSERT_TRUE(waitUntil([&] { return clients[i]->size() == 1; }, 5000));
+        // Each accepted connection answers the client whose port it carries.
+        uint16 clientPort = connections[i]->getLocalPort();
+        for (int j = 0; j < kClients; ++j) {
+            if (server.shared.connection(j)->getPeerPort() == clientPort) {
+                EXPECT_EQ("T back " + std::to_string(j), clients[i]->entries()[0]);
+                EXPECT_EQ("U client " + std::to_string(i), server.shared.server(j)->entries()[0]);
+            }
+        }
+    }
+    for (auto& connection : connections) {
+        connection->disconnect();
+    }
+}
+
+TEST(TARNOverEUDP, TenThousandReliableMessagesInOrder) {
+    const int kMessages = 10000;
+    Server server;
+    ASSERT_TRUE(server.open());
+    RecordingClient client;
+    TARNConnection connection(eTransportEUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", server.listener.getLocalPort(), &client));
+    ASSERT_TRUE(waitUntil([&] { return server.shared.count() == 1; }, 5000));
+    TARNConnection* accepted = server.shared.connection(0);
+
+    // The client asks the server to send reliably.
+    ASSERT_TRUE(connection.setSendMode(eReliable));
+    std::int64_t start = nowMs();
+    for (int i = 0; i < kMessages; ++i) {
+        ASSERT_TRUE(accepted->trigger("n", ParameterValue(i)));
+    }
+    ASSERT_TRUE(waitUntil([&] { return client.size() == static_cast<std::size_t>(kMessages); }, 120000))
+        << client.size();
+    std::int64_t elapsed = nowMs() - start;
+    std::vector<std::string> entries = client.entries();
+    for (int i = 0; i < kMessages; ++i) {
+        ASSERT_EQ("T n " + std::to_string(i), entries[i]) << "at " << i;
+    }
+    EXPECT_TRUE(
+        testsupport::waitUntil([&] { return client.size() == static_cast<std::size_t>(kMessages); }, 0));
+    RecordProperty("ReliableMessagesPerSecond",
+                   static_cast<int>(kMessages * 1000 / (elapsed > 0 ? elapsed : 1)));
+    connection.disconnect();
+}
+
+}  // namespace

@@ -1,0 +1,302 @@
+// Liveness supervision: keep-alive after a quiet spell, close 10 s after an unanswered one, idle
+// pairs that stay up, killed peers noticed in time, and many connections sharing the timers.
+#include <dirent.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "eudptestaccess.h"
+#include "tarnpeers.h"
+
+using eudptest::ClientWithRawPeer;
+using eudptest::commandOf;
+using eudptest::ServerWithRawPeer;
+using eudptest::TransportPair;
+using testsupport::Bytes;
+using testsupport::eudpDatagram;
+using testsupport::hex;
+using testsupport::nowMs;
+using testsupport::waitUntil;
+
+namespace {
+
+int threadCount() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(dir);
+    return count;
+}
+
+// The raw peer asks the server to send reliably and waits for the answer (skipping a keep-alive
+// that may come first).
+bool makeReliable(ServerWithRawPeer& peer) {
+    std::uint32_t request = 'R' | ('D' << 8) | ('D' << 16) | (static_cast<std::uint32_t>('D') << 24);
+    if (!peer.sendToServer(eudpDatagram("MOD", request))) {
+        return false;
+    }
+    Bytes datagram;
+    while (peer.next(datagram)) {
+        if (commandOf(datagram) == "MAK") {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST(EUDPTimers, ServerSendsOneKeepAliveAfterHalfASecond) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    std::int64_t opened = nowMs();
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    std::int64_t first = nowMs();
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+    EXPECT_GE(first - opened, 350);
+    EXPECT_LE(first - opened, 2000);
+    // Answered, the cycle starts again: the next one half a second after the answer.
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NOP", 0)));
+    std::int64_t answered = nowMs();
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1)), hex(datagram));
+    EXPECT_GE(nowMs() - answered, 400);
+    EXPECT_FALSE(peer.server->isClosed());
+}
+
+TEST(EUDPTimers, ClientSendsKeepAliveAfterOneSecond) {
+    ClientWithRawPeer peer;
+    ASSERT_TRUE(peer.open(false));
+    std::int64_t opened = nowMs();
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram, 4000));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1)), hex(datagram));
+    EXPECT_GE(nowMs() - opened, 850);
+    EXPECT_LE(nowMs() - opened, 3000);
+}
+
+TEST(EUDPTimers, SilentPeerClosesTenSecondsAfterTheOnlyKeepAlive) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    std::int64_t keepAlive = nowMs();
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+    std::atomic<int> received(-2);
+    std::thread reader([&] {
+        std::uint8_t buffer[16];
+        received = peer.server->receiveData(buffer, sizeof buffer);
+    });
+    ASSERT_TRUE(waitUntil([&] { return peer.server->isClosed(); }, 14000));
+    std::int64_t closed = nowMs();
+    EXPECT_GE(closed - keepAlive, 9800);
+    EXPECT_LE(closed - keepAlive, 11500);
+    EXPECT_TRUE(waitUntil([&] { return received.load() != -2; }, 3000));  // the reader is woken
+    reader.join();
+    EXPECT_EQ(0, received.load());
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 3000));
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 3000));
+    // No second keep-alive and no DIS.
+    EXPECT_FALSE(peer.next(datagram, 100)) << hex(datagram);
+}
+
+TEST(EUDPTimers, InvalidDatagramsDoNotKeepConnectionAlive) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    std::int64_t opened = nowMs();
+    std::atomic<bool> stop(false);
+    std::thread noise([&] {
+        while (!stop) {
+            peer.sendToServer(Bytes{2, 'N', 'O', 'P', 0, 0, 0, 0});
+            sal::Thread::mssleep(100);
+        }
+    });
+    bool closed = waitUntil([&] { return peer.server->isClosed(); }, 15000);
+    std::int64_t elapsed = nowMs() - opened;
+    stop = true;
+    noise.join();
+    ASSERT_TRUE(closed);
+    EXPECT_GE(elapsed, 10000);
+    EXPECT_LE(elapsed, 12500);
+    int keepAlives = 0;
+    Bytes datagram;
+    while (peer.next(datagram, 100)) {
+        EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+        ++keepAlives;
+    }
+    EXPECT_EQ(1, keepAlives);
+}
+
+TEST(EUDPTimers, SecondInitHasNoEffect) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    peer.server->initTimers(123);
+    EXPECT_EQ(500000u, EUDPTransportTest::aliveTimeout(*peer.server));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram, 3000));  // still the half-second keep-alive, not 123 us
+    EXPECT_TRUE(peer.raw.quietFor(300));
+}
+
+TEST(EUDPTimers, DisconnectStopsTimers) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    EXPECT_TRUE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    peer.server->disconnect();
+    EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ("DIS", commandOf(datagram));
+    EXPECT_TRUE(peer.raw.quietFor(1000));
+}
+
+TEST(EUDPTimers, FullSendRingTowardsSilentPeerStillClosesOnTime) {
+    // A: reliable, ring full, peer silent: the keep-alive callback blocks in sendData.
+    ServerWithRawPeer full;
+    ASSERT_TRUE(full.open(0, false));
+    // B: an idle neighbour whose timers must not wait for A's blocked callback.
+    ServerWithRawPeer idle;
+    ASSERT_TRUE(idle.open(0, false));
+    std::int64_t lastHeard = nowMs();
+    ASSERT_TRUE(makeReliable(full));
+    for (int i = 0; i < 999; ++i) {
+        ASSERT_TRUE(full.server->sendData(reinterpret_cast<const uint8*>("p"), 1)) << i;
+    }
+    EXPECT_EQ(eReliable, full.server->getSendMode());
+    EXPECT_EQ(999u, EUDPTransportTest::sendQueued(*full.server));
+
+    ASSERT_TRUE(waitUntil([&] { return full.server->isClosed(); }, 16000));
+    std::int64_t elapsed = nowMs() - lastHeard;
+    EXPECT_GE(elapsed, 10000);
+    EXPECT_LE(elapsed, 12500);
+    EXPECT_TRUE(waitUntil([&] { return idle.server->isClosed(); }, 3000));
+
+    // Destruction must not wait for the blocked keep-alive.
+    std::int64_t start = nowMs();
+    full.server.reset();
+    EXPECT_LE(nowMs() - start, 3000);
+}
+
+TEST(EUDPTimers, DestroyWhileKeepAliveBlockedOnOpenConnection) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    ASSERT_TRUE(makeReliable(peer));
+    for (int i = 0; i < 999; ++i) {
+        ASSERT_TRUE(peer.server->sendData(reinterpret_cast<const uint8*>("p"), 1));
+    }
+    // The keep-alive comes after half a second; give it time to block on the full ring.
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::aliveTimer(*peer.server).isRunning(); }, 5000));
+    std::int64_t start = nowMs();
+    peer.server.reset();
+    EXPECT_LE(nowMs() - start, 3000);
+}
+
+TEST(EUDPTimers, IdlePairStaysConnectedFor30s) {
+    TransportPair pair;
+    ASSERT_TRUE(pair.open());
+    sal::Thread::mssleep(30000);  // the idle time itself is what is tested
+    EXPECT_FALSE(pair.client.isClosed());
+    EXPECT_FALSE(pair.server->isClosed());
+    // One keep-alive per half-second quiet spell on the server; the client always hears one
+    // before its own second is up.
+    int serverKeepAlives = EUDPTransportTest::sendSeq(*pair.server).getValue();
+    EXPECT_GE(serverKeepAlives, 25);
+    EXPECT_LE(serverKeepAlives, 62);
+    EXPECT_LE(EUDPTransportTest::sendSeq(pair.client).getValue(), 6);
+    // Still carries data both ways.
+    ASSERT_TRUE(pair.client.sendData(reinterpret_cast<const uint8*>("ok"), 2));
+    std::uint8_t buffer[8];
+    EXPECT_EQ(2, pair.server->receiveData(buffer, sizeof buffer));
+}
+
+TEST(EUDPTimers, HundredIdleConnectionsShareTimerThreads) {
+    const int kCount = 100;
+    int before = threadCount();
+    EUDPTransport listener;
+    ASSERT_TRUE(listener.listen(sal::HostAddress("127.0.0.1"), 0));
+    std::vector<std::unique_ptr<EUDPTransport>> servers;
+    std::thread acceptor([&] {
+        for (int i = 0; i < kCount; ++i) {
+            EUDPTransport* accepted = static_cast<EUDPTransport*>(listener.accept());
+            if (accepted == nullptr) {
+                return;
+            }
+            servers.emplace_back(accepted);
+        }
+    });
+    std::vector<std::unique_ptr<EUDPTransport>> clients;
+    for (int i = 0; i < kCount; ++i) {
+        clients.emplace_back(new EUDPTransport);
+        ASSERT_TRUE(clients.back()->connect(sal::HostAddress("127.0.0.1"), listener.getLocalPort())) << i;
+    }
+    acceptor.join();
+    ASSERT_EQ(static_cast<std::size_t>(kCount), servers.size());
+
+    std::int64_t end = nowMs() + 30000;
+    int most = 0;
+    while (nowMs() < end) {
+        sal::Thread::mssleep(1000);
+        most = std::max(most, threadCount());
+    }
+    for (int i = 0; i < kCount; ++i) {
+        EXPECT_FALSE(clients[i]->isClosed()) << i;
+        EXPECT_FALSE(servers[i]->isClosed()) << i;
+    }
+    // Two threads per transport; the timers add a small shared pool, not one thread each.
+    EXPECT_LE(most - before, 4 * kCount + 32) << "threads before " << before << ", most " << most;
+}
+
+TEST(EUDPTimers, KilledServerIsNoticedByClientWithinElevenSeconds) {
+    eudptest::PeerProcess peer;
+    ASSERT_TRUE(peer.start({EUDP_PEER_PATH, "server"}));
+    std::string first = peer.readLine(10000);
+    ASSERT_EQ(0u, first.rfind("port ", 0)) << first;
+    uint16 port = static_cast<uint16>(std::stoi(first.substr(5)));
+
+    eudptest::RecordingClient client;
+    TARNConnection connection(eTransportEUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", port, &client));
+    sal::Thread::mssleep(2000);  // a few keep-alive exchanges first
+    ASSERT_EQ(0, client.disconnects());
+    peer.kill();
+    std::int64_t killed = nowMs();
+    ASSERT_TRUE(waitUntil([&] { return client.disconnects() > 0; }, 15000));
+    std::int64_t elapsed = client.disconnectedAt() - killed;
+    EXPECT_GE(elapsed, 9800);
+    EXPECT_LE(elapsed, 12500);
+    connection.disconnect();
+}
+
+TEST(EUDPTimers, KilledClientIsNoticedByServerWithinTenAndAHalfSeconds) {
+    eudptest::CollectingConnector::Shared shared;
+    TARNListener listener(eTransportEUDP);
+    ASSERT_TRUE(listener.listen("127.0.0.1", 0, new eudptest::CollectingConnector(&shared)));
+    ASSERT_TRUE(waitUntil([&] { return listener.getLocalPort() != 0; }, 5000));
+
+    eudptest::PeerProcess peer;
+    ASSERT_TRUE(peer.start({EUDP_PEER_PATH, "client", std::to_string(listener.getLocalPort())}));
+    std::string first = peer.readLine(10000);
+    ASSERT_EQ(0u, first.rfind("connected ", 0)) << first;
+    ASSERT_TRUE(waitUntil([&] { return shared.count() == 1 && shared.server(0)->connects() == 1; }, 5000));
+    sal::Thread::mssleep(2000);
+    ASSERT_EQ(0, shared.server(0)->disconnects());
+    peer.kill();
+    std::int64_t killed = nowMs();
+    ASSERT_TRUE(waitUntil([&] { return shared.server(0)->disconnects() > 0; }, 15000));
+    std::int64_t elapsed = shared.server(0)->disconnectedAt() - killed;
+    EXPECT_GE(elapsed, 9300);
+    EXPECT_LE(elapsed, 12000);
+    listener.shutdown(-1);
+}
+
+}  // namespace
