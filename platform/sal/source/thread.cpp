@@ -52,8 +52,12 @@ void reap(std::thread& thread) {
 Thread::Thread() : m_pImpl(new Impl) {}
 
 Thread::~Thread() {
-    std::lock_guard<std::mutex> lock(m_pImpl->threadMutex);
-    reap(m_pImpl->thread);  // waits for a run() still going; detaches when called from inside it
+    std::thread thread;
+    {
+        std::lock_guard<std::mutex> lock(m_pImpl->threadMutex);
+        thread = std::move(m_pImpl->thread);
+    }
+    reap(thread);  // waits for a run() still going; detaches when called from inside it
 }
 
 bool Thread::shutdownCallback() {
