@@ -7,6 +7,14 @@
 
 namespace tarncli {
 
+namespace {
+
+// How long close() waits for the receive thread to report its end after disconnect(); it comes at
+// once unless the machine is badly overloaded.
+const int kDisconnectWaitMs = 10000;
+
+}  // namespace
+
 const char* transportName(ETransport kind) {
     return kind == eTransportEUDP ? "eudp" : "tcp";
 }
@@ -71,6 +79,11 @@ void ClientSession::close() {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     m_pConnection->disconnect();
+    if (m_bConnected) {
+        // The receive thread reports eDisconnected as the last thing it does; only then may the
+        // connection (which deletes the transport before it joins that thread) go.
+        m_gate.waitDisconnected(kDisconnectWaitMs);
+    }
     delete m_pConnection;  // joins the receive thread: no callback runs after this
     m_pConnection = nullptr;
     m_pEudp = nullptr;

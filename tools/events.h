@@ -65,6 +65,11 @@ private:
 };
 
 // Holds one connection's events until it is known to be connected, then passes them on in order.
+//
+// It also tells when the connection's Disconnected has come. That status is the last thing the
+// connection's receive thread does, and a TARNConnection deletes its transport before it joins that
+// thread; so the owner waits here before deleting a connection whose thread ran, which orders the
+// thread's last use of the transport before the delete.
 class EventGate {
 public:
     explicit EventGate(EventQueue& queue) : m_queue(queue) {}
@@ -72,11 +77,15 @@ public:
     // Pushes `connected`, then everything held back; later events pass straight through.
     void open(const Event& connected);
     bool isOpen() const;
+    // Waits up to `timeoutMs` for a Disconnected event to have been pushed.
+    bool waitDisconnected(int timeoutMs);
 
 private:
     EventQueue& m_queue;
     mutable std::mutex m_mutex;
+    std::condition_variable m_ended;
     bool m_bOpen = false;
+    bool m_bDisconnected = false;
     std::vector<Event> m_held;
 };
 

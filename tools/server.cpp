@@ -13,6 +13,9 @@ namespace tarncli {
 
 namespace {
 
+// How long stop() waits for each connection's receive thread to report its end after disconnect().
+const int kDisconnectWaitMs = 10000;
+
 // Whether address:port can be bound right now. The listener binds on its own thread and reports
 // nothing when that fails (and a TCP listener whose bind failed hands out a connection without a
 // socket), so the tool asks the system first and refuses to start instead.
@@ -76,6 +79,9 @@ public:
             m_gate.push(make(EventKind::Disconnected));
         }
     }
+
+    // Waits for the receive thread's last act (see EventGate) before the connection is deleted.
+    void waitDisconnected() { m_gate.waitDisconnected(kDisconnectWaitMs); }
 
     const int m_id;
     TARNConnection* const m_pConnection;  // owned by the StateServer
@@ -154,6 +160,7 @@ void StateServer::reap(int id) {
         m_sessions.erase(it);
     }
     // The connection goes first: deleting it joins its receive thread, the session's only caller.
+    // The Disconnected event being handled here has already come from that thread.
     session->m_pConnection->disconnect();
     delete session->m_pConnection;
 }
@@ -270,6 +277,7 @@ void StateServer::stop() {
         entry.second->m_pConnection->disconnect();
     }
     for (auto& entry : sessions) {
+        entry.second->waitDisconnected();
         delete entry.second->m_pConnection;
     }
 }
