@@ -177,6 +177,7 @@ TEST(EUDPTimers, FullSendRingTowardsSilentPeerStillClosesOnTime) {
 
     ASSERT_TRUE(waitUntil([&] { return full.server->isClosed(); }, 16000));
     std::int64_t elapsed = nowMs() - lastHeard;
+    RecordProperty("ClosedAfterMs", static_cast<int>(elapsed));
     EXPECT_GE(elapsed, 10000);
     EXPECT_LE(elapsed, 12500);
     EXPECT_TRUE(waitUntil([&] { return idle.server->isClosed(); }, 3000));
@@ -252,6 +253,8 @@ TEST(EUDPTimers, HundredIdleConnectionsShareTimerThreads) {
         EXPECT_FALSE(clients[i]->isClosed()) << i;
         EXPECT_FALSE(servers[i]->isClosed()) << i;
     }
+    RecordProperty("ThreadsBefore", before);
+    RecordProperty("ThreadsMost", most);
     // Two threads per transport; the timers add a small shared pool, not one thread each.
     EXPECT_LE(most - before, 4 * kCount + 32) << "threads before " << before << ", most " << most;
 }
@@ -272,6 +275,7 @@ TEST(EUDPTimers, KilledServerIsNoticedByClientWithinElevenSeconds) {
     std::int64_t killed = nowMs();
     ASSERT_TRUE(waitUntil([&] { return client.disconnects() > 0; }, 15000));
     std::int64_t elapsed = client.disconnectedAt() - killed;
+    RecordProperty("NoticedAfterMs", static_cast<int>(elapsed));
     EXPECT_GE(elapsed, 9800);
     EXPECT_LE(elapsed, 12500);
     connection.disconnect();
@@ -294,6 +298,7 @@ TEST(EUDPTimers, KilledClientIsNoticedByServerWithinTenAndAHalfSeconds) {
     std::int64_t killed = nowMs();
     ASSERT_TRUE(waitUntil([&] { return shared.server(0)->disconnects() > 0; }, 15000));
     std::int64_t elapsed = shared.server(0)->disconnectedAt() - killed;
+    RecordProperty("NoticedAfterMs", static_cast<int>(elapsed));
     EXPECT_GE(elapsed, 9300);
     EXPECT_LE(elapsed, 12000);
     listener.shutdown(-1);
