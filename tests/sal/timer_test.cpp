@@ -1,14 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -64,6 +67,37 @@ int threadCount() {
     }
     ::closedir(pDir);
     return count;
+}
+
+// The voluntary context switches of the thread named `name` (-1 when there is none): each wake-up
+// of a thread that slept on a condition counts one.
+long wakeUpsOf(const std::string& name) {
+    DIR* pDir = ::opendir("/proc/self/task");
+    if (pDir == nullptr) {
+        return -1;
+    }
+    long result = -1;
+    while (dirent* pEntry = ::readdir(pDir)) {
+        if (pEntry->d_name[0] == '.') {
+            continue;
+        }
+        const std::string task = std::string("/proc/self/task/") + pEntry->d_name;
+        std::ifstream comm(task + "/comm");
+        std::string taskName;
+        std::getline(comm, taskName);
+        if (taskName != name) {
+            continue;
+        }
+        std::ifstream status(task + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.compare(0, 24, "voluntary_ctxt_switches:") == 0) {
+                result = std::stol(line.substr(24));
+            }
+        }
+    }
+    ::closedir(pDir);
+    return result;
 }
 
 TEST(Timer, OneShotFiresOnceThenIsNotRunning) {
@@ -492,6 +526,31 @@ TEST(Timer, StopStartPairIsCheap) {
     EXPECT_EQ(0, calls.load());  // restarted far more often than the period: never fired
     EXPECT_LT(nsPerPair, 20000.0);
     timer.stop();
+}
+
+// A restart that moves the deadline later neither wakes the scheduler thread nor queues anything:
+// the entry already queued is moved when it comes due.
+TEST(Timer, RestartsNeitherWakeTheSchedulerNorGrowTheQueue) {
+    Timer timer;
+    std::atomic<int> calls{0};
+    setBody(timer, [&] { ++calls; });
+    ASSERT_TRUE(timer.start(2000000, true));
+    const long wakeUpsBefore = wakeUpsOf("sal-timer");
+    ASSERT_GE(wakeUpsBefore, 0) << "no scheduler thread found";
+    const struct mallinfo2 before = ::mallinfo2();
+    for (int i = 0; i < 500000; ++i) {
+        timer.stop();
+        timer.start(2000000, true);
+    }
+    const struct mallinfo2 after = ::mallinfo2();
+    const long wakeUps = wakeUpsOf("sal-timer") - wakeUpsBefore;
+    // Small blocks in the arenas plus large ones mapped on their own.
+    const long grown =
+        static_cast<long>(after.uordblks + after.hblkhd) - static_cast<long>(before.uordblks + before.hblkhd);
+    std::printf("500000 restarts: scheduler woke %ld times, heap memory grew by %ld bytes\n", wakeUps, grown);
+    EXPECT_LT(wakeUps, 50);         // one notification per restart would be 500000
+    EXPECT_LT(grown, 1024 * 1024);  // one queue entry per restart would be over 10 MB
+    EXPECT_EQ(0, calls.load());
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <sal/timer.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -108,17 +110,21 @@ public:
     }
 
 private:
+    // The threads carry names ("sal-timer", "sal-timer-work") so that they can be told apart in a
+    // debugger, in top and in /proc; the name is set before the thread is let go.
     TimerService() {
-        startThread([this] { schedule(); });
+        startThread("sal-timer", [this] { schedule(); });
         for (int i = 0; i < kPermanentWorkers; ++i) {
             addWorker();
         }
     }
 
     template <class Body>
-    bool startThread(Body body) {
+    bool startThread(const char* name, Body body) {
         try {
-            std::thread(body).detach();
+            std::thread thread(body);
+            ::pthread_setname_np(thread.native_handle(), name);
+            thread.detach();
             return true;
         } catch (const std::system_error&) {
             return false;
@@ -127,7 +133,7 @@ private:
 
     // With m_mutex held.
     void addWorker() {
-        if (startThread([this] { work(); })) {
+        if (startThread("sal-timer-work", [this] { work(); })) {
             ++m_workers;
         }
     }
