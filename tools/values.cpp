@@ -235,6 +235,10 @@ bool tokenize(const std::string& line, std::vector<Token>& words, std::string& e
 }
 
 bool parseValue(const Token& word, NamedValue& out, std::string& error) {
+    if (word.text.find('\0') != std::string::npos) {
+        error = "malformed value: a NUL byte cannot travel in a TARN text";
+        return false;
+    }
     if (word.separator == std::string::npos || word.separator >= word.text.size()) {
         out.name.clear();
         out.value = ParameterValue(word.text);

@@ -279,6 +279,47 @@ TEST_P(CliServe, BadInputLinesAreReportedAndServingGoesOn) {
     EXPECT_EQ(serve.process().restOfErrors(), "");
 }
 
+// Junk lines built from the pieces the syntax cares about; none is a quit.
+std::vector<std::string> junkLines(unsigned int seed, int count) {
+    static const char* const pieces[] = {
+        "set ", "trigger ", "list",        "help",     "sub ",     "call ",    "mode ", "window ", "\"",
+        "'",    "\\",       "\\x",         "\\xzz",    "=",        ":",        ":i=",   ":b=",     ":f=",
+        ":s=",  ":q=",      "99999999999", "-1",       "nan",      " ",        "name",  "#",       "\x01",
+        "\xff", "\xc3",     "send ",       "receive ", "reliable", "realtime", "x",     "0"};
+    std::vector<std::string> lines;
+    for (int i = 0; i < count; ++i) {
+        std::string line;
+        for (int k = 0; k < 1 + i % 9; ++k) {
+            seed = seed * 1103515245u + 12345u;
+            line += pieces[(seed >> 8) % (sizeof(pieces) / sizeof(pieces[0]))];
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+TEST_P(CliServe, JunkInputNeverStopsTheServer) {
+    ServeProcess serve(transport());
+    ASSERT_NE(serve.port(), 0);
+    ToolProcess client({"connect", flag(), "127.0.0.1", serve.portText()});
+    std::string line;
+    ASSERT_TRUE(client.nextLine(line, kWaitMs));
+    for (const std::string& junk : junkLines(7u, 300)) {
+        ASSERT_TRUE(serve.send(junk));
+        ASSERT_TRUE(client.send(junk));
+    }
+    // Both still answer, and end in order.
+    serve.send("list");
+    EXPECT_TRUE(serve.process().waitForLine([](const std::string& l) { return startsWith(l, "list "); }, line,
+                                            kWaitMs));
+    client.send("call alive");
+    EXPECT_TRUE(client.waitForLine("sent call alive", kWaitMs));
+    EXPECT_TRUE(serve.process().waitForLine("[1] call alive", kWaitMs));
+    client.send("quit");
+    EXPECT_EQ(client.wait(kWaitMs), 0);
+    EXPECT_EQ(serve.quit(), 0);
+}
+
 TEST_P(CliServe, EndOfInputKeepsServingUntilSigterm) {
     ServeProcess serve(transport());
     ASSERT_NE(serve.port(), 0);

@@ -128,6 +128,13 @@ TEST(CliValues, MalformedBooleanFloatAndType) {
     EXPECT_EQ(refusal("x:=1"), "malformed value 'x:=1': unknown type '' (use i, b, f or s)");
 }
 
+TEST(CliValues, NulBytesAreRefused) {
+    NamedValue value;
+    std::string error;
+    EXPECT_FALSE(parseValue(argToken(std::string("a=b\0c", 5)), value, error));
+    EXPECT_EQ(error, "malformed value: a NUL byte cannot travel in a TARN text");
+}
+
 TEST(CliValues, NonFiniteFloatsAreAccepted) {
     float f = 0.0f;
     EXPECT_TRUE(parsed("x:f=inf").value.getFloatValue(f));
@@ -451,4 +458,75 @@ TEST(CliArgs, Refusals) {
     ASSERT_TRUE(parseArgs({"-5", "-", "-h"}, {}, args, error));
     EXPECT_EQ(args.positionals, (std::vector<std::string>{"-5", "-"}));
     EXPECT_TRUE(args.has("--help"));
+}
+
+namespace {
+
+// Words and bytes the syntax cares about, mixed at random: quotes, escapes, separators, type
+// letters, numbers at and beyond their limits, control and non-UTF-8 bytes.
+std::string randomText(unsigned int& seed, int pieces) {
+    static const char* const fragments[] = {
+        "\"",          "'",    "\\",   "\\x",  "\\x4", "\\x00", "\\xff", "\\n",    "=",     ":",
+        ":i",          ":b",   ":f",   ":s",   ":q",   "i=",    "b=on",  "f=1e39", "f=nan", "2147483648",
+        "-2147483649", "0x10", " ",    "\t",   "name", "a:b",   "#",     "\x01",   "\xff",  "\xc3",
+        "\xc3\xa9",    "set",  "call", "arg1", "==",   "::",    ""};
+    std::string text;
+    for (int i = 0; i < pieces; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        const unsigned int pick = (seed >> 8) % (sizeof(fragments) / sizeof(fragments[0]) + 1);
+        if (pick == sizeof(fragments) / sizeof(fragments[0])) {
+            text += static_cast<char>((seed >> 16) & 0xFF);  // any byte at all
+        } else {
+            text += fragments[pick];
+        }
+    }
+    return text;
+}
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
+
+}  // namespace
+
+TEST(CliRobustness, RandomInputIsParsedOrRefusedWithAMessage) {
+    unsigned int seed = 20261122u;
+    for (int round = 0; round < 20000; ++round) {
+        const std::string line = randomText(seed, 1 + round % 12);
+        std::vector<Token> tokens;
+        std::string error;
+        if (!tokenize(line, tokens, error)) {
+            EXPECT_FALSE(error.empty()) << line;
+            tokens = {argToken(line)};
+        }
+        for (const Token& token : tokens) {
+            NamedValue value;
+            if (!parseValue(token, value, error)) {
+                EXPECT_TRUE(startsWith(error, "malformed value")) << error;
+            } else {
+                // Whatever was accepted prints in a form that reads back as the same value.
+                std::vector<Token> again;
+                const std::string printed = namedValue(value.name.empty() ? "n" : value.name, value.value);
+                ASSERT_TRUE(tokenize(printed, again, error)) << printed << ": " << error;
+                ASSERT_EQ(again.size(), 1u) << printed;
+                NamedValue back;
+                ASSERT_TRUE(parseValue(again[0], back, error)) << printed << ": " << error;
+                EXPECT_EQ(namedValue(back.name, back.value), printed);
+            }
+        }
+        std::vector<NamedValue> params;
+        if (parseArguments(tokens, params, error)) {
+            if (checkCallFits(line, params, error)) {
+                ParameterList list;
+                fillList(params, list);
+                EXPECT_EQ(listEntries(list).size(), params.size());
+            }
+        }
+        const std::string json = jsonString(line);
+        EXPECT_EQ(json.front(), '"');
+        EXPECT_EQ(json.back(), '"');
+        for (const char c : json) {
+            EXPECT_GE(static_cast<unsigned char>(c), 0x20u) << "JSON text holds no raw control byte";
+        }
+    }
 }
