@@ -34,9 +34,9 @@ public:
     virtual void onTrigger(const std::string& name, const ParameterValue& value) = 0;
     virtual void onUpdateState(const std::string& name, const ParameterValue& value) = 0;
     virtual void onStatusChanged(EConnStatus status) = 0;
-
-protected:
-    ~ITARNClient() = default;  // the library never deletes a client
+    // Declared last so that the three operations keep their places in the table of virtual
+    // functions. The library never deletes a client.
+    virtual ~ITARNClient() = default;
 };
 
 // Implemented by a server application: what the client sends.
@@ -46,9 +46,8 @@ public:
     virtual void onUnsubscribe(const std::string& name) = 0;
     virtual void onCallFunctionId(const std::string& name, const ParameterList& params) = 0;
     virtual void onStatusChanged(EConnStatus status) = 0;
-
-protected:
-    ~ITARNServer() = default;  // the library never deletes a server
+    // Declared last, as for ITARNClient. The library never deletes a server.
+    virtual ~ITARNServer() = default;
 };
 
 class TARNConnection;

@@ -263,10 +263,12 @@ bool RawTcp::waitClosed(int timeoutMs) {
 }
 
 Bytes frame(const Bytes& body) {
-    Bytes out;
-    out.push_back(static_cast<std::uint8_t>(body.size() & 0xFF));
-    out.push_back(static_cast<std::uint8_t>((body.size() >> 8) & 0xFF));
-    out.insert(out.end(), body.begin(), body.end());
+    Bytes out(body.size() + 2);
+    out[0] = static_cast<std::uint8_t>(body.size() & 0xFF);
+    out[1] = static_cast<std::uint8_t>((body.size() >> 8) & 0xFF);
+    if (!body.empty()) {
+        std::memcpy(out.data() + 2, body.data(), body.size());
+    }
     return out;
 }
 
