@@ -44,7 +44,7 @@ std::string loadAverage();
 // What one run of the harness does; --quick shrinks every count.
 struct Config {
     bool quick = false;
-    int repetitions = 3;
+    int repetitions = 5;
     std::uint64_t streamMessages = 200000;
     double streamTimeLimit = 8.0;  // seconds of sending per stream run, whatever the count
     std::uint32_t roundTrips = 100000;

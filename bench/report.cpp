@@ -147,6 +147,12 @@ void writeScaleMarkdown(std::ostream& out, const ScaleResult& scale, const Confi
         << " s. Idle (keep-alives only): " << format("%.2f", scale.idleCpuPercent) << " % of one core over "
         << format("%.1f", scale.idleSeconds) << " s. Tear-down: " << format("%.1f", scale.teardownSeconds)
         << " s.\n";
+    if (scale.loadSeconds > 1.1 * config.scaleSeconds) {
+        out << "The schedule planned for " << format("%.0f", config.scaleSeconds) << " s took "
+            << format("%.1f", scale.loadSeconds)
+            << " s: the calls went out late because the machine could not keep up, so the rates above are "
+               "what it sustained, below the rate asked for.\n";
+    }
 }
 
 }  // namespace
