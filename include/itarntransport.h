@@ -33,7 +33,7 @@ public:
     // side; true once the peer confirmed that size. False where there is no window.
     virtual bool setWindowSize(uint windowSize) = 0;
 
-    // Binds and prepares to accept peers.
+    // Binds and prepares to accept peers; true on success.
     virtual bool listen(const sal::HostAddress& address, uint16 port) = 0;
 
     // Blocks until a peer connects; returns its new transport (owned by the caller), or null once
@@ -49,7 +49,11 @@ public:
     virtual bool setSendMode(EConnMode mode) = 0;
     virtual bool setReceiveMode(EConnMode mode) = 0;
 
+    // Connects to the peer; true once messages can flow. A transport that was disconnected may be
+    // connected again.
     virtual bool connect(const sal::HostAddress& address, uint16 port) = 0;
+    // Closes the link; a thread blocked in accept or receiveData on this transport comes back.
+    // Harmless twice.
     virtual void disconnect() = 0;
 
     // Sends one message as a unit; true when the whole message was handed to the link.
@@ -60,8 +64,10 @@ public:
     // `bufferSize`, another negative number on error.
     virtual int receiveData(uint8* buffer, uint bufferSize) = 0;
 
+    // The connected peer; a default address and 0 when there is none.
     virtual sal::HostAddress getPeerAddress() const = 0;
     virtual uint16 getPeerPort() const = 0;
+    // The local port bound, 0 when the transport has no socket.
     virtual uint16 getLocalPort() const = 0;
 };
 
