@@ -17,6 +17,9 @@ const unsigned int CLIENT_ALIVE_TIMEOUT_US = 1000000;
 
 // ---- ModuloValue --------------------------------------------------------------------------------
 
+const std::int32_t ModuloValue::MODULUS;
+const std::uint32_t EUDPTransport::RING_CAPACITY;
+
 ModuloValue::ModuloValue(std::int32_t value, std::int32_t modulus) : m_value(value), m_modulus(modulus) {}
 
 ModuloValue::ModuloValue(const ModuloValue& other)
@@ -145,6 +148,15 @@ EUDPTransport::~EUDPTransport() {
     m_sendAliveTimer.waitUntilIdle();
     m_aliveTimer.stop();
     m_aliveTimer.waitUntilIdle();
+
+    // A reader that has just come back from receiveData (a TARN connection's receive thread ends
+    // that way, and its owner deletes the transport a little later without joining it) touched
+    // this object last under m_receiveMutex; a sender leaving sendData, under m_sendMutex. Taking
+    // each once orders those last touches before the memory goes.
+    m_receiveMutex.take();
+    m_receiveMutex.give();
+    m_sendMutex.take();
+    m_sendMutex.give();
 
     delete pSocket;
     m_pSocket.store(nullptr);
