@@ -126,6 +126,12 @@ TARNConnection::TARNConnection(ITARNTransport* transport)
 // Neither disconnects nor waits for the thread beyond the pause: the application disconnects first.
 TARNConnection::~TARNConnection() {
     sal::Thread::mssleep(200);
+    // After disconnect() the transport is closed, so the receive loop is on its way out; let it
+    // leave receiveData before the transport goes, however slow the machine. Without disconnect()
+    // the loop may be blocked for good, and deleting the transport is what ends it.
+    if (m_pThread != nullptr && m_bStop) {
+        m_pThread->shutdown(-1);
+    }
     delete m_pTransport;
     delete m_pThread;
     m_pThread = nullptr;
