@@ -100,6 +100,27 @@ long wakeUpsOf(const std::string& name) {
     return result;
 }
 
+int threadsNamed(const std::string& name) {
+    int count = 0;
+    DIR* pDir = ::opendir("/proc/self/task");
+    if (pDir == nullptr) {
+        return -1;
+    }
+    while (dirent* pEntry = ::readdir(pDir)) {
+        if (pEntry->d_name[0] == '.') {
+            continue;
+        }
+        std::ifstream comm(std::string("/proc/self/task/") + pEntry->d_name + "/comm");
+        std::string taskName;
+        std::getline(comm, taskName);
+        if (taskName == name) {
+            ++count;
+        }
+    }
+    ::closedir(pDir);
+    return count;
+}
+
 TEST(Timer, OneShotFiresOnceThenIsNotRunning) {
     Timer timer;
     std::atomic<int> calls{0};
@@ -338,6 +359,36 @@ TEST(Timer, ManyBlockedCallbacksStillLeaveRoomForOthers) {
     for (auto& pTimer : blocked) {
         pTimer->waitUntilIdle();
     }
+}
+
+TEST(Timer, ExtraWorkersRetireWhenIdle) {
+    constexpr int kBlocked = 3;
+    BinarySemaphore release;
+    std::atomic<int> entered{0};
+    {
+        std::vector<std::unique_ptr<Timer>> timers;
+        for (int i = 0; i < kBlocked; ++i) {
+            timers.emplace_back(new Timer);
+            setBody(*timers.back(), [&] {
+                ++entered;
+                while (release.take(10) != 0) {
+                }
+                release.give();
+            });
+            ASSERT_TRUE(timers.back()->start(1000, true));
+        }
+        ASSERT_TRUE(waitUntil([&] { return entered.load() == kBlocked; }, 10000));
+        const int busy = threadsNamed("sal-timer-work");
+        EXPECT_GE(busy, kBlocked);
+        release.give();
+        for (auto& pTimer : timers) {
+            pTimer->waitUntilIdle();
+        }
+    }
+    // Idle for a few seconds: the pool shrinks back to its one permanent worker.
+    EXPECT_TRUE(waitUntil([] { return threadsNamed("sal-timer-work") == 1; }, 20000))
+        << threadsNamed("sal-timer-work") << " workers left";
+    EXPECT_EQ(1, threadsNamed("sal-timer"));
 }
 
 TEST(Timer, DestructorWaitsForRunningCallback) {
