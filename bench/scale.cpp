@@ -50,11 +50,7 @@ public:
         }
     }
     void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatusChanged(EConnStatus status) override {
-        if (status == eDisconnected) {
-            m_bDropped.store(true);
-        }
-    }
+    void onStatusChanged(EConnStatus status) override { m_end.note(status); }
 
     // One tick: sends the next call unless the last one is still open (and not yet given up).
     void fire(std::uint64_t& skipped, std::uint64_t& lost) {
@@ -75,7 +71,7 @@ public:
     }
 
     TARNConnection* m_pConnection = nullptr;
-    std::atomic<bool> m_bDropped{false};
+    EndWatch m_end;
 
 private:
     Recorder* m_pRecorder;
@@ -89,7 +85,7 @@ struct Side {
     Recorder recorder;
     std::vector<std::unique_ptr<ScaleClient>> clients;
     std::vector<std::unique_ptr<ScaleClient>> failedClients;
-    std::vector<TARNConnection*> connections;  // client and server ends
+    std::vector<Owned> connections;  // client and server ends
     std::vector<Answerer*> answerers;
 };
 
@@ -102,17 +98,18 @@ void connectAll(TarnServer& server, ETransport transport, Side& side, int count)
         std::unique_ptr<ScaleClient> client(new ScaleClient(&side.recorder));
         TARNConnection* connection = new TARNConnection(transport);
         client->m_pConnection = connection;
-        side.connections.push_back(connection);
         Accepted accepted;
-        if (!connection->connect("127.0.0.1", server.port(), client.get()) ||
-            !server.nextAccepted(accepted, 5000)) {
+        const bool connected = connection->connect("127.0.0.1", server.port(), client.get());
+        // Only a connected client has a receive loop whose end can be waited for.
+        side.connections.push_back(Owned{connection, connected ? &client->m_end : nullptr});
+        if (!connected || !server.nextAccepted(accepted, 5000)) {
             // The connection keeps its client pointer until it is deleted with the rest.
             side.failedClients.push_back(std::move(client));
             ++failuresInARow;
             continue;
         }
         failuresInARow = 0;
-        side.connections.push_back(accepted.connection);
+        side.connections.push_back(Owned{accepted.connection, &accepted.answerer->end()});
         side.answerers.push_back(accepted.answerer);
         side.clients.push_back(std::move(client));
         if ((i + 1) % 200 == 0) {
@@ -211,12 +208,12 @@ ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config
 
     for (Side* side : sides) {
         for (auto& client : side->clients) {
-            side->result.dropped += client->m_bDropped.load() ? 1 : 0;
+            side->result.dropped += client->m_end.ended() ? 1 : 0;
         }
     }
     std::fprintf(stderr, "  scale: closing\n");
     start = nowNs();
-    std::vector<TARNConnection*> connections;
+    std::vector<Owned> connections;
     std::vector<Answerer*> answerers;
     for (Side* side : sides) {
         connections.insert(connections.end(), side->connections.begin(), side->connections.end());

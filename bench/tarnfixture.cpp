@@ -1,5 +1,7 @@
 #include "tarnfixture.h"
 
+#include "common.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -12,6 +14,14 @@ void Answerer::onCallFunctionId(const std::string& name, const ParameterList& pa
     std::string text;
     if (params.getParam(0u, key, text)) {
         m_pConnection->trigger(name, ParameterValue(text));
+    }
+}
+
+void Answerer::onStatusChanged(EConnStatus status) {
+    m_end.note(status);
+    if (status == eConnected && !m_bReported) {
+        m_bReported = true;
+        m_pOwner->ready(m_pConnection, this);
     }
 }
 
@@ -31,10 +41,10 @@ TarnServer::~TarnServer() {
         m_pListener->shutdown(-1);
         delete m_pListener;  // deletes the connector too
     }
-    std::vector<TARNConnection*> connections;
+    std::vector<Owned> connections;
     std::vector<Answerer*> answerers;
     for (const Accepted& accepted : m_accepted) {
-        connections.push_back(accepted.connection);
+        connections.push_back(Owned{accepted.connection, &accepted.answerer->end()});
         answerers.push_back(accepted.answerer);
     }
     m_accepted.clear();
@@ -56,10 +66,13 @@ bool TarnServer::start() {
 // Runs on the listener's thread, before the connection is started: the answerer sees every call
 // from the first packet on.
 void TarnServer::add(TARNConnection* connection) {
+    connection->setServer(new Answerer(connection, this));
+}
+
+void TarnServer::ready(TARNConnection* connection, Answerer* answerer) {
     Accepted accepted;
     accepted.connection = connection;
-    accepted.answerer = new Answerer(connection);
-    connection->setServer(accepted.answerer);
+    accepted.answerer = answerer;
     std::lock_guard<std::mutex> lock(m_mutex);
     m_accepted.push_back(accepted);
     m_added.notify_all();
@@ -76,14 +89,23 @@ bool TarnServer::nextAccepted(Accepted& accepted, int timeoutMs) {
     return true;
 }
 
-void closeAll(std::vector<TARNConnection*>& connections, std::vector<Answerer*>& answerers, int threads) {
+void closeAll(std::vector<Owned>& connections, std::vector<Answerer*>& answerers, int threads) {
     std::atomic<std::size_t> next{0};
     auto worker = [&] {
         for (std::size_t i = next.fetch_add(1); i < connections.size(); i = next.fetch_add(1)) {
-            if (connections[i] != nullptr) {
-                connections[i]->disconnect();
-                delete connections[i];
+            TARNConnection* connection = connections[i].connection;
+            if (connection == nullptr) {
+                continue;
             }
+            connection->disconnect();
+            // The destructor pauses a fixed time and then deletes the transport; a receive loop
+            // that has not come out of it by then (a busy machine, a sanitizer build) would be left
+            // inside a deleted object. Waiting for eDisconnected rules that out.
+            const std::int64_t deadline = nowNs() + 10000000000LL;
+            while (connections[i].watch != nullptr && !connections[i].watch->ended() && nowNs() < deadline) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+            delete connection;
         }
     };
     const int count = std::max(1, std::min<int>(threads, static_cast<int>(connections.size())));

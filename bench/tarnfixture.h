@@ -12,6 +12,7 @@
 #ifndef TARN_BENCH_TARNFIXTURE_H
 #define TARN_BENCH_TARNFIXTURE_H
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -23,17 +24,40 @@
 
 namespace bench {
 
+// Notes the end of a connection's receive loop (its eDisconnected), which has to come before the
+// connection is deleted: the loop may still be inside the transport until then.
+class EndWatch {
+public:
+    void note(EConnStatus status) {
+        if (status == eDisconnected) {
+            m_bEnded.store(true);
+        }
+    }
+    bool ended() const { return m_bEnded.load(); }
+
+private:
+    std::atomic<bool> m_bEnded{false};
+};
+
+class TarnServer;
+
 class Answerer : public ITARNServer {
 public:
-    explicit Answerer(TARNConnection* connection) : m_pConnection(connection) {}
+    Answerer(TARNConnection* connection, TarnServer* owner) : m_pConnection(connection), m_pOwner(owner) {}
     virtual ~Answerer() = default;
     void onSubscribe(const std::string&) override {}
     void onUnsubscribe(const std::string&) override {}
     void onCallFunctionId(const std::string& name, const ParameterList& params) override;
-    void onStatusChanged(EConnStatus) override {}
+    // eConnected comes from the listener's thread once it has started the connection: only then is
+    // the connection handed to a scenario, which may disconnect it at any time from then on.
+    void onStatusChanged(EConnStatus status) override;
+    const EndWatch& end() const { return m_end; }
 
 private:
     TARNConnection* m_pConnection;
+    TarnServer* m_pOwner;
+    bool m_bReported = false;
+    EndWatch m_end;
 };
 
 // One accepted server end and the answerer attached to it; both owned by whoever claimed them.
@@ -58,7 +82,9 @@ public:
 
 private:
     class Connector;
+    friend class Answerer;
     void add(TARNConnection* connection);
+    void ready(TARNConnection* connection, Answerer* answerer);
 
     ETransport m_transport;
     TARNListener* m_pListener = nullptr;
@@ -68,9 +94,15 @@ private:
     std::deque<Accepted> m_accepted;
 };
 
-// Disconnects and deletes the connections (null entries are skipped), then deletes the answerers,
-// on up to `threads` helper threads. Leaves both vectors empty.
-void closeAll(std::vector<TARNConnection*>& connections, std::vector<Answerer*>& answerers, int threads = 64);
+// A connection to close and what tells that its receive loop has ended (null when it never ran).
+struct Owned {
+    TARNConnection* connection = nullptr;
+    const EndWatch* watch = nullptr;
+};
+
+// Disconnects the connections (null ones are skipped), waits for each receive loop to end, deletes
+// them, then deletes the answerers; on up to `threads` helper threads. Leaves both vectors empty.
+void closeAll(std::vector<Owned>& connections, std::vector<Answerer*>& answerers, int threads = 64);
 
 }  // namespace bench
 
