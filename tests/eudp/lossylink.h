@@ -1,5 +1,6 @@
 // An in-process UDP relay between EUDP clients and an EUDP server that drops, duplicates and
-// reorders datagrams with a seeded generator, so that runs can be repeated exactly.
+// reorders datagrams with a seeded generator, so that runs can be repeated exactly. A thin face
+// over the impairment relay that `tarn impair` runs (tools/impair/relay.h).
 //
 // Clients connect to port(). For each client the relay opens a socket of its own towards the
 // server and follows the server's per-connection port: the CON goes to the listening port, and
@@ -13,10 +14,9 @@
 #ifndef TARN_TESTS_EUDP_LOSSYLINK_H
 #define TARN_TESTS_EUDP_LOSSYLINK_H
 
-#include <atomic>
 #include <cstdint>
-#include <memory>
-#include <thread>
+
+#include "relay.h"
 
 namespace eudptest {
 
@@ -30,29 +30,21 @@ public:
     };
 
     LossyLink(std::uint16_t serverPort, const Options& options);
-    ~LossyLink();
+    ~LossyLink() = default;
     LossyLink(const LossyLink&) = delete;
     LossyLink& operator=(const LossyLink&) = delete;
 
-    std::uint16_t port() const { return m_port; }
+    std::uint16_t port() const { return m_relay.port(); }
 
-    std::uint64_t forwarded() const { return m_forwarded.load(); }
-    std::uint64_t dropped() const { return m_dropped.load(); }
-    std::uint64_t duplicated() const { return m_duplicated.load(); }
-    std::uint64_t reordered() const { return m_reordered.load(); }
+    std::uint64_t forwarded() const { return m_relay.counts().forwarded; }
+    std::uint64_t dropped() const { return m_relay.counts().dropped; }
+    std::uint64_t duplicated() const { return m_relay.counts().duplicated; }
+    std::uint64_t reordered() const { return m_relay.counts().reordered; }
 
 private:
-    struct State;
-    void run();
+    static tarnrelay::ImpairOptions impairOptions(const Options& options);
 
-    std::uint16_t m_port;
-    std::unique_ptr<State> m_pState;
-    std::atomic<bool> m_bStop;
-    std::atomic<std::uint64_t> m_forwarded;
-    std::atomic<std::uint64_t> m_dropped;
-    std::atomic<std::uint64_t> m_duplicated;
-    std::atomic<std::uint64_t> m_reordered;
-    std::thread m_thread;
+    tarnrelay::Relay m_relay;
 };
 
 }  // namespace eudptest
