@@ -118,6 +118,16 @@ TEST(EUDPHandshake, AcceptReturnsNullOnceDisconnected) {
     EXPECT_EQ(nullptr, listener.accept());
 }
 
+TEST(EUDPHandshake, EmptyDatagramEndsAccept) {
+    LogCapture log;
+    EUDPTransport listener;
+    ASSERT_TRUE(listener.listen(sal::HostAddress("127.0.0.1"), 0));
+    RawUdp raw;
+    ASSERT_TRUE(raw.sendTo(Bytes(), listener.getLocalPort()));
+    EXPECT_EQ(nullptr, listener.accept());           // a receive of 0 bytes counts as a failed receive
+    EXPECT_TRUE(log.lines().empty()) << log.dump();  // never validated
+}
+
 TEST(EUDPHandshake, ConWrapsClientNumberIntoReceiveSequence) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(65534));

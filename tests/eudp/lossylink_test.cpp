@@ -2,6 +2,7 @@
 // order and once; realtime delivery arrives strictly increasing.
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -148,6 +149,133 @@ TEST(EUDPLossyLink, RealtimeArrivesStrictlyIncreasing) {
     EXPECT_LT(indices.size(), static_cast<std::size_t>(kMessages));  // losses are not made good
     EXPECT_GT(indices.size(), static_cast<std::size_t>(kMessages * 8 / 10));
     EXPECT_GT(setup.link->dropped(), 0u);
+}
+
+// Collects every message a transport delivers until it ends.
+class Collector {
+public:
+    explicit Collector(EUDPTransport& t) : m_thread([this, &t] { run(t); }) {}
+    ~Collector() { m_thread.join(); }
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+
+    // The indices of the messages tagged `phase`, in arrival order.
+    std::vector<int> phase(const std::string& tag) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<int> out;
+        for (const std::string& text : m_texts) {
+            if (text.compare(0, tag.size() + 1, tag + " ") == 0) {
+                out.push_back(std::stoi(text.substr(tag.size() + 1)));
+            }
+        }
+        return out;
+    }
+
+private:
+    void run(EUDPTransport& t) {
+        std::uint8_t buffer[1500];
+        for (;;) {
+            int n = t.receiveData(buffer, sizeof buffer);
+            if (n <= 0) {
+                return;
+            }
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_texts.emplace_back(buffer, buffer + n);
+        }
+    }
+    std::mutex m_mutex;
+    std::vector<std::string> m_texts;
+    std::thread m_thread;
+};
+
+void sendPhase(EUDPTransport& t, const std::string& tag, int count) {
+    for (int i = 0; i < count; ++i) {
+        std::string text = tag + " " + std::to_string(i);
+        t.sendData(reinterpret_cast<const uint8*>(text.data()), static_cast<uint>(text.size()));
+        if (i % 50 == 49) {
+            sal::Thread::mssleep(2);
+        }
+    }
+}
+
+// Realtime: waits until no more messages of `tag` arrive for longer than a resend period.
+void waitSettled(Collector& collector, const std::string& tag) {
+    std::size_t last = 0;
+    std::int64_t deadline = testsupport::nowMs() + 60000;
+    do {
+        last = collector.phase(tag).size();
+        sal::Thread::mssleep(700);
+    } while (collector.phase(tag).size() != last && testsupport::nowMs() < deadline);
+}
+
+// Reliable: waits until all `count` messages of `tag` are there.
+void waitComplete(Collector& collector, const std::string& tag, int count) {
+    waitUntil([&] { return collector.phase(tag).size() >= static_cast<std::size_t>(count); }, 60000);
+}
+
+bool strictlyIncreasing(const std::vector<int>& values) {
+    for (std::size_t i = 1; i < values.size(); ++i) {
+        if (values[i - 1] >= values[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(EUDPLossyLink, ModeChangesBothWaysShowInDelivery) {
+    const int kCount = 300;
+    LossyLink::Options options;
+    options.seed = 99;
+    options.drop = 0.1;
+    LossySetup setup;
+    ASSERT_TRUE(setup.open(options, 1));
+    EUDPTransport& client = *setup.clients[0];
+    EUDPTransport& server = *setup.servers[0];
+    std::vector<int> all(kCount);
+    for (int i = 0; i < kCount; ++i) {
+        all[i] = i;
+    }
+    {
+        Collector atServer(server);
+        Collector atClient(client);
+
+        // Realtime both ways: losses are not made good.
+        sendPhase(client, "up1", kCount);
+        sendPhase(server, "down1", kCount);
+        waitSettled(atServer, "up1");
+        waitSettled(atClient, "down1");
+        std::vector<int> up1 = atServer.phase("up1");
+        std::vector<int> down1 = atClient.phase("down1");
+        EXPECT_LT(up1.size(), static_cast<std::size_t>(kCount));
+        EXPECT_LT(down1.size(), static_cast<std::size_t>(kCount));
+        EXPECT_TRUE(strictlyIncreasing(up1));
+        EXPECT_TRUE(strictlyIncreasing(down1));
+
+        // The client asks for reliable delivery in both directions.
+        ASSERT_TRUE(client.setReceiveMode(eReliable));
+        ASSERT_TRUE(client.setSendMode(eReliable));
+        sendPhase(client, "up2", kCount);
+        sendPhase(server, "down2", kCount);
+        waitComplete(atServer, "up2", kCount);
+        waitComplete(atClient, "down2", kCount);
+        EXPECT_EQ(all, atServer.phase("up2"));
+        EXPECT_EQ(all, atClient.phase("down2"));
+
+        // The server asks for realtime again in both directions.
+        ASSERT_TRUE(server.setSendMode(eRealtime));     // the client sends in realtime
+        ASSERT_TRUE(server.setReceiveMode(eRealtime));  // the server sends in realtime
+        EXPECT_EQ(eRealtime, client.getSendMode());
+        EXPECT_EQ(eRealtime, client.getReceiveMode());
+        sendPhase(client, "up3", kCount);
+        sendPhase(server, "down3", kCount);
+        waitSettled(atServer, "up3");
+        waitSettled(atClient, "down3");
+        EXPECT_LT(atServer.phase("up3").size(), static_cast<std::size_t>(kCount));
+        EXPECT_LT(atClient.phase("down3").size(), static_cast<std::size_t>(kCount));
+        EXPECT_TRUE(strictlyIncreasing(atServer.phase("up3")));
+
+        client.disconnect();  // ends both collectors: DIS to the server, close here
+    }
 }
 
 TEST(EUDPLossyLink, CleanRelayFollowsConnectionPort) {

@@ -207,6 +207,8 @@ TEST(EUDPNegotiation, TwoTransportsPairTheDirections) {
     ASSERT_TRUE(pair.server->setWindowSize(3));
     EXPECT_EQ(3u, pair.client.getWindowSize());
     EXPECT_EQ(10u, pair.server->getWindowSize());
+    ASSERT_TRUE(pair.client.setWindowSize(0));  // taken without a bound, and confirmed
+    EXPECT_EQ(0u, pair.server->getWindowSize());
 }
 
 TEST(EUDPNegotiation, ForbiddenModeTimesOutOnTheRequester) {

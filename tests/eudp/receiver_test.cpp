@@ -401,6 +401,19 @@ TEST(EUDPReceiver, InvalidDatagramIsDropped) {
     EXPECT_EQ(1, EUDPTransportTest::receiveSeq(*peer.server).getValue());
 }
 
+TEST(EUDPReceiver, EmptyDatagramIsAFailedReceive) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    ASSERT_TRUE(peer.sendToServer(Bytes()));
+    EXPECT_TRUE(waitUntil([&] { return peer.server->isClosed(); }, 2000));
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 2000));
+    EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    EXPECT_TRUE(log.lines().empty()) << log.dump();  // never validated
+    std::uint8_t buffer[8];
+    EXPECT_EQ(0, peer.server->receiveData(buffer, sizeof buffer));
+}
+
 TEST(EUDPReceiver, ReceiveFailureClosesAndStopsTimers) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));

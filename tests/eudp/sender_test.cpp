@@ -125,6 +125,21 @@ TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
     EXPECT_TRUE(peer.raw.quietFor(1000));
 }
 
+TEST(EUDPSender, ResendingStopsWhenClosed) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 3, 10);
+    EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
+    EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
+    peer.server->disconnect();
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("DIS", 3)), hex(datagram));
+    EXPECT_TRUE(peer.raw.quietFor(1200));
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 2000));
+}
+
 TEST(EUDPSender, AckIsCumulativeAndFreesSlots) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open());

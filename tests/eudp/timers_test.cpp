@@ -104,6 +104,9 @@ TEST(EUDPTimers, SilentPeerClosesTenSecondsAfterTheOnlyKeepAlive) {
     EXPECT_TRUE(waitUntil([&] { return received.load() != -2; }, 3000));  // the reader is woken
     reader.join();
     EXPECT_EQ(0, received.load());
+    // The time-out gave a count and the receiver's end another: a second read returns too.
+    std::uint8_t buffer[16];
+    EXPECT_EQ(0, peer.server->receiveData(buffer, sizeof buffer));
     EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 3000));
     EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 3000));
     // No second keep-alive and no DIS.
