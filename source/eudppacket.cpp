@@ -9,6 +9,12 @@
 
 using Corvane::Utilities::Logging::LogManager;
 
+const unsigned int EUDPPacket::HEADER_LENGTH;
+const unsigned int EUDPPacket::MAX_PAYLOAD;
+const unsigned int EUDPPacket::MAX_LENGTH;
+const std::uint8_t EUDPPacket::VERSION;
+const unsigned int EUDPPacket::VALUE_OFFSET;
+
 const char* const EUDPCommand[10] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
 
 namespace {

@@ -45,6 +45,8 @@ void EUDPTransport::receiverThread() {
 
     while (!m_bClosed.load()) {
         int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
+        // sal answers -1 once the socket is closed from another thread (disconnect, the final
+        // timer, the destructor) and 0 for an empty datagram: both end the connection here.
         if (received <= 0) {
             if (!m_bClosed.load()) {
                 m_bClosed.store(true);

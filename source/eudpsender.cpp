@@ -5,6 +5,9 @@
 using Corvane::Utilities::Logging::eDebug;
 using Corvane::Utilities::Logging::eError;
 
+// The only resend delay: a take of m_ackSem limited to 500 ms (take() answers 0 when given, 1 when
+// the time ran out). sendTo is called from the sender, the receiver and application threads at
+// once; sal::UdpSocket sends each datagram whole from any number of threads.
 namespace {
 const unsigned int ACK_WAIT_MS = 500;
 }  // namespace

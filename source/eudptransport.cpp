@@ -9,6 +9,8 @@ using Corvane::Utilities::Logging::ELogLevel;
 using Corvane::Utilities::Logging::LogManager;
 using Corvane::Utilities::Logging::LogStream;
 
+// Semaphore waits count milliseconds and timer periods microseconds: 5 s for the answer to CON,
+// a quiet spell of 0.5 s on the server side and 1 s on the client side.
 namespace {
 const unsigned int CONNECT_WAIT_MS = 5000;
 const unsigned int SERVER_ALIVE_TIMEOUT_US = 500000;
