@@ -227,6 +227,10 @@ bool EUDPTransport::connect(const sal::HostAddress& address, uint16 port) {
         // the old socket.
         m_sender.shutdown(-1);
         m_receiver.shutdown(-1);
+        // A keep-alive that was on its way while the old connection closed may have armed the
+        // final timer again; the new connection's timers stay stopped until its first datagram.
+        m_sendAliveTimer.stop();
+        m_aliveTimer.stop();
         m_aliveTimer.waitUntilIdle();
         delete m_pSocket.load();
         m_pSocket.store(new sal::UdpSocket);
