@@ -8,6 +8,7 @@
 #include "cliargs.h"
 #include "commands.h"
 #include "events.h"
+#include "impair/cmd_impair.h"
 
 namespace {
 
@@ -23,6 +24,8 @@ const char kUsage[] =
     "                                         call a function once and exit\n"
     "  sub [--tcp|--eudp] HOST PORT NAME... [--count N] [--timeout S]\n"
     "                                         print updates and triggers of NAME...\n"
+    "  impair --listen P --to HOST:PORT [--loss PCT] [--dup PCT] [--reorder PCT] [--delay MS]\n"
+    "         [--jitter MS] [--seed N]          a UDP relay that disturbs EUDP traffic, for testing\n"
     "\n"
     "Every command takes --help and --log-level LEVEL; serve, connect and sub take --json.\n"
     "Values: TEXT or name=TEXT (string), name:i=42, name:b=on|off, name:f=1.5, name:s=TEXT.\n"
@@ -58,6 +61,8 @@ int dispatch(const std::vector<std::string>& words) {
         run = tarncli::runCall;
     } else if (command == "sub") {
         run = tarncli::runSub;
+    } else if (command == "impair") {
+        run = tarncli::runImpair;
     } else {
         tarncli::printError("unknown command '" + command +
                             "' (demo, serve, connect, call, sub; see tarn --help)");

@@ -1,0 +1,438 @@
+#include "faultsupport.h"
+
+#include <sal/thread.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "testsupport.h"
+
+namespace faults {
+
+using testsupport::nowMs;
+using testsupport::waitUntil;
+
+void Sequence::add(int value) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_values.push_back(value);
+}
+
+std::vector<int> Sequence::values() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_values;
+}
+
+std::size_t Sequence::size() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_values.size();
+}
+
+void StatusCounter::report(EConnStatus status) {
+    if (status == eDisconnected) {
+        std::int64_t none = -1;
+        m_disconnectedAt.compare_exchange_strong(none, nowMs());
+        ++m_disconnects;
+    } else {
+        ++m_connects;
+    }
+}
+
+void SeqClient::onTrigger(const std::string& name, const ParameterValue& value) {
+    int i = 0;
+    if (name == "seq" && value.getIntValue(i)) {
+        triggers.add(i);
+    } else {
+        ++others;
+    }
+}
+
+void SeqClient::onUpdateState(const std::string&, const ParameterValue&) {
+    ++others;
+}
+
+SeqServer::~SeqServer() {
+    stopStreaming();
+}
+
+void SeqServer::stopStreaming() {
+    m_bStop = true;
+    if (m_pStream && m_pStream->joinable()) {
+        m_pStream->join();
+    }
+}
+
+void SeqServer::onSubscribe(const std::string& name) {
+    ++subscribes;
+    if (name != "stream" || m_bStreaming.exchange(true)) {
+        return;
+    }
+    // Paced so that a realtime send ring never fills: a sender blocked on a full ring is not woken
+    // when the connection closes.
+    m_pStream.reset(new std::thread([this] {
+        for (int i = 0; !m_bStop.load(); ++i) {
+            if (!m_pConnection->trigger("seq", ParameterValue(i))) {
+                return;
+            }
+            if (i % 10 == 9) {
+                sal::Thread::mssleep(2);
+            }
+        }
+    }));
+}
+
+void SeqServer::onUnsubscribe(const std::string&) {
+    ++others;
+}
+
+void SeqServer::onCallFunctionId(const std::string& name, const ParameterList& params) {
+    std::string param;
+    std::string value;
+    if (name == "seq" && params.getParam(0u, param, value)) {
+        calls.add(std::atoi(value.c_str()));
+    } else {
+        ++others;
+    }
+}
+
+void Accepted::add(TARNConnection* connection, SeqServer* server) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_connections.push_back(connection);
+    m_servers.push_back(server);
+}
+
+std::size_t Accepted::count() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_connections.size();
+}
+
+TARNConnection* Accepted::connection(std::size_t i) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return i < m_connections.size() ? m_connections[i] : nullptr;
+}
+
+SeqServer* Accepted::server(std::size_t i) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return i < m_servers.size() ? m_servers[i] : nullptr;
+}
+
+int Accepted::findByPeerPort(uint16 port) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (std::size_t i = 0; i < m_connections.size(); ++i) {
+        if (m_connections[i] != nullptr && m_connections[i]->getPeerPort() == port) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+namespace {
+
+// Ends connections in parallel waves: each deletion waits 200 ms by design, and a server that
+// deleted hundreds of ended connections one after the other would fall minutes behind.
+void endConnections(const std::vector<std::pair<TARNConnection*, SeqServer*>>& ended, bool deleteServers) {
+    const std::size_t kWave = 64;
+    for (std::size_t first = 0; first < ended.size(); first += kWave) {
+        std::vector<std::thread> wave;
+        for (std::size_t i = first; i < ended.size() && i < first + kWave; ++i) {
+            wave.emplace_back([&ended, i] {
+                ended[i].first->disconnect();
+                waitUntil([&] { return ended[i].second->disconnects() > 0; }, 30000);
+                ended[i].second->stopStreaming();
+                delete ended[i].first;
+            });
+        }
+        for (std::thread& thread : wave) {
+            thread.join();
+        }
+    }
+    if (deleteServers) {
+        for (const auto& entry : ended) {
+            delete entry.second;
+        }
+    }
+}
+
+}  // namespace
+
+std::size_t Accepted::reap() {
+    std::vector<std::pair<TARNConnection*, SeqServer*>> ended;
+    std::size_t left = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (std::size_t i = 0; i < m_connections.size(); ++i) {
+            if (m_connections[i] != nullptr && m_servers[i]->disconnects() > 0) {
+                ended.emplace_back(m_connections[i], m_servers[i]);
+                m_connections[i] = nullptr;
+            } else if (m_connections[i] != nullptr) {
+                ++left;
+            }
+        }
+    }
+    // The recorders stay (tests read them after the connection ended); closeAll deletes them.
+    endConnections(ended, false);
+    return left;
+}
+
+void Accepted::closeAll() {
+    std::vector<TARNConnection*> connections;
+    std::vector<SeqServer*> servers;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        connections.swap(m_connections);
+        servers.swap(m_servers);
+    }
+    std::vector<std::pair<TARNConnection*, SeqServer*>> live;
+    for (std::size_t i = 0; i < connections.size(); ++i) {
+        if (connections[i] != nullptr) {
+            live.emplace_back(connections[i], servers[i]);
+        }
+    }
+    endConnections(live, false);
+    for (SeqServer* server : servers) {
+        delete server;
+    }
+}
+
+namespace {
+
+class Connector : public ITARNConnector {
+public:
+    explicit Connector(Accepted& accepted) : m_accepted(accepted) {}
+    void onNewConnection(TARNConnection* connection) override {
+        SeqServer* server = new SeqServer(connection);
+        connection->setServer(server);
+        m_accepted.add(connection, server);
+    }
+
+private:
+    Accepted& m_accepted;
+};
+
+}  // namespace
+
+TestServer::TestServer(ETransport kind) : m_kind(kind) {}
+
+TestServer::~TestServer() {
+    stop();
+    m_accepted.closeAll();
+}
+
+uint16 TestServer::start(const std::string& address) {
+    m_pListener = new TARNListener(m_kind);
+    m_pListener->listen(address, 0, new Connector(m_accepted));
+    waitUntil([&] { return m_pListener->getLocalPort() != 0; }, 10000);
+    m_port = m_pListener->getLocalPort();
+    return m_port;
+}
+
+void TestServer::stop() {
+    if (m_pListener != nullptr) {
+        m_pListener->shutdown(-1);
+        delete m_pListener;
+        m_pListener = nullptr;
+    }
+}
+
+std::unique_ptr<TARNConnection> connectWithRetry(ETransport kind, uint16 port, ITARNClient* client,
+                                                 int attempts, int* attemptsUsed) {
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
+        std::unique_ptr<TARNConnection> connection(new TARNConnection(kind));
+        if (connection->connect("127.0.0.1", port, client)) {
+            if (attemptsUsed != nullptr) {
+                *attemptsUsed = attempt;
+            }
+            return connection;
+        }
+        connection->disconnect();
+        if (kind == eTransportTCP) {
+            sal::Thread::mssleep(100);
+        }
+    }
+    return nullptr;
+}
+
+bool retry(const std::function<bool()>& request, int attempts, int* attemptsUsed) {
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
+        if (request()) {
+            if (attemptsUsed != nullptr) {
+                *attemptsUsed = attempt;
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+void closeClient(std::unique_ptr<TARNConnection>& connection, const StatusCounter& status) {
+    if (connection) {
+        connection->disconnect();
+        waitUntil([&] { return status.disconnects() > 0; }, 30000);
+        connection.reset();
+    }
+}
+
+std::string checkComplete(const std::vector<int>& values, int count) {
+    std::ostringstream out;
+    if (static_cast<int>(values.size()) != count) {
+        out << "received " << values.size() << " of " << count << "; ";
+    }
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (values[i] != static_cast<int>(i)) {
+            out << "at " << i << " got " << values[i];
+            return out.str();
+        }
+    }
+    return out.str();
+}
+
+std::string checkIncreasing(const std::vector<int>& values) {
+    for (std::size_t i = 1; i < values.size(); ++i) {
+        if (values[i] <= values[i - 1]) {
+            std::ostringstream out;
+            out << "at " << i << ": " << values[i] << " after " << values[i - 1];
+            return out.str();
+        }
+    }
+    return std::string();
+}
+
+ParameterList seqParams(int i) {
+    ParameterList params;
+    params.addNumeric("i", i);
+    return params;
+}
+
+namespace {
+
+long statusField(const std::string& field) {
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, field.size(), field) == 0) {
+            return std::atol(line.c_str() + field.size());
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+long residentKb() {
+    return statusField("VmRSS:");
+}
+
+int threadCount() {
+    return static_cast<int>(statusField("Threads:"));
+}
+
+int ownThreadCount() {
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return -1;
+    }
+    int count = 0;
+    while (dirent* entry = readdir(tasks)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        std::ifstream in(std::string("/proc/self/task/") + entry->d_name + "/comm");
+        std::string name;
+        std::getline(in, name);
+        if (name.compare(0, 9, "sal-timer") != 0) {
+            ++count;
+        }
+    }
+    closedir(tasks);
+    return count;
+}
+
+ChildProcess::~ChildProcess() {
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    if (m_out >= 0) {
+        close(m_out);
+    }
+}
+
+bool ChildProcess::start(const std::vector<std::string>& arguments) {
+    int fds[2];
+    if (arguments.empty() || pipe2(fds, O_CLOEXEC) != 0) {
+        return false;
+    }
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return false;
+    }
+    if (pid == 0) {
+        dup2(fds[1], STDOUT_FILENO);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    m_pid = pid;
+    m_out = fds[0];
+    return true;
+}
+
+std::string ChildProcess::readLine(int timeoutMs) {
+    const std::int64_t deadline = nowMs() + timeoutMs;
+    for (;;) {
+        const std::size_t end = m_pending.find('\n');
+        if (end != std::string::npos) {
+            const std::string line = m_pending.substr(0, end);
+            m_pending.erase(0, end + 1);
+            return line;
+        }
+        const int left = static_cast<int>(deadline - nowMs());
+        pollfd fd = {m_out, POLLIN, 0};
+        if (left <= 0 || m_out < 0 || poll(&fd, 1, left) <= 0) {
+            return std::string();
+        }
+        char buffer[256];
+        const ssize_t n = read(m_out, buffer, sizeof buffer);
+        if (n <= 0) {
+            return std::string();
+        }
+        m_pending.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+void ChildProcess::signal(int number) {
+    if (m_pid > 0) {
+        ::kill(m_pid, number);
+    }
+}
+
+int ChildProcess::exitStatus(int timeoutMs) {
+    int status = 0;
+    const bool ended =
+        m_pid > 0 && waitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, timeoutMs);
+    if (!ended) {
+        return -1;
+    }
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void figure(const std::string& text) {
+    std::cout << "[ figure ] " << text << std::endl;
+}
+
+}  // namespace faults

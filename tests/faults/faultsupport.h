@@ -1,0 +1,174 @@
+// Shared pieces of the fault suites: applications that number what they send and record what they
+// receive, a server with a listener that keeps every accepted connection, connecting and negotiating
+// with retries as an application on a lossy network must, checks of received sequences, and process
+// figures (resident memory, threads) read from /proc.
+//
+// Ownership: TestServer owns its listener and, through Accepted, every accepted connection and its
+// SeqServer; a connection is deleted only after its receive thread reported eDisconnected.
+// Threads: the recorders are called on connections' receive threads and read from the test thread.
+#ifndef TARN_TESTS_FAULTS_FAULTSUPPORT_H
+#define TARN_TESTS_FAULTS_FAULTSUPPORT_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <tarnconnection.h>
+#include <tarnlistener.h>
+
+namespace faults {
+
+// The integers of one numbered stream, in arrival order.
+class Sequence {
+public:
+    void add(int value);
+    std::vector<int> values() const;
+    std::size_t size() const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<int> m_values;
+};
+
+// Counts of status reports, with the time of the first eDisconnected.
+class StatusCounter {
+public:
+    void report(EConnStatus status);
+    int connects() const { return m_connects.load(); }
+    int disconnects() const { return m_disconnects.load(); }
+    std::int64_t disconnectedAtMs() const { return m_disconnectedAt.load(); }
+
+private:
+    std::atomic<int> m_connects{0};
+    std::atomic<int> m_disconnects{0};
+    std::atomic<std::int64_t> m_disconnectedAt{-1};
+};
+
+// Records triggers named "seq" (integer values); other triggers and updates are counted.
+class SeqClient : public ITARNClient, public StatusCounter {
+public:
+    void onTrigger(const std::string& name, const ParameterValue& value) override;
+    void onUpdateState(const std::string& name, const ParameterValue& value) override;
+    void onStatusChanged(EConnStatus status) override { report(status); }
+    Sequence triggers;
+    std::atomic<int> others{0};
+};
+
+// Records calls of "seq" (their first parameter, an integer) and counts subscriptions. A
+// subscription to "stream" starts a thread that sends triggers "seq" 0, 1, 2, ... until the
+// connection fails to send or the server is destroyed.
+class SeqServer : public ITARNServer, public StatusCounter {
+public:
+    explicit SeqServer(TARNConnection* connection) : m_pConnection(connection) {}
+    ~SeqServer() override;
+    void onSubscribe(const std::string& name) override;
+    void onUnsubscribe(const std::string& name) override;
+    void onCallFunctionId(const std::string& name, const ParameterList& params) override;
+    void onStatusChanged(EConnStatus status) override { report(status); }
+    void stopStreaming();
+    Sequence calls;
+    std::atomic<int> subscribes{0};
+    std::atomic<int> others{0};
+
+private:
+    TARNConnection* m_pConnection;
+    std::atomic<bool> m_bStreaming{false};
+    std::atomic<bool> m_bStop{false};
+    std::unique_ptr<std::thread> m_pStream;
+};
+
+// The connections a listener handed out, each with its SeqServer.
+class Accepted {
+public:
+    ~Accepted() { closeAll(); }
+    void add(TARNConnection* connection, SeqServer* server);
+    std::size_t count() const;
+    TARNConnection* connection(std::size_t i) const;
+    SeqServer* server(std::size_t i) const;
+    // The accepted connection whose peer is this client port; -1 when there is none.
+    int findByPeerPort(uint16 port) const;
+    // Deletes the connections that have reported eDisconnected; returns how many are left.
+    std::size_t reap();
+    // Disconnects every connection, waits for its eDisconnected and deletes it.
+    void closeAll();
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<TARNConnection*> m_connections;
+    std::vector<SeqServer*> m_servers;
+};
+
+// A listener on 127.0.0.1 (ephemeral port) that keeps what it accepts in an Accepted.
+class TestServer {
+public:
+    explicit TestServer(ETransport kind);
+    ~TestServer();
+    TestServer(const TestServer&) = delete;
+    TestServer& operator=(const TestServer&) = delete;
+    // Starts listening and waits for the bound port; 0 on failure.
+    uint16 start(const std::string& address = "127.0.0.1");
+    uint16 port() const { return m_port; }
+    Accepted& accepted() { return m_accepted; }
+    void stop();
+
+private:
+    ETransport m_kind;
+    uint16 m_port = 0;
+    Accepted m_accepted;
+    TARNListener* m_pListener = nullptr;
+};
+
+// Connects a fresh connection, up to `attempts` times: CON is never resent by EUDP, so an
+// application on a lossy network tries again. A failed attempt's connection is disconnected and
+// deleted. Null when every attempt failed.
+std::unique_ptr<TARNConnection> connectWithRetry(ETransport kind, uint16 port, ITARNClient* client,
+                                                 int attempts, int* attemptsUsed = nullptr);
+// Repeats a request (a mode or window negotiation) until it succeeds; false after `attempts`.
+bool retry(const std::function<bool()>& request, int attempts, int* attemptsUsed = nullptr);
+// Disconnects a client connection, waits for its eDisconnected, deletes it.
+void closeClient(std::unique_ptr<TARNConnection>& connection, const StatusCounter& status);
+
+// "" when `values` is exactly 0 .. count-1; otherwise what is wrong with it.
+std::string checkComplete(const std::vector<int>& values, int count);
+// "" when `values` is strictly increasing; otherwise the first place where it is not.
+std::string checkIncreasing(const std::vector<int>& values);
+
+ParameterList seqParams(int i);
+
+// Resident memory of this process in KiB, and its number of threads, from /proc/self/status.
+long residentKb();
+int threadCount();
+// Threads without the platform's shared timer threads ("sal-timer*"), which are started with the
+// first timer and live as long as the process: what connections themselves cost.
+int ownThreadCount();
+
+// A child process whose standard output is read line by line; killed when destroyed.
+class ChildProcess {
+public:
+    ChildProcess() = default;
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+    bool start(const std::vector<std::string>& arguments);  // arguments[0] is the program's path
+    std::string readLine(int timeoutMs);                    // "" on time-out or end of output
+    void signal(int number);
+    // Waits for the exit and returns its status (128 + signal when killed); -1 on time-out.
+    int exitStatus(int timeoutMs);
+
+private:
+    int m_pid = -1;
+    int m_out = -1;
+    std::string m_pending;
+};
+
+// Prints a measured figure in one recognisable line ("[ figure ] ...") for the report.
+void figure(const std::string& text);
+
+}  // namespace faults
+
+#endif  // TARN_TESTS_FAULTS_FAULTSUPPORT_H

@@ -1,0 +1,367 @@
+#include "hostile.h"
+
+#include <atomic>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include <logging/logging.h>
+#include <sal/thread.h>
+
+#include "faultsupport.h"
+#include "testsupport.h"
+
+namespace faults {
+
+using testsupport::Bytes;
+using testsupport::nowMs;
+using testsupport::waitUntil;
+
+namespace {
+
+const char* const kCommands[] = {"NOP", "ACK", "NAK", "CON", "DIS", "CMD", "MOD", "MAK", "WIN", "WAK"};
+
+class Generator {
+public:
+    explicit Generator(std::uint32_t seed) : m_random(seed) {}
+
+    int below(int n) { return std::uniform_int_distribution<int>(0, n - 1)(m_random); }
+    bool chance(int percent) { return below(100) < percent; }
+    std::uint8_t byte() { return static_cast<std::uint8_t>(below(256)); }
+    std::uint32_t word() { return static_cast<std::uint32_t>(m_random()); }
+
+    Bytes junk(int most) {
+        Bytes bytes(static_cast<std::size_t>(below(most + 1)));
+        for (std::uint8_t& b : bytes) {
+            b = byte();
+        }
+        return bytes;
+    }
+
+    // A TARN packet, well formed or broken in one of the ways a hostile peer would try.
+    Bytes tarnPacket() {
+        static const char kLetters[] = {'F', 'S', 'T', 'U', 'X', 'A', 'G', 'V', 0};
+        Bytes body;
+        const std::string name = chance(50) ? "zz" : std::string(static_cast<std::size_t>(below(40)), 'n');
+        body.insert(body.end(), name.begin(), name.end());
+        if (!chance(10)) {
+            body.push_back(0);  // else: an unterminated name
+        }
+        switch (below(5)) {
+            case 0:  // a value with a good or a bad tag
+                body.push_back(chance(70) ? static_cast<std::uint8_t>("SIBFN"[below(5)]) : byte());
+                for (int i = 0; i < 4; ++i) {
+                    body.push_back(byte());
+                }
+                break;
+            case 1:  // a parameter list with a huge (negative when signed) or an honest count
+                body.push_back(chance(50) ? static_cast<std::uint8_t>(0x80 + below(128)) : byte());
+                for (int i = below(6); i > 0; --i) {
+                    body.push_back('p');
+                    body.push_back(0);
+                    body.push_back('I');
+                    for (int j = 0; j < 4; ++j) {
+                        body.push_back(byte());
+                    }
+                }
+                break;
+            case 2: {
+                const Bytes tail = junk(64);
+                body.insert(body.end(), tail.begin(), tail.end());
+                break;
+            }
+            default:
+                break;
+        }
+        Bytes packet{1, static_cast<std::uint8_t>(kLetters[below(9)]), 0, 0};
+        std::uint16_t length = static_cast<std::uint16_t>(body.size());
+        if (chance(20)) {
+            length = static_cast<std::uint16_t>(word());  // a length that disagrees
+        }
+        packet[2] = static_cast<std::uint8_t>(length & 0xFF);
+        packet[3] = static_cast<std::uint8_t>(length >> 8);
+        if (chance(5)) {
+            packet[0] = byte();  // wrong version
+        }
+        packet.insert(packet.end(), body.begin(), body.end());
+        if (chance(15)) {
+            packet.resize(static_cast<std::size_t>(below(static_cast<int>(packet.size()) + 1)));  // cut short
+        }
+        for (int flips = chance(30) ? below(4) : 0; flips > 0 && !packet.empty(); --flips) {
+            packet[static_cast<std::size_t>(below(static_cast<int>(packet.size())))] = byte();
+        }
+        return packet;
+    }
+
+    // A TCP stream chunk: usually framed packets, sometimes frames that lie about their size.
+    Bytes tcpChunk() {
+        const int kind = below(10);
+        if (kind == 0) {
+            return junk(40);  // unframed bytes
+        }
+        Bytes packet = kind == 1 ? junk(8) : tarnPacket();
+        std::uint16_t length = static_cast<std::uint16_t>(packet.size());
+        if (kind == 2) {
+            length = static_cast<std::uint16_t>(1493 + below(64000));  // longer than the receive buffer
+        }
+        Bytes frame{static_cast<std::uint8_t>(length & 0xFF), static_cast<std::uint8_t>(length >> 8)};
+        frame.insert(frame.end(), packet.begin(), packet.end());
+        return frame;
+    }
+
+    // An EUDP datagram. `fatal` allows the ones that end or stall a connection by design.
+    Bytes datagram(bool fatal, bool connectRequest) {
+        if (connectRequest) {
+            return testsupport::eudpDatagram("CON", word());
+        }
+        const int kind = below(20);
+        if (kind == 0) {
+            return junk(7);  // too short, wrong version, or (when fatal is allowed) empty
+        }
+        if (kind == 1) {
+            Bytes bytes = junk(30);
+            if (!bytes.empty()) {
+                bytes[0] = 1;  // the right version, unknown letters
+            }
+            return bytes;
+        }
+        const char* command = kCommands[below(10)];
+        while (!fatal && (std::string(command) == "DIS" || std::string(command) == "WIN" ||
+                          std::string(command) == "CON")) {
+            command = kCommands[below(10)];
+        }
+        std::uint32_t value = word();
+        if (chance(50)) {
+            value = static_cast<std::uint32_t>(below(64));  // near a fresh connection's numbers
+        }
+        if (std::string(command) == "WIN" && chance(50)) {
+            value = 0;
+        }
+        Bytes payload;
+        if (std::string(command) == "CMD" && chance(80)) {
+            payload = tarnPacket();
+        }
+        return testsupport::eudpDatagram(command, value, payload);
+    }
+
+private:
+    std::mt19937 m_random;
+};
+
+// The well-behaved EUDP client of one generation.
+struct Generation {
+    SeqClient client;
+    std::unique_ptr<TARNConnection> connection;
+    SeqServer* recorder = nullptr;
+};
+
+bool establish(TestServer& server, Generation& generation) {
+    generation.connection = connectWithRetry(eTransportEUDP, server.port(), &generation.client, 3);
+    if (!generation.connection) {
+        return false;
+    }
+    TARNConnection* connection = generation.connection.get();
+    if (!retry([&] { return connection->setReceiveMode(eReliable); }, 2) ||
+        !retry([&] { return connection->setSendMode(eReliable); }, 2)) {
+        return false;
+    }
+    const uint16 port = connection->getLocalPort();
+    const bool found = waitUntil([&] { return server.accepted().findByPeerPort(port) >= 0; }, 5000);
+    if (!found) {
+        return false;
+    }
+    generation.recorder =
+        server.accepted().server(static_cast<std::size_t>(server.accepted().findByPeerPort(port)));
+    return true;
+}
+
+}  // namespace
+
+HostileReport runHostile(int seconds, std::uint32_t seed) {
+    namespace Log = Corvane::Utilities::Logging;
+    HostileReport report;
+    std::atomic<std::uint64_t> warnings{0};
+    std::atomic<std::uint64_t> errors{0};
+    const Log::ELogLevel previousLevel = Log::LogManager::getInstance().getLevel();
+    Log::LogManager::getInstance().setLevel(Log::eWarning);
+    Log::LogManager::getInstance().setSink([&](Log::ELogLevel level, const std::string&, const std::string&) {
+        ++(level == Log::eError ? errors : warnings);
+    });
+
+    TestServer tcpServer(eTransportTCP);
+    TestServer eudpServer(eTransportEUDP);
+    if (tcpServer.start() == 0 || eudpServer.start() == 0) {
+        Log::LogManager::getInstance().setSink(Log::LogSink());
+        return report;
+    }
+    const std::int64_t deadline = nowMs() + seconds * 1000;
+    std::atomic<bool> stop{false};
+    std::atomic<uint16> clientPort{0};
+    std::atomic<uint16> serverConnectionPort{0};
+
+    // Well-behaved TCP client: a call every 2 ms, all of which must arrive in order.
+    SeqClient tcpClient;
+    std::unique_ptr<TARNConnection> tcpConnection =
+        connectWithRetry(eTransportTCP, tcpServer.port(), &tcpClient, 3);
+    std::thread tcpGood([&] {
+        for (int i = 0; tcpConnection && !stop; ++i) {
+            if (tcpConnection->callFunctionId("seq", seqParams(i))) {
+                report.tcpCalls = i + 1;
+            }
+            sal::Thread::mssleep(2);
+        }
+    });
+
+    // Well-behaved EUDP client: reconnects when a stranger ends or stalls its connection.
+    std::thread eudpGood([&] {
+        while (!stop) {
+            Generation generation;
+            if (!establish(eudpServer, generation)) {
+                if (generation.connection) {
+                    closeClient(generation.connection, generation.client);
+                }
+                continue;
+            }
+            ++report.eudpGenerations;
+            clientPort = generation.connection->getLocalPort();
+            TARNConnection* serverSide = eudpServer.accepted().connection(
+                static_cast<std::size_t>(eudpServer.accepted().findByPeerPort(clientPort)));
+            serverConnectionPort = serverSide != nullptr ? serverSide->getLocalPort() : 0;
+            std::size_t seen = 0;
+            std::int64_t progress = nowMs();
+            for (int i = 0; !stop; ++i) {
+                if (generation.client.disconnects() > 0) {
+                    ++report.eudpClosedByStrangers;
+                    break;
+                }
+                generation.connection->callFunctionId("seq", seqParams(i));
+                const std::size_t now = generation.recorder->calls.size();
+                if (now != seen) {
+                    seen = now;
+                    progress = nowMs();
+                } else if (nowMs() - progress > 3000) {
+                    ++report.eudpStalls;
+                    break;
+                }
+                sal::Thread::mssleep(2);
+            }
+            const std::vector<int> values = generation.recorder->calls.values();
+            report.eudpDelivered += static_cast<int>(values.size());
+            const std::string order = checkIncreasing(values);
+            if (report.eudpOrderError.empty() && !order.empty()) {
+                report.eudpOrderError = "generation " + std::to_string(report.eudpGenerations) + ": " + order;
+            }
+            clientPort = 0;
+            serverConnectionPort = 0;
+            closeClient(generation.connection, generation.client);
+        }
+    });
+
+    // Hostile datagrams: about 500 a second; a connection request about once a second and a
+    // closing or stalling datagram (DIS, WIN, an empty datagram) about once a second, so that the
+    // well-behaved client gets work done between them.
+    std::thread udpAttacker([&] {
+        Generator generator(seed);
+        testsupport::RawUdp socket;
+        for (std::uint64_t n = 0; !stop; ++n) {
+            const int aim = generator.below(3);
+            uint16 port = aim == 0   ? eudpServer.port()
+                          : aim == 1 ? clientPort.load()
+                                     : serverConnectionPort.load();
+            if (port == 0) {
+                port = eudpServer.port();
+            }
+            const bool fatal = generator.below(1000) < 2;
+            const bool connectRequest = aim == 0 && generator.below(1000) < 6;
+            Bytes datagram =
+                fatal && generator.chance(30) ? Bytes() : generator.datagram(fatal, connectRequest);
+            if (datagram.empty() && port == eudpServer.port()) {
+                // An empty datagram on the listening port ends the listener for good (its accept
+                // fails, and the leaked listening transport keeps the port): a test of its own.
+                datagram.push_back(2);
+            }
+            socket.sendTo(datagram, port);
+            ++report.datagramsSent;
+            if (n % 2 == 1) {
+                sal::Thread::mssleep(4);
+            }
+        }
+    });
+
+    // Hostile TCP streams: each a handful of chunks, then closed.
+    std::thread tcpAttacker([&] {
+        Generator generator(seed ^ 0x5A5A5A5Au);
+        while (!stop) {
+            testsupport::RawTcp stream = testsupport::RawTcp::connectTo(tcpServer.port());
+            if (!stream.valid()) {
+                sal::Thread::mssleep(10);
+                continue;
+            }
+            ++report.tcpStreams;
+            for (int i = generator.below(20); i >= 0 && !stop; --i) {
+                if (!stream.sendAll(generator.tcpChunk())) {
+                    break;
+                }
+                ++report.framesSent;
+                sal::Thread::mssleep(1);
+            }
+            stream.close();
+            sal::Thread::mssleep(5);
+        }
+    });
+
+    while (nowMs() < deadline) {
+        sal::Thread::mssleep(500);
+        const std::size_t live = tcpServer.accepted().reap() + eudpServer.accepted().reap();
+        if (live > report.mostServerConnections) {
+            report.mostServerConnections = live;
+        }
+        report.residentKb.push_back(residentKb());
+    }
+    stop = true;
+    udpAttacker.join();
+    tcpAttacker.join();
+    eudpGood.join();
+    tcpGood.join();
+
+    // What the TCP server got from the well-behaved client, once the last call has arrived.
+    const int tcpIndex =
+        tcpConnection ? tcpServer.accepted().findByPeerPort(tcpConnection->getLocalPort()) : -1;
+    if (tcpIndex >= 0) {
+        SeqServer* recorder = tcpServer.accepted().server(static_cast<std::size_t>(tcpIndex));
+        waitUntil([&] { return static_cast<int>(recorder->calls.size()) >= report.tcpCalls; }, 10000);
+        report.tcpReceived = recorder->calls.values();
+    }
+    closeClient(tcpConnection, tcpClient);
+    report.tcpDisconnects = tcpClient.disconnects() - 1;  // the one of our own disconnect
+    tcpServer.stop();
+    eudpServer.stop();
+    tcpServer.accepted().closeAll();
+    eudpServer.accepted().closeAll();
+    Log::LogManager::getInstance().setSink(Log::LogSink());
+    Log::LogManager::getInstance().setLevel(previousLevel);
+    report.warnings = warnings;
+    report.errors = errors;
+    return report;
+}
+
+std::string describe(const HostileReport& report) {
+    std::ostringstream out;
+    long first = report.residentKb.empty() ? 0 : report.residentKb.front();
+    long most = 0;
+    for (long kb : report.residentKb) {
+        most = std::max(most, kb);
+    }
+    out << report.datagramsSent << " hostile datagrams, " << report.framesSent << " hostile TCP chunks on "
+        << report.tcpStreams << " streams; TCP client " << report.tcpReceived.size() << "/" << report.tcpCalls
+        << " calls delivered; EUDP client " << report.eudpDelivered << " calls delivered over "
+        << report.eudpGenerations << " connections (" << report.eudpClosedByStrangers
+        << " closed by strangers, " << report.eudpStalls << " stalled); at most "
+        << report.mostServerConnections << " live server connections; resident " << first / 1024
+        << " MiB at first, at most " << most / 1024 << " MiB; " << report.warnings << " warnings and "
+        << report.errors << " errors logged";
+    return out.str();
+}
+
+}  // namespace faults
