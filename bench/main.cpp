@@ -312,6 +312,12 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            usage();
+            return 0;
+        }
+    }
     Options options = parse(argc, argv);
     if (!options.ok) {
         usage();

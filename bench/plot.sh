@@ -31,7 +31,7 @@ plots=""
 i=0
 while [ "$i" -lt "$count" ]; do
     jq -r ".round_trips[$i].curve[] | select(.[0] < 1) | \"\(1 / (1 - .[0])) \(.[1])\"" "$input" >"$work/$i.dat"
-    label=$(jq -r ".round_trips[$i] | \"\(.label) (p50 \(.p50_us * 10 | round / 10) µs)\"" "$input")
+    label=$(jq -r ".round_trips[$i] | \"\(.label) (median p50 \(.p50_us * 10 | round / 10) µs)\"" "$input")
     [ -n "$plots" ] && plots="$plots, "
     plots="$plots'$work/$i.dat' using 1:2 with lines linewidth 2 title '$label'"
     i=$((i + 1))
@@ -47,7 +47,7 @@ esac
 gnuplot <<GNUPLOT
 set terminal $terminal
 set output '$output'
-set title "TARN round trips against their baselines, 127.0.0.1 ($samples per run; $machine)"
+set title "Round trips on 127.0.0.1, all repetitions pooled ($samples per run; $machine)"
 set logscale x
 set logscale y
 set xrange [1:10000]
