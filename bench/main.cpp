@@ -6,7 +6,8 @@
 //
 // Markdown goes to standard output (JSON with --json); --out also writes the JSON to FILE.
 // Progress goes to standard error. --only runs just the series whose key (e.g. "tarn-eudp-rt/16")
-// contains TEXT, which is what a profiler wants to look at.
+// contains TEXT, which is what a profiler wants to look at. The exit status is 3 when some scenario
+// never completed a run.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -366,6 +367,30 @@ int main(int argc, char** argv) {
     logCounter.remove();
     tarnDeinit();
 
+    // A series none of whose runs completed means a scenario that does not work at all; say so in
+    // the exit status, so that the smoke test notices (ENet's rows are empty by design without it).
+    std::vector<std::string> broken;
+    for (const auto& entry : results.streams) {
+        if (summarise(entry.second).runs == 0 &&
+            (enetAvailable() || entry.first.compare(0, 4, "enet") != 0)) {
+            broken.push_back("stream " + entry.first);
+        }
+    }
+    for (const auto& entry : results.roundTrips) {
+        if (summarise(entry.second).runs == 0 &&
+            (enetAvailable() || entry.first.compare(0, 4, "enet") != 0)) {
+            broken.push_back("round trip " + entry.first);
+        }
+    }
+    for (const ScaleTransport& transport : results.scale.transports) {
+        if (transport.connected < transport.clients) {
+            broken.push_back("scale " + transport.name);
+        }
+    }
+    for (const std::string& what : broken) {
+        std::fprintf(stderr, "tarn-bench: no run of %s completed\n", what.c_str());
+    }
+
     results.machine.loadAtEnd = loadAverage();
     results.totalSeconds = (nowNs() - start) / 1e9;
     if (options.json) {
@@ -381,5 +406,5 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
-    return 0;
+    return broken.empty() ? 0 : 3;
 }
