@@ -169,6 +169,9 @@ public:
 private:
     friend class EUDPTransportTest;
 
+    static const int kSocketReceiveBuffer = 4 * 1024 * 1024;
+    static sal::UdpSocket* newSocket();
+
     // A line on `level` that already carries the "TARN/EUDP[<id>]: " prefix.
     Corvane::Utilities::Logging::LogStream logLine(Corvane::Utilities::Logging::ELogLevel level) const;
 

@@ -194,16 +194,20 @@ void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
     // In realtime mode a gap is simply skipped: no line, no NAK, no acknowledgement.
     m_receiveSeq.setFromWord(seq + 1);
 
-    if (packet.m_length != EUDPPacket::HEADER_LENGTH) {
+    const bool delivered = packet.m_length != EUDPPacket::HEADER_LENGTH;
+    if (delivered) {
         if (!m_receiveBuffer.push(packet)) {
             logLine(eError) << "push failed (internal error)";
         }
-        m_receiveSem.give();
     } else if (m_receiveMode.load() == eRealtime) {
         // An empty datagram is the peer's keep-alive; in reliable mode the ACK above answered it.
         sendPacket(NOP, 0, 0);
     }
     m_receiveMutex.give();
+    // The count follows the lock's release, so that a woken reader finds the ring free at once.
+    if (delivered) {
+        m_receiveSem.give();
+    }
 }
 
 void EUDPTransport::handleModeRequest(std::uint32_t word) {

@@ -58,8 +58,9 @@ bool EUDPTransport::sendData(const uint8* data, uint length) {
     packet.setData(data, length);
     m_sendBuffer.push(packet);
 
-    m_sendWakeSem.give();
+    // The lock goes first, so that the woken sender thread finds the ring free at once.
     m_sendMutex.give();
+    m_sendWakeSem.give();
     return true;
 }
 

@@ -81,6 +81,15 @@ void EUDPTransport::EUDPReceiver::run() {
 
 // ---- construction -------------------------------------------------------------------------------
 
+// Every EUDP socket asks for a large receive buffer: a reliable peer sending a whole window at
+// once, or a burst of connection requests, would otherwise overflow the system's default buffer,
+// and every datagram lost there costs a NAK and a go-back resend.
+sal::UdpSocket* EUDPTransport::newSocket() {
+    sal::UdpSocket* pSocket = new sal::UdpSocket;
+    pSocket->setReceiveBufferSize(kSocketReceiveBuffer);
+    return pSocket;
+}
+
 EUDPTransport::EUDPTransport()
     : m_pSocket(nullptr),
       // The listening object never sends; the any-address stands for "no peer".
@@ -116,7 +125,7 @@ EUDPTransport::EUDPTransport()
       m_bTimersInitialised(false),
       m_log(LogManager::getInstance().getCategory("TARN")),
       m_bDestroying(false) {
-    m_pSocket.store(new sal::UdpSocket);
+    m_pSocket.store(newSocket());
     m_sender.m_pTransport = this;
     m_receiver.m_pTransport = this;
 }
@@ -233,7 +242,7 @@ bool EUDPTransport::connect(const sal::HostAddress& address, uint16 port) {
         m_aliveTimer.stop();
         m_aliveTimer.waitUntilIdle();
         delete m_pSocket.load();
-        m_pSocket.store(new sal::UdpSocket);
+        m_pSocket.store(newSocket());
         m_bClosed.store(false);
     }
 

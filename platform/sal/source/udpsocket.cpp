@@ -82,6 +82,10 @@ void UdpSocket::close() {
     }
 }
 
+bool UdpSocket::setReceiveBufferSize(int bytes) {
+    return ::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
+}
+
 uint16 UdpSocket::getLocalPort() const {
     return detail::localPortOf(m_fd);
 }

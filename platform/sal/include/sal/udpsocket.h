@@ -40,6 +40,10 @@ public:
     void close();  // idempotent
     bool isClosed() const { return m_bClosed.load(std::memory_order_acquire); }
 
+    // Asks the system for a receive buffer of `bytes` (it may grant less, up to its own limit);
+    // a larger buffer absorbs bursts that would otherwise be dropped before receiveFrom runs.
+    bool setReceiveBufferSize(int bytes);
+
     uint16 getLocalPort() const;  // 0 while unbound
     int getDescriptor() const { return m_fd; }
 
