@@ -42,6 +42,12 @@ public:
     int connects() const { return m_connects.load(); }
     int disconnects() const { return m_disconnects.load(); }
     std::int64_t disconnectedAtMs() const { return m_disconnectedAt.load(); }
+    // Starts counting afresh; only once the connection that reported here is deleted.
+    void resetStatus() {
+        m_connects = 0;
+        m_disconnects = 0;
+        m_disconnectedAt = -1;
+    }
 
 private:
     std::atomic<int> m_connects{0};

@@ -87,25 +87,36 @@ bool setKernelLoss(const std::string& protocol, int permille, std::string& why) 
 StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& options) {
     StreamResult result;
     SeqClient client;
-    std::unique_ptr<TARNConnection> connection =
-        connectWithRetry(options.kind, port, &client, options.attempts, &result.connectAttempts);
-    if (!connection) {
-        result.setupError = "no connection after " + std::to_string(options.attempts) + " attempts";
-        return result;
-    }
+    std::unique_ptr<TARNConnection> connection;
     const bool eudp = options.kind == eTransportEUDP;
-    if (eudp && options.reliable) {
-        int sendAttempts = 0;
-        int receiveAttempts = 0;
-        // The client's own sending first (the peer receives reliably), then the server's.
-        if (!retry([&] { return connection->setReceiveMode(eReliable); }, options.attempts,
-                   &receiveAttempts) ||
-            !retry([&] { return connection->setSendMode(eReliable); }, options.attempts, &sendAttempts)) {
-            result.setupError = "mode negotiation failed " + std::to_string(options.attempts) + " times";
-            closeClient(connection, client);
+    // Negotiation gets one try per connection. A request that timed out leaves a direction that
+    // may have sent realtime datagrams (keep-alives) in the meantime; were some of them lost, the
+    // receiver, once reliable, asks again and again for a datagram the sender no longer has, and
+    // the direction stalls for good. A fresh connection has sent nothing yet: start over instead.
+    for (int session = 0; session < options.attempts && !connection; ++session) {
+        int connects = 0;
+        connection = connectWithRetry(options.kind, port, &client, options.attempts, &connects);
+        result.connectAttempts += connects;
+        if (!connection) {
+            result.setupError = "no connection after " + std::to_string(options.attempts) + " attempts";
             return result;
         }
-        result.modeAttempts = sendAttempts + receiveAttempts;
+        if (!eudp || !options.reliable) {
+            break;
+        }
+        // The client's own sending first (the peer receives reliably), then the server's.
+        ++result.modeAttempts;
+        if (connection->setReceiveMode(eReliable) && connection->setSendMode(eReliable) &&
+            client.disconnects() == 0) {
+            result.setupError.clear();
+            break;
+        }
+        closeClient(connection, client);
+        client.resetStatus();  // the connection is gone: nothing reports to `client` any more
+        result.setupError = "mode negotiation failed on " + std::to_string(session + 1) + " connections";
+    }
+    if (!connection) {
+        return result;
     }
     // Which accepted connection is ours: the one that hears the hello (a connect attempt that the
     // client gave up may have left another one on the server).

@@ -37,7 +37,7 @@ struct StreamResult {
     std::vector<int> toClient;
     double seconds = 0.0;  // from the first message sent to the last one received (or quiet)
     int connectAttempts = 0;
-    int modeAttempts = 0;
+    int modeAttempts = 0;  // connections on which the modes were negotiated
 };
 
 // Connects to `port` (the server's, or a relay's in front of it), negotiates, then sends

@@ -16,7 +16,7 @@ inline std::string describeRun(const char* what, int permille, const StreamOptio
     std::ostringstream out;
     out << what << " at " << permille / 10.0 << " % kernel loss, " << options.messages
         << " messages each way: " << result.seconds << " s (connect attempts " << result.connectAttempts
-        << ", mode requests " << result.modeAttempts << ")";
+        << ", connections negotiated on " << result.modeAttempts << ")";
     return out.str();
 }
 
