@@ -144,7 +144,9 @@ void endConnections(const std::vector<std::pair<TARNConnection*, SeqServer*>>& e
         for (std::size_t i = first; i < ended.size() && i < first + kWave; ++i) {
             wave.emplace_back([&ended, i] {
                 ended[i].first->disconnect();
-                waitUntil([&] { return ended[i].second->disconnects() > 0; }, 30000);
+                waitUntil(
+                    [&] { return ended[i].second->disconnects() > 0 && ended[i].second->connects() > 0; },
+                    30000);
                 ended[i].second->stopStreaming();
                 delete ended[i].first;
             });
@@ -168,7 +170,11 @@ std::size_t Accepted::reap() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (std::size_t i = 0; i < m_connections.size(); ++i) {
-            if (m_connections[i] != nullptr && m_servers[i]->disconnects() > 0) {
+            // eConnected as well: the listener reports it after starting the connection, so a peer
+            // that went away at once may make the receive thread report eDisconnected first, while
+            // the listener's thread is still in updateStatus.
+            if (m_connections[i] != nullptr && m_servers[i]->disconnects() > 0 &&
+                m_servers[i]->connects() > 0) {
                 ended.emplace_back(m_connections[i], m_servers[i]);
                 m_connections[i] = nullptr;
             } else if (m_connections[i] != nullptr) {

@@ -3,7 +3,7 @@
 #include "resource_cases.h"
 
 TEST(ResourceCost, TwentyEudpConnectionRequestsFromAStranger) {
-    faults::measureConnectionRequests(20, 16 * 1024);
+    faults::measureConnectionRequests(20, 40 * 1024);
 }
 
 TEST(ResourceCost, TwentyTcpConnections) {
