@@ -59,8 +59,9 @@ void killedClient(ETransport kind, std::int64_t minMs, std::int64_t maxMs) {
     // Threads are counted while the connection lives, so that threads a runtime starts lazily (a
     // sanitizer's, the platform's timer threads) do not count as the connection's.
     const int withConnection = faults::ownThreadCount();
-    peer.kill();
+    // The time is taken before the kill: the disconnect can be seen before kill() has returned.
     const std::int64_t killed = nowMs();
+    peer.kill();
     ASSERT_TRUE(waitUntil([&] { return recorder->disconnects() > 0; }, static_cast<int>(maxMs) + 5000));
     const std::int64_t noticed = recorder->disconnectedAtMs() - killed;
     EXPECT_GE(noticed, minMs);
@@ -102,8 +103,9 @@ void killedServer(ETransport kind, std::int64_t minMs, std::int64_t maxMs) {
     ASSERT_TRUE(connection->subscribe("stream"));
     ASSERT_TRUE(waitUntil([&] { return client.triggers.size() >= 200; }, 30000));
     const int withConnection = faults::ownThreadCount();
-    peer.kill();
+    // The time is taken before the kill: the disconnect can be seen before kill() has returned.
     const std::int64_t killed = nowMs();
+    peer.kill();
     ASSERT_TRUE(waitUntil([&] { return client.disconnects() > 0; }, static_cast<int>(maxMs) + 5000));
     const std::int64_t noticed = client.disconnectedAtMs() - killed;
     EXPECT_GE(noticed, minMs);

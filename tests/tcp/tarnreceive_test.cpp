@@ -276,9 +276,12 @@ private:
 }  // namespace
 
 TEST(TarnReceiveLoop, ACallbackMaySendOnItsOwnConnection) {
-    ServerSide s;
-    TARNConnection* raw = s.connection.get();
+    // The server object outlives the connection: the loop reports eDisconnected to it when the
+    // connection goes at the end of the test.
+    TARNConnection* raw = nullptr;
     EchoServer echo(raw);
+    ServerSide s;
+    raw = s.connection.get();
     s.connection->setServer(&echo);
     ASSERT_TRUE(s.connection->start());
     s.send('S', cstr("echo"));
