@@ -27,9 +27,9 @@ std::string ParsedArgs::value(const std::string& name, const std::string& fallba
     return result;
 }
 
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& spec, ParsedArgs& out,
-               std::string& error) {
-    std::vector<OptionSpec> all = spec;
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionSpecs,
+               ParsedArgs& out, std::string& error) {
+    std::vector<OptionSpec> all = optionSpecs;
     all.push_back({"--help", false});
     all.push_back({"--log-level", true});
     out = ParsedArgs();

@@ -40,8 +40,8 @@ struct ParsedArgs {
 // Options may stand before, between or after the positional words (GNU style); "--" ends them, so
 // that a value beginning with "--" can still be passed. "-h" is "--help"; "--name=value" works as
 // "--name value". Every subcommand accepts --help and --log-level without listing them.
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& spec, ParsedArgs& out,
-               std::string& error);
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionSpecs,
+               ParsedArgs& out, std::string& error);
 
 // "none" (the default: the library's own log lines are not shown), "error", "warning", "info",
 // "debug". When --log-level is absent and TARN_LOG_LEVEL is set, the library's own rule applies.

@@ -244,19 +244,19 @@ bool parseValue(const Token& word, NamedValue& out, std::string& error) {
         out.value = ParameterValue(word.text);
         return true;
     }
-    const std::string spec = word.text.substr(0, word.separator);
+    const std::string head = word.text.substr(0, word.separator);
     const std::string text = word.text.substr(word.separator + 1);
     const std::string quoted = "malformed value '" + word.text + "': ";
     char type = 's';
-    std::string name = spec;
+    std::string name = head;
     const std::size_t colon = word.typeColon;
     if (colon != std::string::npos && colon < word.separator) {
-        const std::string typeWord = spec.substr(colon + 1);
+        const std::string typeWord = head.substr(colon + 1);
         if (!typeOf(typeWord, type)) {
             error = quoted + "unknown type '" + typeWord + "' (use i, b, f or s)";
             return false;
         }
-        name = spec.substr(0, colon);
+        name = head.substr(0, colon);
     }
     switch (type) {
         case 'i': {

@@ -101,13 +101,13 @@ void waitForEnd(double durationS) {
 }  // namespace
 
 int runImpair(const std::vector<std::string>& args) {
-    static const std::vector<OptionSpec> spec = {
+    static const std::vector<OptionSpec> optionSpecs = {
         {"--listen", true}, {"--bind", true},       {"--to", true},      {"--loss", true},
         {"--dup", true},    {"--reorder", true},    {"--delay", true},   {"--jitter", true},
         {"--seed", true},   {"--data-only", false}, {"--duration", true}};
     ParsedArgs parsed;
     std::string error;
-    if (!parseArgs(args, spec, parsed, error)) {
+    if (!parseArgs(args, optionSpecs, parsed, error)) {
         return usageError("impair", error);
     }
     if (parsed.has("--help")) {
