@@ -37,12 +37,7 @@ const char* ConnectShell::commandHelp() {
 
 bool ConnectShell::execute(const std::string& line) {
     std::vector<Token> words;
-    std::string error;
-    if (!tokenize(line, words, error)) {
-        printError(error);
-        return true;
-    }
-    if (words.empty() || words[0].text[0] == '#') {
+    if (!commandWords(line, words)) {
         return true;
     }
     const std::string& command = words[0].text;

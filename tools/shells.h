@@ -14,6 +14,11 @@
 
 namespace tarncli {
 
+// Splits an input line into words for either shell. False for a line that holds no command: a
+// blank line, a comment (first word beginning '#'), or a line that does not split, whose error is
+// printed.
+bool commandWords(const std::string& line, std::vector<Token>& words);
+
 class ServeShell {
 public:
     ServeShell(StateServer& server, Printer& printer) : m_server(server), m_printer(printer) {}
