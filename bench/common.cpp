@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -20,6 +21,27 @@ double processCpuSeconds() {
     getrusage(RUSAGE_SELF, &usage);
     auto seconds = [](const timeval& tv) { return static_cast<double>(tv.tv_sec) + tv.tv_usec / 1e6; };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+double procCpuSeconds() {
+    // utime and stime are the 14th and 15th fields; the command name before them is in
+    // parentheses and may hold spaces, so counting starts after the last ')', at the 3rd field.
+    std::ifstream in("/proc/self/stat");
+    std::string text;
+    std::getline(in, text);
+    const std::size_t close = text.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    std::istringstream fields(text.substr(close + 1));
+    std::string field;
+    unsigned long long ticks = 0;
+    for (int index = 3; index <= 15 && fields >> field; ++index) {
+        if (index >= 14) {
+            ticks += std::strtoull(field.c_str(), nullptr, 10);
+        }
+    }
+    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 namespace {
@@ -124,11 +146,15 @@ double percentileUs(const std::vector<std::uint32_t>& sorted, double q) {
     return sorted[index] / 1000.0;
 }
 
-std::uint32_t triggerLength(const std::string& name, std::uint32_t payload) {
+std::vector<std::uint8_t> triggerBytes(const std::string& name, std::uint32_t payload) {
     TARNPacket packet(CMD_TRIGGER);
     packet.appendString(name);
     packet.appendParamValue(ParameterValue(std::string(payload, 'x')));
-    return packet.m_length;
+    return std::vector<std::uint8_t>(packet.m_buffer, packet.m_buffer + packet.m_length);
+}
+
+std::uint32_t triggerLength(const std::string& name, std::uint32_t payload) {
+    return static_cast<std::uint32_t>(triggerBytes(name, payload).size());
 }
 
 std::uint32_t callLength(std::uint32_t payload) {

@@ -22,6 +22,9 @@ inline std::int64_t nowNs() {
 
 // User plus system CPU seconds of the whole process so far (getrusage).
 double processCpuSeconds();
+// The same from the kernel's per-process counters (/proc/self/stat), in whole clock ticks
+// (usually 10 ms); threads that have ended still count.
+double procCpuSeconds();
 // Resident memory in bytes and the number of threads of this process (/proc/self/status).
 std::uint64_t residentBytes();
 int threadCount();
@@ -52,11 +55,13 @@ struct Config {
     double roundTripTimeLimit = 20.0;
     std::vector<std::uint32_t> payloads{16, 256, 1400};
     std::vector<std::uint32_t> windows{10, 64, 999};
+    // Payloads at which the reliable streams are also measured against their raw-UDP limit.
+    std::vector<std::uint32_t> limitPayloads{16, 1400};
     std::uint32_t rttPayload = 16;
     bool runStreams = true;
     bool runRoundTrips = true;
     bool runScale = true;
-    std::string only;  // run just the series whose key contains this
+    std::string only;  // run just the series whose key contains this ("scale": the scale scenario)
     int scaleClients = 1000;
     double scaleSeconds = 30.0;
     double scaleIdleSeconds = 10.0;
@@ -105,6 +110,8 @@ double percentileUs(const std::vector<std::uint32_t>& sorted, double q);
 // trigger `name` whose value is a text of `payload` bytes (the stream sends "s", a round trip's
 // answer is "rt"), and the call "rt" whose list holds one text of `payload` bytes.
 std::uint32_t triggerLength(const std::string& name, std::uint32_t payload);
+// The bytes of that trigger as the connection puts them into one transport message (text of 'x').
+std::vector<std::uint8_t> triggerBytes(const std::string& name, std::uint32_t payload);
 std::uint32_t callLength(std::uint32_t payload);
 
 // The text value carried by round trip number `seq`: the number in decimal, zero-padded or cut to

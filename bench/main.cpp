@@ -1,19 +1,21 @@
 // tarn-bench: libtarn against raw sockets and against ENet, side by side in one run.
 //
 //   tarn-bench [--quick] [--json] [--out FILE] [--reps N] [--messages N] [--roundtrips N]
-//              [--scale-clients N] [--scale-seconds S] [--no-streams] [--no-rtt] [--no-scale]
-//              [--only TEXT]
+//              [--scale-clients N] [--scale-seconds S] [--scale-idle S] [--no-streams] [--no-rtt]
+//              [--no-scale] [--only TEXT]
 //
 // Markdown goes to standard output (JSON with --json); --out also writes the JSON to FILE.
 // Progress goes to standard error. --only runs just the series whose key (e.g. "tarn-eudp-rt/16")
-// contains TEXT, which is what a profiler wants to look at. The exit status is 3 when some scenario
-// never completed a run.
+// contains TEXT, which is what a profiler wants to look at; --only scale runs the scale scenario
+// alone. The exit status is 3 when some scenario never completed a run or left a figure unmeasured.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -23,6 +25,7 @@
 #include "common.h"
 #include "enetbench.h"
 #include "rawbench.h"
+#include "rawreliable.h"
 #include "report.h"
 #include "scale.h"
 #include "tarnbench.h"
@@ -44,9 +47,8 @@ void usage() {
     std::fprintf(
         stderr,
         "usage: tarn-bench [--quick] [--json] [--out FILE] [--reps N] [--messages N] [--roundtrips N]\n"
-        "                  [--scale-clients N] [--scale-seconds S] [--no-streams] [--no-rtt] "
-        "[--no-scale]\n"
-        "                  [--only TEXT]\n");
+        "                  [--scale-clients N] [--scale-seconds S] [--scale-idle S] [--no-streams]\n"
+        "                  [--no-rtt] [--no-scale] [--only TEXT | --only scale]\n");
 }
 
 Options parse(int argc, char** argv) {
@@ -86,6 +88,8 @@ Options parse(int argc, char** argv) {
             c.scaleClients = std::max(1, std::atoi(argv[++i]));
         } else if (arg == "--scale-seconds" && hasValue) {
             c.scaleSeconds = std::atof(argv[++i]);
+        } else if (arg == "--scale-idle" && hasValue) {
+            c.scaleIdleSeconds = std::max(0.1, std::atof(argv[++i]));
         } else if (arg == "--no-streams") {
             c.runStreams = false;
         } else if (arg == "--no-rtt") {
@@ -98,8 +102,12 @@ Options parse(int argc, char** argv) {
             options.ok = false;
         }
     }
-    if (!c.only.empty()) {
-        c.runScale = false;  // the scale scenario is not a series: --only leaves it out
+    if (c.only == "scale") {
+        c.runStreams = false;
+        c.runRoundTrips = false;
+        c.only.clear();
+    } else if (!c.only.empty()) {
+        c.runScale = false;  // the scale scenario is not a series: --only TEXT leaves it out
     }
     return options;
 }
@@ -169,48 +177,8 @@ public:
     Plan(Results& results, TarnServer& tcp, TarnServer& eudp) : m_r(results), m_tcp(tcp), m_eudp(eudp) {}
 
     void streams(int rep) {
-        const Config& c = m_r.config;
-        for (std::uint32_t payload : c.payloads) {
-            const std::uint32_t length = triggerLength("s", payload);
-            auto stream = [&](const std::string& impl, const std::string& label,
-                              std::function<StreamRun()> body) {
-                if (!selected(key(impl, payload))) {
-                    return;
-                }
-                StreamSeries& series = m_r.streams[key(impl, payload)];
-                series.label = label;
-                series.payload = payload;
-                series.messageLength = length;
-                series.runs.push_back(body());
-                progress(label + " " + std::to_string(payload) + " B", series.runs.back());
-            };
-            const std::uint64_t n = c.streamMessages;
-            const double limit = c.streamTimeLimit;
-            alternate(
-                rep, [&] { stream("raw-tcp", "raw TCP", [&] { return rawTcpStream(length, n, limit); }); },
-                [&] {
-                    stream("tarn-tcp", "TARN TCP",
-                           [&] { return tarnStream(m_tcp, eTransportTCP, EudpSetup(), payload, n, limit); });
-                });
-            alternate(
-                rep, [&] { stream("raw-udp", "raw UDP", [&] { return rawUdpStream(length, n, limit); }); },
-                [&] {
-                    stream("tarn-eudp-rt", "TARN EUDP realtime", [&] {
-                        return tarnStream(m_eudp, eTransportEUDP, EudpSetup(), payload, n, limit);
-                    });
-                });
-            alternate(
-                rep, [&] { stream("enet", "ENet reliable", [&] { return enetStream(length, n, limit); }); },
-                [&] {
-                    for (std::uint32_t window : c.windows) {
-                        EudpSetup setup;
-                        setup.reliable = true;
-                        setup.window = window;
-                        stream("tarn-eudp-rel-w" + std::to_string(window),
-                               "TARN EUDP reliable w" + std::to_string(window),
-                               [&] { return tarnStream(m_eudp, eTransportEUDP, setup, payload, n, limit); });
-                    }
-                });
+        for (std::uint32_t payload : m_r.config.payloads) {
+            streamsOf(rep, payload);
         }
     }
 
@@ -273,6 +241,11 @@ public:
                     add("EUDP reliable stream", key("tarn-eudp-rel-w" + std::to_string(window), payload),
                         key("enet", payload), false, 1.0);
                 }
+                for (std::uint32_t window : c.windows) {
+                    const std::string w = "-w" + std::to_string(window);
+                    add("EUDP reliable stream", key("tarn-eudp-rel" + w, payload),
+                        key("raw-eudp-rel" + w, payload), false, 0.8);
+                }
             }
         }
         if (c.runRoundTrips) {
@@ -284,6 +257,76 @@ public:
     }
 
 private:
+    // Runs one stream series once and keeps the run, unless --only leaves the series out.
+    void stream(const std::string& impl, const std::string& label, std::uint32_t payload,
+                const std::function<StreamRun()>& body) {
+        if (!selected(key(impl, payload))) {
+            return;
+        }
+        StreamSeries& series = m_r.streams[key(impl, payload)];
+        series.label = label;
+        series.payload = payload;
+        series.messageLength = triggerLength("s", payload);
+        series.runs.push_back(body());
+        progress(label + " " + std::to_string(payload) + " B", series.runs.back());
+    }
+
+    void streamsOf(int rep, std::uint32_t payload) {
+        const std::uint32_t length = triggerLength("s", payload);
+        const std::uint64_t n = m_r.config.streamMessages;
+        const double limit = m_r.config.streamTimeLimit;
+        alternate(
+            rep,
+            [&] { stream("raw-tcp", "raw TCP", payload, [&] { return rawTcpStream(length, n, limit); }); },
+            [&] {
+                stream("tarn-tcp", "TARN TCP", payload,
+                       [&] { return tarnStream(m_tcp, eTransportTCP, EudpSetup(), payload, n, limit); });
+            });
+        alternate(
+            rep,
+            [&] { stream("raw-udp", "raw UDP", payload, [&] { return rawUdpStream(length, n, limit); }); },
+            [&] {
+                stream("tarn-eudp-rt", "TARN EUDP realtime", payload,
+                       [&] { return tarnStream(m_eudp, eTransportEUDP, EudpSetup(), payload, n, limit); });
+            });
+        alternate(
+            rep,
+            [&] { stream("enet", "ENet reliable", payload, [&] { return enetStream(length, n, limit); }); },
+            [&] {
+                for (std::uint32_t window : m_r.config.windows) {
+                    reliableStreams(rep, payload, window);
+                }
+            });
+    }
+
+    // The library's reliable stream with `window`, alternating with its raw-UDP limit at the
+    // payloads that have one.
+    void reliableStreams(int rep, std::uint32_t payload, std::uint32_t window) {
+        const Config& c = m_r.config;
+        const std::string w = "-w" + std::to_string(window);
+        const bool withLimit =
+            std::find(c.limitPayloads.begin(), c.limitPayloads.end(), payload) != c.limitPayloads.end();
+        EudpSetup setup;
+        setup.reliable = true;
+        setup.window = window;
+        alternate(
+            rep,
+            [&] {
+                if (withLimit) {
+                    stream("raw-eudp-rel" + w, "raw UDP reliable w" + std::to_string(window), payload, [&] {
+                        return rawReliableStream(triggerBytes("s", payload), window, c.streamMessages,
+                                                 c.streamTimeLimit);
+                    });
+                }
+            },
+            [&] {
+                stream("tarn-eudp-rel" + w, "TARN EUDP reliable w" + std::to_string(window), payload, [&] {
+                    return tarnStream(m_eudp, eTransportEUDP, setup, payload, c.streamMessages,
+                                      c.streamTimeLimit);
+                });
+            });
+    }
+
     bool selected(const std::string& seriesKey) const {
         return m_r.config.only.empty() || seriesKey.find(m_r.config.only) != std::string::npos;
     }
@@ -309,6 +352,34 @@ private:
     TarnServer& m_tcp;
     TarnServer& m_eudp;
 };
+
+// A series none of whose runs completed means a scenario that does not work at all, and so does a
+// scale figure that was never measured; each is named on standard error, and the exit status says
+// so, so that the smoke test notices (ENet's rows are empty by design without it). True when there
+// is none.
+bool reportProblems(const Results& results) {
+    std::vector<std::string> problems;
+    for (const auto& entry : results.streams) {
+        if (summarise(entry.second).runs == 0 &&
+            (enetAvailable() || entry.first.compare(0, 4, "enet") != 0)) {
+            problems.push_back("no run of stream " + entry.first + " completed");
+        }
+    }
+    for (const auto& entry : results.roundTrips) {
+        if (summarise(entry.second).runs == 0 &&
+            (enetAvailable() || entry.first.compare(0, 4, "enet") != 0)) {
+            problems.push_back("no run of round trip " + entry.first + " completed");
+        }
+    }
+    if (results.config.runScale) {
+        const std::vector<std::string> scale = scaleProblems(results.scale);
+        problems.insert(problems.end(), scale.begin(), scale.end());
+    }
+    for (const std::string& problem : problems) {
+        std::fprintf(stderr, "tarn-bench: %s\n", problem.c_str());
+    }
+    return problems.empty();
+}
 
 }  // namespace
 
@@ -367,30 +438,7 @@ int main(int argc, char** argv) {
     logCounter.remove();
     tarnDeinit();
 
-    // A series none of whose runs completed means a scenario that does not work at all; say so in
-    // the exit status, so that the smoke test notices (ENet's rows are empty by design without it).
-    std::vector<std::string> broken;
-    for (const auto& entry : results.streams) {
-        if (summarise(entry.second).runs == 0 &&
-            (enetAvailable() || entry.first.compare(0, 4, "enet") != 0)) {
-            broken.push_back("stream " + entry.first);
-        }
-    }
-    for (const auto& entry : results.roundTrips) {
-        if (summarise(entry.second).runs == 0 &&
-            (enetAvailable() || entry.first.compare(0, 4, "enet") != 0)) {
-            broken.push_back("round trip " + entry.first);
-        }
-    }
-    for (const ScaleTransport& transport : results.scale.transports) {
-        if (transport.connected < transport.clients) {
-            broken.push_back("scale " + transport.name);
-        }
-    }
-    for (const std::string& what : broken) {
-        std::fprintf(stderr, "tarn-bench: no run of %s completed\n", what.c_str());
-    }
-
+    const bool complete = reportProblems(results);
     results.machine.loadAtEnd = loadAverage();
     results.totalSeconds = (nowNs() - start) / 1e9;
     if (options.json) {
@@ -406,5 +454,5 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
-    return broken.empty() ? 0 : 3;
+    return complete ? 0 : 3;
 }

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "sockets.h"
+
 namespace bench {
 
 namespace {
@@ -20,33 +22,6 @@ namespace {
 const std::uint32_t kDatagramHeader = 8;
 // A realtime receiver that has heard nothing for this long after the sender finished is done.
 const std::int64_t kIdleEndNs = 300000000;
-
-sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof(address));
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-std::uint16_t localPort(int fd) {
-    sockaddr_in address;
-    socklen_t length = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin_port);
-}
-
-void setOption(int fd, int level, int name, int value) {
-    setsockopt(fd, level, name, &value, sizeof(value));
-}
-
-void setReceiveTimeout(int fd, int milliseconds) {
-    timeval tv;
-    tv.tv_sec = milliseconds / 1000;
-    tv.tv_usec = (milliseconds % 1000) * 1000;
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-}
 
 // A connected pair of TCP sockets on loopback, both with TCP_NODELAY. False when the system refused.
 bool tcpPair(int& client, int& server) {

@@ -118,6 +118,56 @@ std::string rttCells(const RttSummary& s) {
            " | " + format("%.2f", s.cpuPerMillion) + " |";
 }
 
+void writeScaleSetUp(std::ostream& out, const ScaleResult& scale) {
+    out << "### Set-up and idle\n\n"
+        << "| Transport | Pairs up | Set-up s | Handshake ms: mean | p50 | p99 | max | RSS per end (idle) | "
+           "Threads per end | Idle CPU % of one core per 1000 ends |\n"
+        << "|---|---|---|---|---|---|---|---|---|---|\n";
+    for (const ScaleTransport& t : scale.transports) {
+        out << "| " << t.name << " | " << t.connected << "/" << t.clients << " | "
+            << format("%.2f", t.setupSeconds) << " | " << format("%.2f", t.handshakeMeanMs) << " | "
+            << format("%.2f", t.handshakeP50Ms) << " | " << format("%.2f", t.handshakeP99Ms) << " | "
+            << format("%.2f", t.handshakeMaxMs) << " | " << format("%.1f KiB", t.residentPerEnd() / 1024.0)
+            << " | " << format("%.2f", t.threadsPerEnd()) << " | "
+            << format("%.2f", t.idleCpuPercentPer1000Ends()) << " |\n";
+    }
+    out << "\nA handshake runs from connect() until the server end reports connected; the pairs are set up "
+           "one "
+           "after another. Both ends of every pair live in the benchmark process; per-end figures are the "
+           "pair's share divided by two. Idle CPU comes from the process's CPU times in /proc over a quiet "
+           "spell (keep-alives only) after each transport's set-up; the whole process took";
+    for (std::size_t i = 0; i < scale.transports.size(); ++i) {
+        const ScaleTransport& t = scale.transports[i];
+        out << (i == 0 ? " " : ", then ") << format("%.2f", t.idleProcessCpuPercent) << " % of one core over "
+            << format("%.1f", t.idleSeconds) << " s with the " << t.name << " pairs"
+            << (i == 0 ? "" : " added");
+    }
+    out << "; each transport's share is what its spell added.\n\n";
+}
+
+void writeScaleLoad(std::ostream& out, const ScaleResult& scale, const Config& config) {
+    out << "### Under load\n\n"
+        << "| Transport | Round trips/s (expected) | p50 µs | p99 µs | p99.9 µs | Lost | Skipped ticks | "
+           "Dropped |\n"
+        << "|---|---|---|---|---|---|---|---|\n";
+    for (const ScaleTransport& t : scale.transports) {
+        out << "| " << t.name << " | " << format("%.0f", t.roundTripsPerSecond) << " ("
+            << format("%.0f", t.expectedPerSecond) << ") | " << micros(t.p50Us) << " | " << micros(t.p99Us)
+            << " | " << micros(t.p999Us) << " | " << t.lost << " | " << t.skipped << " | " << t.dropped
+            << " |\n";
+    }
+    out << "\nProcess at peak: " << scale.threadsAtPeak << " threads, " << megabytes(scale.residentAtPeak)
+        << " resident. CPU under load: " << format("%.1f", scale.loadCpuPercent) << " % of one core over "
+        << format("%.1f", scale.loadSeconds) << " s. Tear-down: " << format("%.1f", scale.teardownSeconds)
+        << " s.\n";
+    if (scale.loadSeconds > 1.1 * config.scaleSeconds) {
+        out << "The schedule planned for " << format("%.0f", config.scaleSeconds) << " s took "
+            << format("%.1f", scale.loadSeconds)
+            << " s: the calls went out late because the machine could not keep up, so the rates above are "
+               "what it sustained, below the rate asked for.\n";
+    }
+}
+
 void writeScaleMarkdown(std::ostream& out, const ScaleResult& scale, const Config& config) {
     out << "\n## Scale: " << config.scaleClients << " TCP and " << config.scaleClients
         << " EUDP clients on one server, round trips at " << format("%.0f", config.scaleRateHz)
@@ -126,33 +176,8 @@ void writeScaleMarkdown(std::ostream& out, const ScaleResult& scale, const Confi
         out << "Not run" << (scale.note.empty() ? "" : ": " + scale.note) << ".\n";
         return;
     }
-    out << "| Transport | Pairs up | Set-up s | RSS per end | Threads per end | Round trips/s (expected) | "
-           "p50 µs | p99 µs | p99.9 µs | Lost | Skipped ticks | Dropped |\n"
-        << "|---|---|---|---|---|---|---|---|---|---|---|---|\n";
-    for (const ScaleTransport& t : scale.transports) {
-        const double ends = 2.0 * std::max(1, t.connected);
-        out << "| " << t.name << " | " << t.connected << "/" << t.clients << " | "
-            << format("%.1f", t.setupSeconds) << " | "
-            << megabytes(static_cast<std::uint64_t>(t.residentDelta / ends)) << " | "
-            << format("%.2f", t.threadDelta / ends) << " | " << format("%.0f", t.roundTripsPerSecond) << " ("
-            << format("%.0f", t.expectedPerSecond) << ") | " << micros(t.p50Us) << " | " << micros(t.p99Us)
-            << " | " << micros(t.p999Us) << " | " << t.lost << " | " << t.skipped << " | " << t.dropped
-            << " |\n";
-    }
-    out << "\nBoth ends of every pair live in the benchmark process; per-end figures are the pair's share "
-           "divided by two.\n"
-        << "Process at peak: " << scale.threadsAtPeak << " threads, " << megabytes(scale.residentAtPeak)
-        << " resident. CPU under load: " << format("%.1f", scale.loadCpuPercent) << " % of one core over "
-        << format("%.1f", scale.loadSeconds)
-        << " s. Idle (keep-alives only): " << format("%.2f", scale.idleCpuPercent) << " % of one core over "
-        << format("%.1f", scale.idleSeconds) << " s. Tear-down: " << format("%.1f", scale.teardownSeconds)
-        << " s.\n";
-    if (scale.loadSeconds > 1.1 * config.scaleSeconds) {
-        out << "The schedule planned for " << format("%.0f", config.scaleSeconds) << " s took "
-            << format("%.1f", scale.loadSeconds)
-            << " s: the calls went out late because the machine could not keep up, so the rates above are "
-               "what it sustained, below the rate asked for.\n";
-    }
+    writeScaleSetUp(out, scale);
+    writeScaleLoad(out, scale, config);
 }
 
 }  // namespace
@@ -224,23 +249,9 @@ RttSummary summarise(const RttSeries& series) {
     return summary;
 }
 
-void writeMarkdown(std::ostream& out, const Results& results) {
-    const Config& c = results.config;
-    out << "# tarn-bench results\n\n"
-        << "Command: `" << results.command << "`\n\n"
-        << "Machine: " << results.machine.cores << " cores, " << results.machine.cpuModel << ", "
-        << results.machine.kernel << "; load average " << results.machine.loadAtStart << " at the start, "
-        << results.machine.loadAtEnd << " at the end. Run time " << format("%.0f", results.totalSeconds)
-        << " s.\n\n"
-        << "Every figure is the median of " << c.repetitions << " repetition(s); subject and baseline run "
-        << "alternately in the same process on 127.0.0.1. Streams send " << c.streamMessages
-        << " messages per run (at most " << format("%.0f", c.streamTimeLimit)
-        << " s of sending); round trips "
-        << "record " << c.roundTrips << " per run after " << c.warmUp
-        << " unrecorded ones. MB/s counts payload "
-        << "bytes; CPU is user+system seconds of the whole process per million messages delivered (a round "
-        << "trip is two messages).\n";
+namespace {
 
+void writeStreamsMarkdown(std::ostream& out, const Results& results) {
     out << "\n## Streams\n\n"
         << "| Scenario | Payload | Subject | msg/s | MB/s | Loss | CPU s/M | Baseline | msg/s | MB/s | Loss "
            "| "
@@ -259,7 +270,9 @@ void writeMarkdown(std::ostream& out, const Results& results) {
             << (verdict.known ? format("%.2f", verdict.ratio) : "n/a") << " | " << goalText(comparison)
             << " | " << (verdict.known ? (verdict.met ? "yes" : "**no**") : "n/a") << " |\n";
     }
+}
 
+void writeRoundTripsMarkdown(std::ostream& out, const Results& results) {
     out << "\n## Round trips (µs)\n\n"
         << "| Scenario | Subject | p50 | p99 | p99.9 | Lost | CPU s/M | Baseline | p50 | p99 | p99.9 | Lost "
            "| "
@@ -277,34 +290,9 @@ void writeMarkdown(std::ostream& out, const Results& results) {
             << (verdict.known ? format("%.2f", verdict.ratio) : "n/a") << " | " << goalText(comparison)
             << " | " << (verdict.known ? (verdict.met ? "yes" : "**no**") : "n/a") << " |\n";
     }
-
-    if (c.runScale) {
-        writeScaleMarkdown(out, results.scale, c);
-    }
-
-    if (!results.logLines.empty()) {
-        out << "\n## Library log lines during the run\n\n| Count | Line |\n|---|---|\n";
-        for (const auto& line : results.logLines) {
-            out << "| " << line.second << " | `" << line.first << "` |\n";
-        }
-    }
 }
 
-void writeJson(std::ostream& out, const Results& results) {
-    const Config& c = results.config;
-    out << "{\n  \"command\": " << jsonString(results.command) << ",\n"
-        << "  \"machine\": {\"cores\": " << results.machine.cores
-        << ", \"cpu\": " << jsonString(results.machine.cpuModel)
-        << ", \"kernel\": " << jsonString(results.machine.kernel)
-        << ", \"load_start\": " << jsonString(results.machine.loadAtStart)
-        << ", \"load_end\": " << jsonString(results.machine.loadAtEnd) << "},\n"
-        << "  \"config\": {\"quick\": " << (c.quick ? "true" : "false")
-        << ", \"repetitions\": " << c.repetitions << ", \"stream_messages\": " << c.streamMessages
-        << ", \"round_trips\": " << c.roundTrips << ", \"warm_up\": " << c.warmUp
-        << ", \"scale_clients\": " << c.scaleClients << ", \"scale_seconds\": " << jsonNumber(c.scaleSeconds)
-        << "},\n"
-        << "  \"total_seconds\": " << jsonNumber(results.totalSeconds) << ",\n";
-
+void jsonStreams(std::ostream& out, const Results& results) {
     out << "  \"streams\": [";
     bool first = true;
     for (const auto& entry : results.streams) {
@@ -329,8 +317,12 @@ void writeJson(std::ostream& out, const Results& results) {
         out << "]}";
         first = false;
     }
-    out << "\n  ],\n  \"round_trips\": [";
-    first = true;
+    out << "\n  ],\n";
+}
+
+void jsonRoundTrips(std::ostream& out, const Results& results) {
+    out << "  \"round_trips\": [";
+    bool first = true;
     for (const auto& entry : results.roundTrips) {
         const RttSummary s = summarise(entry.second);
         out << (first ? "\n" : ",\n") << "    {\"key\": " << jsonString(entry.first)
@@ -347,8 +339,12 @@ void writeJson(std::ostream& out, const Results& results) {
         out << "]}";
         first = false;
     }
-    out << "\n  ],\n  \"comparisons\": [";
-    first = true;
+    out << "\n  ],\n";
+}
+
+void jsonComparisons(std::ostream& out, const Results& results) {
+    out << "  \"comparisons\": [";
+    bool first = true;
     for (const Comparison& comparison : results.comparisons) {
         const Verdict verdict = judge(results, comparison);
         out << (first ? "\n" : ",\n") << "    {\"scenario\": " << jsonString(comparison.scenario)
@@ -360,35 +356,103 @@ void writeJson(std::ostream& out, const Results& results) {
             << ", \"met\": " << (verdict.known ? (verdict.met ? "true" : "false") : "null") << "}";
         first = false;
     }
-    out << "\n  ],\n  \"scale\": ";
-    const ScaleResult& scale = results.scale;
+    out << "\n  ],\n";
+}
+
+void jsonScaleTransport(std::ostream& out, const ScaleTransport& t) {
+    out << "{\"name\": " << jsonString(t.name) << ", \"clients\": " << t.clients
+        << ", \"connected\": " << t.connected << ", \"setup_seconds\": " << jsonNumber(t.setupSeconds)
+        << ", \"handshake_mean_ms\": " << jsonNumber(t.handshakeMeanMs)
+        << ", \"handshake_p50_ms\": " << jsonNumber(t.handshakeP50Ms)
+        << ", \"handshake_p99_ms\": " << jsonNumber(t.handshakeP99Ms)
+        << ", \"handshake_max_ms\": " << jsonNumber(t.handshakeMaxMs)
+        << ", \"rss_delta\": " << t.residentDelta << ", \"rss_per_end\": " << jsonNumber(t.residentPerEnd())
+        << ", \"thread_delta\": " << t.threadDelta
+        << ", \"threads_per_end\": " << jsonNumber(t.threadsPerEnd())
+        << ", \"idle_seconds\": " << jsonNumber(t.idleSeconds)
+        << ", \"idle_process_cpu_pct\": " << jsonNumber(t.idleProcessCpuPercent)
+        << ", \"idle_cpu_pct\": " << jsonNumber(t.idleCpuPercent)
+        << ", \"idle_cpu_pct_per_1000_ends\": " << jsonNumber(t.idleCpuPercentPer1000Ends())
+        << ", \"completed\": " << t.completed << ", \"lost\": " << t.lost << ", \"skipped\": " << t.skipped
+        << ", \"dropped\": " << t.dropped << ", \"rate\": " << jsonNumber(t.roundTripsPerSecond)
+        << ", \"expected_rate\": " << jsonNumber(t.expectedPerSecond)
+        << ", \"p50_us\": " << jsonNumber(t.p50Us) << ", \"p99_us\": " << jsonNumber(t.p99Us)
+        << ", \"p999_us\": " << jsonNumber(t.p999Us) << "}";
+}
+
+void jsonScale(std::ostream& out, const ScaleResult& scale) {
+    out << "  \"scale\": ";
     if (!scale.ran) {
-        out << "null";
-    } else {
-        out << "{\"load_seconds\": " << jsonNumber(scale.loadSeconds)
-            << ", \"load_cpu_pct\": " << jsonNumber(scale.loadCpuPercent)
-            << ", \"idle_seconds\": " << jsonNumber(scale.idleSeconds)
-            << ", \"idle_cpu_pct\": " << jsonNumber(scale.idleCpuPercent)
-            << ", \"threads_at_peak\": " << scale.threadsAtPeak
-            << ", \"rss_at_peak\": " << scale.residentAtPeak
-            << ", \"teardown_seconds\": " << jsonNumber(scale.teardownSeconds) << ", \"transports\": [";
-        for (std::size_t i = 0; i < scale.transports.size(); ++i) {
-            const ScaleTransport& t = scale.transports[i];
-            out << (i == 0 ? "" : ", ") << "{\"name\": " << jsonString(t.name)
-                << ", \"clients\": " << t.clients << ", \"connected\": " << t.connected
-                << ", \"setup_seconds\": " << jsonNumber(t.setupSeconds)
-                << ", \"rss_delta\": " << t.residentDelta << ", \"thread_delta\": " << t.threadDelta
-                << ", \"completed\": " << t.completed << ", \"lost\": " << t.lost
-                << ", \"skipped\": " << t.skipped << ", \"dropped\": " << t.dropped
-                << ", \"rate\": " << jsonNumber(t.roundTripsPerSecond)
-                << ", \"expected_rate\": " << jsonNumber(t.expectedPerSecond)
-                << ", \"p50_us\": " << jsonNumber(t.p50Us) << ", \"p99_us\": " << jsonNumber(t.p99Us)
-                << ", \"p999_us\": " << jsonNumber(t.p999Us) << "}";
-        }
-        out << "]}";
+        out << "null,\n";
+        return;
     }
-    out << ",\n  \"log_lines\": {";
-    first = true;
+    out << "{\"load_seconds\": " << jsonNumber(scale.loadSeconds)
+        << ", \"load_cpu_pct\": " << jsonNumber(scale.loadCpuPercent)
+        << ", \"threads_at_peak\": " << scale.threadsAtPeak << ", \"rss_at_peak\": " << scale.residentAtPeak
+        << ", \"teardown_seconds\": " << jsonNumber(scale.teardownSeconds) << ", \"transports\": [";
+    for (std::size_t i = 0; i < scale.transports.size(); ++i) {
+        out << (i == 0 ? "" : ", ");
+        jsonScaleTransport(out, scale.transports[i]);
+    }
+    out << "]},\n";
+}
+
+}  // namespace
+
+void writeMarkdown(std::ostream& out, const Results& results) {
+    const Config& c = results.config;
+    out << "# tarn-bench results\n\n"
+        << "Command: `" << results.command << "`\n\n"
+        << "Machine: " << results.machine.cores << " cores, " << results.machine.cpuModel << ", "
+        << results.machine.kernel << "; load average " << results.machine.loadAtStart << " at the start, "
+        << results.machine.loadAtEnd << " at the end. Run time " << format("%.0f", results.totalSeconds)
+        << " s.\n\n"
+        << "Every figure is the median of " << c.repetitions << " repetition(s); subject and baseline run "
+        << "alternately in the same process on 127.0.0.1. Streams send " << c.streamMessages
+        << " messages per run (at most " << format("%.0f", c.streamTimeLimit)
+        << " s of sending); round trips "
+        << "record " << c.roundTrips << " per run after " << c.warmUp
+        << " unrecorded ones. MB/s counts payload "
+        << "bytes; CPU is user+system seconds of the whole process per million messages delivered (a round "
+        << "trip is two messages).\n";
+    if (c.runStreams) {
+        writeStreamsMarkdown(out, results);
+    }
+    if (c.runRoundTrips) {
+        writeRoundTripsMarkdown(out, results);
+    }
+    if (c.runScale) {
+        writeScaleMarkdown(out, results.scale, c);
+    }
+    if (!results.logLines.empty()) {
+        out << "\n## Library log lines during the run\n\n| Count | Line |\n|---|---|\n";
+        for (const auto& line : results.logLines) {
+            out << "| " << line.second << " | `" << line.first << "` |\n";
+        }
+    }
+}
+
+void writeJson(std::ostream& out, const Results& results) {
+    const Config& c = results.config;
+    out << "{\n  \"command\": " << jsonString(results.command) << ",\n"
+        << "  \"machine\": {\"cores\": " << results.machine.cores
+        << ", \"cpu\": " << jsonString(results.machine.cpuModel)
+        << ", \"kernel\": " << jsonString(results.machine.kernel)
+        << ", \"load_start\": " << jsonString(results.machine.loadAtStart)
+        << ", \"load_end\": " << jsonString(results.machine.loadAtEnd) << "},\n"
+        << "  \"config\": {\"quick\": " << (c.quick ? "true" : "false")
+        << ", \"repetitions\": " << c.repetitions << ", \"stream_messages\": " << c.streamMessages
+        << ", \"round_trips\": " << c.roundTrips << ", \"warm_up\": " << c.warmUp
+        << ", \"scale_clients\": " << c.scaleClients << ", \"scale_seconds\": " << jsonNumber(c.scaleSeconds)
+        << ", \"scale_idle_seconds\": " << jsonNumber(c.scaleIdleSeconds)
+        << ", \"scale_rate_hz\": " << jsonNumber(c.scaleRateHz) << "},\n"
+        << "  \"total_seconds\": " << jsonNumber(results.totalSeconds) << ",\n";
+    jsonStreams(out, results);
+    jsonRoundTrips(out, results);
+    jsonComparisons(out, results);
+    jsonScale(out, results.scale);
+    out << "  \"log_lines\": {";
+    bool first = true;
     for (const auto& line : results.logLines) {
         out << (first ? "" : ", ") << jsonString(line.first) << ": " << line.second;
         first = false;

@@ -89,12 +89,31 @@ struct Side {
     std::vector<Answerer*> answerers;
 };
 
+// Handshake times are kept in microseconds, so that percentileUs reads them in milliseconds.
+void summariseHandshakes(std::vector<std::uint32_t> micros, ScaleTransport& out) {
+    if (micros.empty()) {
+        return;
+    }
+    std::sort(micros.begin(), micros.end());
+    double sum = 0;
+    for (std::uint32_t us : micros) {
+        sum += us;
+    }
+    out.handshakeMeanMs = sum / 1000.0 / static_cast<double>(micros.size());
+    out.handshakeP50Ms = percentileUs(micros, 0.50);
+    out.handshakeP99Ms = percentileUs(micros, 0.99);
+    out.handshakeMaxMs = micros.back() / 1000.0;
+}
+
+// Sets the pairs up one after another; a pair is up once the server end has reported connected.
 void connectAll(TarnServer& server, ETransport transport, Side& side, int count) {
     const std::uint64_t residentBefore = residentBytes();
     const int threadsBefore = threadCount();
     const std::int64_t start = nowNs();
+    std::vector<std::uint32_t> handshakes;
     int failuresInARow = 0;
     for (int i = 0; i < count && failuresInARow < 10; ++i) {
+        const std::int64_t began = nowNs();
         std::unique_ptr<ScaleClient> client(new ScaleClient(&side.recorder));
         TARNConnection* connection = new TARNConnection(transport);
         client->m_pConnection = connection;
@@ -108,6 +127,7 @@ void connectAll(TarnServer& server, ETransport transport, Side& side, int count)
             ++failuresInARow;
             continue;
         }
+        handshakes.push_back(static_cast<std::uint32_t>((nowNs() - began) / 1000));
         failuresInARow = 0;
         side.connections.push_back(Owned{accepted.connection, &accepted.answerer->end()});
         side.answerers.push_back(accepted.answerer);
@@ -118,8 +138,21 @@ void connectAll(TarnServer& server, ETransport transport, Side& side, int count)
     }
     side.result.setupSeconds = (nowNs() - start) / 1e9;
     side.result.connected = static_cast<int>(side.clients.size());
-    side.result.residentDelta = residentBytes() - residentBefore;
+    side.result.residentDelta =
+        static_cast<std::int64_t>(residentBytes()) - static_cast<std::int64_t>(residentBefore);
     side.result.threadDelta = threadCount() - threadsBefore;
+    summariseHandshakes(std::move(handshakes), side.result);
+}
+
+// The process's CPU over an idle spell of `seconds`, in % of one core, after a short pause in
+// which the last set-up's traffic dies down.
+double idleSpell(double seconds, double& measuredSeconds) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(1.0, seconds / 2)));
+    const double cpuStart = procCpuSeconds();
+    const std::int64_t start = nowNs();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    measuredSeconds = (nowNs() - start) / 1e9;
+    return 100.0 * (procCpuSeconds() - cpuStart) / measuredSeconds;
 }
 
 // Every client fires once per period, spread evenly over the period; runs until `seconds` passed.
@@ -154,36 +187,34 @@ void drive(std::vector<Side*>& sides, double rateHz, double seconds, std::vector
     }
 }
 
-}  // namespace
-
-ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config& config) {
-    ScaleResult result;
-    raiseSoftLimits();
-    Side tcp;
-    Side eudp;
-    tcp.result.name = "TCP";
-    eudp.result.name = "EUDP";
-    tcp.result.clients = eudp.result.clients = config.scaleClients;
-
-    std::fprintf(stderr, "  scale: connecting %d TCP clients\n", config.scaleClients);
+// Each transport's pairs, then an idle spell: TCP's first, while no EUDP pair exists, so that the
+// EUDP ends' share is what their spell adds to it.
+void setUp(TarnServer& tcpServer, TarnServer& eudpServer, Side& tcp, Side& eudp, const Config& config) {
+    std::fprintf(stderr, "  scale: connecting %d TCP clients, then %.0f s idle\n", config.scaleClients,
+                 config.scaleIdleSeconds);
     connectAll(tcpServer, eTransportTCP, tcp, config.scaleClients);
-    std::fprintf(stderr, "  scale: connecting %d EUDP clients\n", config.scaleClients);
-    connectAll(eudpServer, eTransportEUDP, eudp, config.scaleClients);
-    result.threadsAtPeak = threadCount();
-    result.residentAtPeak = residentBytes();
+    tcp.result.idleProcessCpuPercent = idleSpell(config.scaleIdleSeconds, tcp.result.idleSeconds);
+    tcp.result.idleCpuPercent = tcp.result.idleProcessCpuPercent;
 
-    std::vector<Side*> sides{&tcp, &eudp};
-    std::vector<std::uint64_t> skipped(2, 0);
-    std::vector<std::uint64_t> lost(2, 0);
+    std::fprintf(stderr, "  scale: connecting %d EUDP clients, then %.0f s idle\n", config.scaleClients,
+                 config.scaleIdleSeconds);
+    connectAll(eudpServer, eTransportEUDP, eudp, config.scaleClients);
+    eudp.result.idleProcessCpuPercent = idleSpell(config.scaleIdleSeconds, eudp.result.idleSeconds);
+    eudp.result.idleCpuPercent = eudp.result.idleProcessCpuPercent - tcp.result.idleProcessCpuPercent;
+}
+
+void load(std::vector<Side*>& sides, const Config& config, ScaleResult& result) {
+    std::vector<std::uint64_t> skipped(sides.size(), 0);
+    std::vector<std::uint64_t> lost(sides.size(), 0);
     std::fprintf(stderr, "  scale: %.0f s of round trips at %.0f Hz per client\n", config.scaleSeconds,
                  config.scaleRateHz);
-    double cpuStart = processCpuSeconds();
-    std::int64_t start = nowNs();
+    const double cpuStart = processCpuSeconds();
+    const std::int64_t start = nowNs();
     drive(sides, config.scaleRateHz, config.scaleSeconds, skipped, lost);
     result.loadSeconds = (nowNs() - start) / 1e9;
     result.loadCpuPercent = 100.0 * (processCpuSeconds() - cpuStart) / result.loadSeconds;
 
-    // Answers still on their way belong to the load; then only keep-alives remain.
+    // Answers still on their way belong to the load.
     std::this_thread::sleep_for(std::chrono::seconds(1));
     for (std::size_t s = 0; s < sides.size(); ++s) {
         ScaleTransport& out = sides[s]->result;
@@ -198,21 +229,16 @@ ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config
         out.p99Us = percentileUs(samples, 0.99);
         out.p999Us = percentileUs(samples, 0.999);
     }
+}
 
-    std::fprintf(stderr, "  scale: %.0f s idle\n", config.scaleIdleSeconds);
-    cpuStart = processCpuSeconds();
-    start = nowNs();
-    std::this_thread::sleep_for(std::chrono::duration<double>(config.scaleIdleSeconds));
-    result.idleSeconds = (nowNs() - start) / 1e9;
-    result.idleCpuPercent = 100.0 * (processCpuSeconds() - cpuStart) / result.idleSeconds;
-
+void tearDown(std::vector<Side*>& sides, ScaleResult& result) {
     for (Side* side : sides) {
         for (auto& client : side->clients) {
             side->result.dropped += client->m_end.ended() ? 1 : 0;
         }
     }
     std::fprintf(stderr, "  scale: closing\n");
-    start = nowNs();
+    const std::int64_t start = nowNs();
     std::vector<Owned> connections;
     std::vector<Answerer*> answerers;
     for (Side* side : sides) {
@@ -221,10 +247,68 @@ ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config
     }
     closeAll(connections, answerers, 256);
     result.teardownSeconds = (nowNs() - start) / 1e9;
+}
+
+}  // namespace
+
+double ScaleTransport::residentPerEnd() const {
+    return ends() > 0 ? static_cast<double>(residentDelta) / ends() : 0;
+}
+
+double ScaleTransport::threadsPerEnd() const {
+    return ends() > 0 ? static_cast<double>(threadDelta) / ends() : 0;
+}
+
+double ScaleTransport::idleCpuPercentPer1000Ends() const {
+    return ends() > 0 ? idleCpuPercent * 1000.0 / ends() : 0;
+}
+
+ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config& config) {
+    ScaleResult result;
+    raiseSoftLimits();
+    Side tcp;
+    Side eudp;
+    tcp.result.name = "TCP";
+    eudp.result.name = "EUDP";
+    tcp.result.clients = eudp.result.clients = config.scaleClients;
+    setUp(tcpServer, eudpServer, tcp, eudp, config);
+    result.threadsAtPeak = threadCount();
+    result.residentAtPeak = residentBytes();
+
+    std::vector<Side*> sides{&tcp, &eudp};
+    load(sides, config, result);
+    tearDown(sides, result);
     result.transports.push_back(tcp.result);
     result.transports.push_back(eudp.result);
     result.ran = true;
     return result;
+}
+
+std::vector<std::string> scaleProblems(const ScaleResult& result) {
+    std::vector<std::string> problems;
+    if (!result.ran) {
+        problems.push_back("the scale scenario did not run");
+    }
+    for (const ScaleTransport& t : result.transports) {
+        const std::string what = "scale " + t.name + ": ";
+        if (t.connected < t.clients) {
+            problems.push_back(what + std::to_string(t.connected) + " of " + std::to_string(t.clients) +
+                               " pairs up");
+        }
+        if (t.handshakeMeanMs <= 0) {
+            problems.push_back(what + "no handshake times");
+        }
+        if (t.threadDelta <= 0) {
+            problems.push_back(what + "no threads counted for its connections");
+        }
+        if (t.idleSeconds <= 0) {
+            problems.push_back(what + "no idle spell measured");
+        }
+        if (t.completed == 0 || t.p50Us <= 0) {
+            problems.push_back(what + "no round trip completed under load");
+        }
+    }
+    return problems;
 }
 
 }  // namespace bench
