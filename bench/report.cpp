@@ -178,6 +178,12 @@ void writeScaleMarkdown(std::ostream& out, const ScaleResult& scale, const Confi
     }
     writeScaleSetUp(out, scale);
     writeScaleLoad(out, scale, config);
+    out << "\n### Goals\n\n| Goal | Figure | Met |\n|---|---|---|\n";
+    for (const ScaleGoal& goal : scaleGoals(scale)) {
+        out << "| " << goal.what << (goal.strict ? " < " : " ≤ ") << format("%g", goal.bound) << " "
+            << goal.unit << " | " << format("%.2f", goal.figure) << " " << goal.unit << " | "
+            << (goal.met() ? "yes" : "**no**") << " |\n";
+    }
 }
 
 }  // namespace
@@ -393,6 +399,15 @@ void jsonScale(std::ostream& out, const ScaleResult& scale) {
     for (std::size_t i = 0; i < scale.transports.size(); ++i) {
         out << (i == 0 ? "" : ", ");
         jsonScaleTransport(out, scale.transports[i]);
+    }
+    out << "], \"goals\": [";
+    const std::vector<ScaleGoal> goals = scaleGoals(scale);
+    for (std::size_t i = 0; i < goals.size(); ++i) {
+        out << (i == 0 ? "" : ", ") << "{\"goal\": " << jsonString(goals[i].what)
+            << ", \"unit\": " << jsonString(goals[i].unit) << ", \"figure\": " << jsonNumber(goals[i].figure)
+            << ", \"bound\": " << jsonNumber(goals[i].bound)
+            << ", \"strict\": " << (goals[i].strict ? "true" : "false")
+            << ", \"met\": " << (goals[i].met() ? "true" : "false") << "}";
     }
     out << "]},\n";
 }

@@ -284,6 +284,23 @@ ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config
     return result;
 }
 
+std::vector<ScaleGoal> scaleGoals(const ScaleResult& result) {
+    std::vector<ScaleGoal> goals;
+    for (const ScaleTransport& t : result.transports) {
+        if (t.name == "EUDP") {
+            goals.push_back(
+                ScaleGoal{"EUDP resident memory per idle end", "KiB", t.residentPerEnd() / 1024.0, 64});
+            goals.push_back(ScaleGoal{"EUDP set-up per handshake (mean)", "ms", t.handshakeMeanMs, 1});
+            goals.push_back(
+                ScaleGoal{"EUDP idle CPU per 1000 ends", "% of one core", t.idleCpuPercentPer1000Ends(), 1});
+        }
+    }
+    for (const ScaleTransport& t : result.transports) {
+        goals.push_back(ScaleGoal{t.name + " p99 round trip under load", "ms", t.p99Us / 1000.0, 5, true});
+    }
+    return goals;
+}
+
 std::vector<std::string> scaleProblems(const ScaleResult& result) {
     std::vector<std::string> problems;
     if (!result.ran) {

@@ -62,6 +62,18 @@ struct ScaleResult {
 
 ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config& config);
 
+// A bound that a scale figure is held to: met when the figure is at most the bound (below it, when
+// `strict`).
+struct ScaleGoal {
+    std::string what;  // e.g. "EUDP resident memory per idle end"
+    std::string unit;
+    double figure = 0;
+    double bound = 0;
+    bool strict = false;
+    bool met() const { return strict ? figure < bound : figure <= bound; }
+};
+std::vector<ScaleGoal> scaleGoals(const ScaleResult& result);
+
 // What makes a scale result unusable (a transport whose pairs did not all come up, or a figure
 // that was never measured); empty when every figure is there.
 std::vector<std::string> scaleProblems(const ScaleResult& result);
