@@ -3,7 +3,8 @@
 // One object is one endpoint. A listening object binds the well-known port and only hands out new
 // per-peer objects from accept(): each answers its client's CON from a port of its own. A connected
 // object (client after connect(), server as returned by accept()) owns its socket, a sender thread,
-// a receiver thread, two rings of 1000 preallocated packets and two liveness timers.
+// a receiver thread, two rings of 1000 packets (room reserved at construction, memory taken as
+// slots are first used) and two liveness timers.
 //
 // Data datagrams are numbered modulo 65535. Each direction runs realtime (sent once, gaps skipped)
 // or reliable (window of unacknowledged datagrams, NAK and go-back resend after 500 ms); modes and
@@ -17,7 +18,9 @@
 #define TARN_EUDPTRANSPORT_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <new>
 
 #include <eudppacket.h>
 #include <itarntransport.h>
@@ -58,22 +61,55 @@ private:
     std::atomic<std::int32_t> m_modulus;
 };
 
+// Raw storage for a ring's slots: zero-filled pages that the system hands out only when they are
+// first touched, so that a slot that was never written costs no memory. Null when the system
+// refuses the mapping.
+class TARN_EXPORT RingStorage {
+public:
+    static void* allocate(std::size_t bytes);
+    static void release(void* pStorage, std::size_t bytes);
+};
+
 // Fixed-capacity circular queue of values; capacity N holds N - 1 entries. Takes no lock: its owner
 // guards it. The two indices are relaxed atomics because the sender thread asks isEmpty() without
 // the owner's lock; everything else about them goes through the owner's mutex.
+//
+// m_pBuffer holds room for all N elements from construction on, but an element is default-
+// constructed only when its slot is first reached: written by push(), or read by front() or at()
+// before anything was written there (it reads as a default value then). Slots are reached in index
+// order from 0, so the constructed ones are always the first m_constructed; once the write index
+// has gone round, all of them are. A queue of idle connections therefore holds no pages for its
+// unused slots.
 template <class T>
 class RingBuffer {
 public:
     explicit RingBuffer(std::uint32_t capacity)
-        : m_capacity(capacity), m_read(0), m_write(0), m_pBuffer(new T[capacity]) {}
-    virtual ~RingBuffer() { delete[] m_pBuffer; }
+        : m_capacity(capacity),
+          m_read(0),
+          m_write(0),
+          m_pBuffer(static_cast<T*>(RingStorage::allocate(sizeof(T) * capacity))),
+          m_constructed(0) {}
+    virtual ~RingBuffer() {
+        for (std::uint32_t i = 0; i < m_constructed; ++i) {
+            m_pBuffer[i].~T();
+        }
+        RingStorage::release(m_pBuffer, sizeof(T) * m_capacity);
+    }
     RingBuffer(const RingBuffer&) = delete;
     RingBuffer& operator=(const RingBuffer&) = delete;
 
     bool push(const T& item);
     bool isEmpty() const { return readIndex() == writeIndex(); }
     bool isFull() const { return (writeIndex() + 1) % m_capacity == readIndex(); }
-    T& front() { return m_pBuffer[readIndex()]; }
+    T& front() { return at(readIndex()); }
+    // The slot at `index`, as it stands (a default value if it was never written).
+    T& at(std::uint32_t index) {
+        while (m_constructed <= index) {
+            new (static_cast<void*>(m_pBuffer + m_constructed)) T();
+            ++m_constructed;
+        }
+        return m_pBuffer[index];
+    }
     void pop() {
         if (!isEmpty()) {
             m_read.store((readIndex() + 1) % m_capacity, std::memory_order_relaxed);
@@ -82,11 +118,16 @@ public:
     std::uint32_t next(std::uint32_t index) const { return (index + 1) % m_capacity; }
     std::uint32_t readIndex() const { return m_read.load(std::memory_order_relaxed); }
     std::uint32_t writeIndex() const { return m_write.load(std::memory_order_relaxed); }
+    // How many slots, from index 0 on, hold a constructed element.
+    std::uint32_t constructedCount() const { return m_constructed; }
 
     std::uint32_t m_capacity;
     std::atomic<std::uint32_t> m_read;   // oldest entry
     std::atomic<std::uint32_t> m_write;  // next free slot
     T* m_pBuffer;
+
+private:
+    std::uint32_t m_constructed;  // guarded like the slots, by the owner's lock
 };
 
 template <class T>
@@ -94,7 +135,7 @@ bool RingBuffer<T>::push(const T& item) {
     if (isFull()) {
         return false;
     }
-    m_pBuffer[writeIndex()] = item;
+    at(writeIndex()) = item;
     m_write.store((writeIndex() + 1) % m_capacity, std::memory_order_relaxed);
     return true;
 }

@@ -73,7 +73,7 @@ static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint
         if (static_cast<std::int32_t>(unacked.load()) >= static_cast<std::int32_t>(windowSize.load())) {
             return false;
         }
-        EUDPPacket& packet = ring.m_pBuffer[index];
+        EUDPPacket& packet = ring.at(index);
         std::int32_t word = static_cast<std::int32_t>(packet.getValue());
         if (ModuloValue::distance(word, lastSent.getValue()) > 0) {
             pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), address, port);

@@ -3,6 +3,8 @@
 // negotiation in eudpnegotiation.cpp, supervision in eudptimers.cpp.
 #include <eudptransport.h>
 
+#include <sys/mman.h>
+
 #include <new>
 
 using Corvane::Utilities::Logging::ELogLevel;
@@ -55,6 +57,22 @@ std::int32_t ModuloValue::distance(std::int32_t a, std::int32_t b) {
         d -= 65535;
     }
     return d;
+}
+
+// ---- ring storage -------------------------------------------------------------------------------
+
+// An anonymous private mapping: its pages are zero and cost nothing until first touched, whatever
+// the allocator did with the memory of rings freed before (a heap block would hand back pages an
+// earlier ring had already filled).
+void* RingStorage::allocate(std::size_t bytes) {
+    void* pStorage = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return pStorage == MAP_FAILED ? nullptr : pStorage;
+}
+
+void RingStorage::release(void* pStorage, std::size_t bytes) {
+    if (pStorage != nullptr) {
+        ::munmap(pStorage, bytes);
+    }
 }
 
 // ---- threads ------------------------------------------------------------------------------------

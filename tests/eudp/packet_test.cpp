@@ -1,5 +1,9 @@
 // EUDP datagrams, sequence numbers and the packet ring, without sockets.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstring>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +14,22 @@ using Corvane::Utilities::Logging::eWarning;
 using testsupport::LogCapture;
 
 namespace {
+
+// Pages of the ring's storage that the system has handed out.
+std::size_t residentPages(const RingBuffer<EUDPPacket>& ring) {
+    const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const std::size_t bytes = sizeof(EUDPPacket) * ring.m_capacity;
+    std::vector<unsigned char> resident((bytes + page - 1) / page);
+    if (::mincore(ring.m_pBuffer, bytes, resident.data()) != 0) {
+        ADD_FAILURE() << "mincore failed";
+        return 0;
+    }
+    std::size_t count = 0;
+    for (unsigned char flags : resident) {
+        count += flags & 1;
+    }
+    return count;
+}
 
 const char* const kWrongVersion = "TARN/EUDP: packet validation failed: wrong version";
 const char* const kTooShort = "TARN/EUDP: packet validation failed: header too short";
@@ -250,6 +270,74 @@ TEST(RingBuffer, CapacityThousandHoldsNineHundredNinetyNine) {
     EXPECT_EQ(1u, ring.front().getValue());
     EXPECT_TRUE(ring.push(packet));
     EXPECT_EQ(0u, ring.writeIndex());  // wrapped
+}
+
+TEST(RingBuffer, SlotsCostNothingUntilFirstUsed) {
+    RingBuffer<EUDPPacket> ring(1000);
+    ASSERT_NE(nullptr, ring.m_pBuffer);
+    EXPECT_EQ(0u, ring.constructedCount());
+    EXPECT_EQ(0u, residentPages(ring));
+
+    EUDPPacket packet(CMD);
+    packet.setData(reinterpret_cast<const unsigned char*>("abc"), 3);
+    ASSERT_TRUE(ring.push(packet));
+    EXPECT_EQ(1u, ring.constructedCount());
+    EXPECT_LE(residentPages(ring), 1u);  // the first slot lies within the first page
+
+    for (int i = 0; i < 9; ++i) {
+        ring.pop();
+        ASSERT_TRUE(ring.push(packet));
+    }
+    EXPECT_EQ(10u, ring.constructedCount());
+    const std::size_t tenSlots = (10 * sizeof(EUDPPacket) + 4095) / 4096 + 1;
+    EXPECT_LE(residentPages(ring), tenSlots);
+}
+
+TEST(RingBuffer, NeverWrittenSlotReadsAsDefaultPacket) {
+    RingBuffer<EUDPPacket> ring(1000);
+    EUDPPacket& slot = ring.front();
+    EXPECT_EQ(1u, ring.constructedCount());
+    EXPECT_EQ(slot.m_buffer, slot.m_pHeader);
+    EXPECT_EQ(8u, slot.m_length);
+    EXPECT_EQ(1, slot.m_buffer[0]);
+    EXPECT_EQ(NOP, slot.getCommand());
+    EXPECT_EQ(0u, slot.getValue());
+    EXPECT_TRUE(ring.isEmpty());
+
+    // Reading a slot further on constructs the ones before it as well, so that the constructed
+    // slots stay the first ones.
+    EUDPPacket& later = ring.at(5);
+    EXPECT_EQ(6u, ring.constructedCount());
+    EXPECT_EQ(8u, later.m_length);
+    EXPECT_EQ(ring.m_pBuffer + 3, &ring.at(3));
+    EXPECT_EQ(ring.m_pBuffer[3].m_buffer, ring.m_pBuffer[3].m_pHeader);
+}
+
+TEST(RingBuffer, WrittenSlotKeepsItsPacketAfterPushOverConstructedSlot) {
+    RingBuffer<EUDPPacket> ring(4);
+    (void)ring.at(2);  // slots 0 to 2 read before they were written
+    EUDPPacket packet(CMD);
+    packet.setValue(7);
+    packet.setData(reinterpret_cast<const unsigned char*>("xy"), 2);
+    ASSERT_TRUE(ring.push(packet));
+    EXPECT_EQ(3u, ring.constructedCount());
+    EXPECT_EQ(7u, ring.front().getValue());
+    EXPECT_EQ(10u, ring.front().m_length);
+    EXPECT_EQ(0, std::memcmp(ring.front().m_pHeader + 8, "xy", 2));
+}
+
+TEST(RingBuffer, ReadSlotAfterAFullLapHoldsThePacketWrittenALapBefore) {
+    RingBuffer<EUDPPacket> ring(1000);
+    EUDPPacket packet(CMD);
+    for (std::uint32_t i = 0; i < 1000; ++i) {
+        packet.setValue(i);
+        ASSERT_TRUE(ring.push(packet));
+        ring.pop();
+    }
+    EXPECT_TRUE(ring.isEmpty());
+    EXPECT_EQ(0u, ring.readIndex());
+    EXPECT_EQ(1000u, ring.constructedCount());
+    EXPECT_EQ(0u, ring.front().getValue());  // as it stands: the first packet, a lap ago
 }
 
 TEST(RingBuffer, PopOnEmptyDoesNothing) {

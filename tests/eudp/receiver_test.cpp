@@ -341,6 +341,28 @@ TEST(EUDPReceiver, SmallBufferKeepsMessageUntilNextDelivery) {
     EXPECT_EQ(1u, EUDPTransportTest::receiveQueued(*peer.server));
 }
 
+// A count without a packet (only a failed push would leave one) reads the slot at the read index as
+// it stands and does not consume it: an empty message when that slot was never written, otherwise
+// the message that was written there a lap of the ring before.
+TEST(EUDPReceiver, CountWithoutPacketReadsTheSlotAsItStands) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    EUDPTransportTest::receiveSem(*peer.server).give();
+    EXPECT_EQ("", receiveText(*peer.server));
+    EXPECT_EQ(0u, EUDPTransportTest::receiveBuffer(*peer.server).readIndex());
+
+    for (std::uint32_t i = 1; i <= EUDPTransport::RING_CAPACITY; ++i) {
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", i, bytesOf("m" + std::to_string(i)))));
+        ASSERT_EQ("m" + std::to_string(i), receiveText(*peer.server));
+    }
+    EXPECT_EQ(0u, EUDPTransportTest::receiveBuffer(*peer.server).readIndex());
+    EUDPTransportTest::receiveSem(*peer.server).give();
+    EXPECT_EQ("m1", receiveText(*peer.server));
+    EUDPTransportTest::receiveSem(*peer.server).give();
+    EXPECT_EQ("m1", receiveText(*peer.server));  // not consumed
+    EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
+}
+
 TEST(EUDPReceiver, EmptyDataIsAnsweredNotDelivered) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open());
