@@ -216,6 +216,11 @@ private:
     // A line on `level` that already carries the "TARN/EUDP[<id>]: " prefix.
     Corvane::Utilities::Logging::LogStream logLine(Corvane::Utilities::Logging::ELogLevel level) const;
 
+    // sendData's parts, with m_sendMutex held; both give it back. refuseClosedLocked logs the
+    // refusal and answers false; queueLocked numbers the message and sends or queues it.
+    bool refuseClosedLocked();
+    void queueLocked(const uint8* data, uint length);
+
     // The receiver thread's handling of one valid datagram, by command.
     void handleAck(std::int32_t seq, uint16 fromPort);
     void handleNak(std::int32_t seq);
@@ -264,6 +269,9 @@ private:
     // Set by the destructor: a sendData blocked on a full ring gives up as if closed, so that the
     // keep-alive callback (or an application thread) waiting there cannot hold up the destruction.
     std::atomic<bool> m_bDestroying;
+    // Raised while the sender thread runs its loop: only then may sendData send a realtime
+    // datagram itself instead of queueing it for that thread.
+    std::atomic<bool> m_bSenderActive;
 };
 
 #endif  // TARN_EUDPTRANSPORT_H

@@ -10,6 +10,18 @@ using Corvane::Utilities::Logging::eError;
 // once; sal::UdpSocket sends each datagram whole from any number of threads.
 namespace {
 const unsigned int ACK_WAIT_MS = 500;
+
+// Raised while the sender thread's loop runs.
+class ActiveFlag {
+public:
+    explicit ActiveFlag(std::atomic<bool>& flag) : m_flag(flag) { m_flag.store(true); }
+    ~ActiveFlag() { m_flag.store(false); }
+    ActiveFlag(const ActiveFlag&) = delete;
+    ActiveFlag& operator=(const ActiveFlag&) = delete;
+
+private:
+    std::atomic<bool>& m_flag;
+};
 }  // namespace
 
 bool EUDPTransport::sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port) {
@@ -34,12 +46,7 @@ bool EUDPTransport::sendData(const uint8* data, uint length) {
     m_sendMutex.take();
     for (;;) {
         if (m_bClosed.load() || m_bDestroying.load()) {
-            logLine(eDebug) << "trying to send, but connection closed";
-            if (m_bDestroying.load()) {
-                m_sendSpaceSem.give();  // pass the destructor's wake-up on to the next waiter
-            }
-            m_sendMutex.give();
-            return false;
+            return refuseClosedLocked();
         }
         if (!m_sendBuffer.isFull()) {
             break;
@@ -49,19 +56,49 @@ bool EUDPTransport::sendData(const uint8* data, uint length) {
         m_sendSpaceSem.take();
         m_sendMutex.take();
     }
+    queueLocked(data, length);
+    return true;
+}
 
+bool EUDPTransport::refuseClosedLocked() {
+    logLine(eDebug) << "trying to send, but connection closed";
+    if (m_bDestroying.load()) {
+        m_sendSpaceSem.give();  // pass the destructor's wake-up on to the next waiter
+    }
+    m_sendMutex.give();
+    return false;
+}
+
+void EUDPTransport::queueLocked(const uint8* data, uint length) {
     // The number is taken before the payload is set, so a refused payload still uses one up and
     // goes out empty.
     EUDPPacket packet(CMD);
     packet.setValue(static_cast<std::uint32_t>(m_sendSeq.getValue()));
     m_sendSeq.advance();
     packet.setData(data, length);
-    m_sendBuffer.push(packet);
 
+    // A realtime datagram that would be the only one in the ring, with the sender thread free to
+    // send it at once, leaves from here: the sender thread sends everything it takes from the ring
+    // under this lock, so nothing queued earlier can still be on its way, and the wire sees the
+    // same datagrams in the same order without a hand-over to that thread. A zero window makes the
+    // sender wait before each pass (when the unacknowledged count has reached the window), so then
+    // the datagram takes the usual way and keeps that wait; so does one queued while no sender thread
+    // runs (before a connection is made, or after a refused answer to CON), which stays queued.
+    if (m_bSenderActive.load() && m_sendMode.load() == eRealtime && m_sendBuffer.isEmpty() &&
+        m_unacked.load() != m_windowSize.load()) {
+        sal::UdpSocket* pSocket = m_pSocket.load();
+        if (pSocket != nullptr) {
+            pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
+                            m_peerPort.load());
+        }
+        m_sendMutex.give();
+        return;
+    }
+
+    m_sendBuffer.push(packet);
     // The lock goes first, so that the woken sender thread finds the ring free at once.
     m_sendMutex.give();
     m_sendWakeSem.give();
-    return true;
 }
 
 // Sends the first queued datagram that is after m_lastSent, if the window allows. False when
@@ -91,6 +128,7 @@ void EUDPTransport::senderThread() {
     }
     // Set by connect() or accept() before this thread was started; fixed while it runs.
     sal::UdpSocket* pSocket = m_pSocket.load();
+    ActiveFlag active(m_bSenderActive);
     for (;;) {
         while (m_sendBuffer.isEmpty()) {
             m_sendWakeSem.take();

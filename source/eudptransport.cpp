@@ -142,7 +142,8 @@ EUDPTransport::EUDPTransport()
       m_aliveTimeout(0),
       m_bTimersInitialised(false),
       m_log(LogManager::getInstance().getCategory("TARN")),
-      m_bDestroying(false) {
+      m_bDestroying(false),
+      m_bSenderActive(false) {
     m_pSocket.store(newSocket());
     m_sender.m_pTransport = this;
     m_receiver.m_pTransport = this;

@@ -11,6 +11,7 @@
 
 using Corvane::Utilities::Logging::eDebug;
 using Corvane::Utilities::Logging::eError;
+using eudptest::ClientWithRawPeer;
 using eudptest::commandOf;
 using eudptest::line;
 using eudptest::ServerWithRawPeer;
@@ -99,6 +100,79 @@ TEST(EUDPSender, RealtimeSendsEachQueuedMessageOnce) {
     EXPECT_TRUE(peer.raw.quietFor(800));
     EXPECT_EQ(0u, EUDPTransportTest::unacked(*peer.server).load());
     EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+// A realtime message normally leaves from the calling thread; one queued behind a message that is
+// still waiting in the ring (here for the zero window's 500 ms) must not overtake it.
+TEST(EUDPSender, RealtimeMessagesNeverOvertakeQueuedOnes) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    setWindow(peer, 0);
+    ASSERT_TRUE(send(*peer.server, "a"));  // the sender waits up to 500 ms before its pass
+    setWindow(peer, 10);
+    ASSERT_TRUE(send(*peer.server, "b"));
+    ASSERT_TRUE(send(*peer.server, "c"));
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        Bytes datagram;
+        ASSERT_TRUE(peer.next(datagram));
+        EXPECT_EQ(hex(eudpDatagram("CMD", i, bytesOf(std::string(1, static_cast<char>('a' + i))))),
+                  hex(datagram));
+    }
+    EXPECT_TRUE(peer.raw.quietFor(300));
+    ASSERT_TRUE(send(*peer.server, "d"));  // the ring is empty again: straight out
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 3, bytesOf("d"))), hex(datagram));
+    EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+// Several threads sending at once: the wire carries the numbers in the order they were taken.
+TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    constexpr int kThreads = 4;
+    constexpr int kEach = 50;
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&peer, t] {
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_TRUE(send(*peer.server, std::to_string(t) + ":" + std::to_string(i)));
+            }
+        });
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    std::vector<int> nextOfThread(kThreads, 0);
+    for (std::uint32_t n = 0; n < kThreads * kEach; ++n) {
+        Bytes datagram;
+        ASSERT_TRUE(peer.next(datagram)) << n;
+        ASSERT_EQ("CMD", commandOf(datagram));
+        EXPECT_EQ(n, le32(datagram, 4));
+        // Each thread's own messages keep their order too.
+        std::string text(datagram.begin() + 8, datagram.end());
+        int thread = text[0] - '0';
+        ASSERT_GE(thread, 0);
+        ASSERT_LT(thread, kThreads);
+        EXPECT_EQ(std::to_string(thread) + ":" + std::to_string(nextOfThread[static_cast<std::size_t>(thread)]),
+                  text);
+        ++nextOfThread[static_cast<std::size_t>(thread)];
+    }
+}
+
+// Before the sender thread runs there is nobody to hand a message to: it waits in the ring with
+// its number and leaves once the connection is up.
+TEST(EUDPSender, MessageQueuedBeforeConnectLeavesOnceConnected) {
+    ClientWithRawPeer peer;
+    ASSERT_TRUE(send(peer.client, "early"));
+    EXPECT_EQ(1u, EUDPTransportTest::sendQueued(peer.client));
+    ASSERT_TRUE(peer.open());
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("early"))), hex(datagram));
+    ASSERT_TRUE(send(peer.client, "later"));
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 2, bytesOf("later"))), hex(datagram));  // the CON took 1
 }
 
 TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
