@@ -216,6 +216,11 @@ private:
     // A line on `level` that already carries the "TARN/EUDP[<id>]: " prefix.
     Corvane::Utilities::Logging::LogStream logLine(Corvane::Utilities::Logging::ELogLevel level) const;
 
+    // The timers' inline attempts (sal::ICallback::callInline): the same work as onSendAliveTimer
+    // and onAliveTimer, done on the timer service's thread when it need not wait.
+    bool sendAliveWithoutWaiting();
+    bool closeOnSilence();
+
     // sendData's parts, with m_sendMutex held; both give it back. refuseClosedLocked logs the
     // refusal and answers false; queueLocked numbers the message and sends or queues it.
     bool refuseClosedLocked();

@@ -16,8 +16,12 @@ void EUDPTransport::initTimers(unsigned int aliveTimeout) {
     m_bTimersInitialised = true;
     // The timers own their callbacks and delete them. The callbacks are in place before the
     // period is, so that the receiver thread (already running) never arms a timer without one.
-    m_sendAliveTimer.setCallback(new sal::Callback<EUDPTransport>(this, &EUDPTransport::onSendAliveTimer));
-    m_aliveTimer.setCallback(new sal::Callback<EUDPTransport>(this, &EUDPTransport::onAliveTimer));
+    // Each also has an inline attempt, so that an expiry that need not wait is handled on the
+    // timer service's own thread without waking a worker.
+    m_sendAliveTimer.setCallback(new sal::Callback<EUDPTransport>(this, &EUDPTransport::onSendAliveTimer,
+                                                                  &EUDPTransport::sendAliveWithoutWaiting));
+    m_aliveTimer.setCallback(
+        new sal::Callback<EUDPTransport>(this, &EUDPTransport::onAliveTimer, &EUDPTransport::closeOnSilence));
     m_aliveTimeout.store(aliveTimeout);
     resetTimers();
 }
@@ -42,6 +46,33 @@ void EUDPTransport::onSendAliveTimer() {
     // and the close must still come on time.
     m_aliveTimer.start(FINAL_WAIT_US, true);
     sendData(nullptr, 0);
+}
+
+// The keep-alive as onSendAliveTimer sends it, unless that would mean waiting: for the send lock,
+// which the sender thread may hold for a whole realtime pass, or for room in a full ring. Then it
+// declines and onSendAliveTimer runs on a worker; the final timer it has already armed is not
+// postponed by the second start.
+bool EUDPTransport::sendAliveWithoutWaiting() {
+    m_aliveTimer.start(FINAL_WAIT_US, true);
+    if (m_sendMutex.take(0) != 0) {
+        return false;
+    }
+    if (m_bClosed.load() || m_bDestroying.load()) {
+        refuseClosedLocked();
+        return true;
+    }
+    if (m_sendBuffer.isFull()) {
+        m_sendMutex.give();
+        return false;
+    }
+    queueLocked(nullptr, 0);
+    return true;
+}
+
+// Closing never waits.
+bool EUDPTransport::closeOnSilence() {
+    onAliveTimer();
+    return true;
 }
 
 void EUDPTransport::onAliveTimer() {

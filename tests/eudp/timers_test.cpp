@@ -2,6 +2,9 @@
 // pairs that stay up, killed peers noticed in time, and many connections sharing the timers.
 #include <dirent.h>
 
+#include <fstream>
+#include <string>
+
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -39,6 +42,37 @@ int threadCount() {
     return count;
 }
 
+// The voluntary context switches of all threads named `name`, summed: each wake-up of a thread
+// that slept counts one.
+long wakeUpsOf(const std::string& name) {
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) {
+        return -1;
+    }
+    long total = 0;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        const std::string task = std::string("/proc/self/task/") + entry->d_name;
+        std::ifstream comm(task + "/comm");
+        std::string taskName;
+        std::getline(comm, taskName);
+        if (taskName != name) {
+            continue;
+        }
+        std::ifstream status(task + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.compare(0, 24, "voluntary_ctxt_switches:") == 0) {
+                total += std::stol(line.substr(24));
+            }
+        }
+    }
+    closedir(dir);
+    return total;
+}
+
 // The raw peer asks the server to send reliably and waits for the answer (skipping a keep-alive
 // that may come first).
 bool makeReliable(ServerWithRawPeer& peer) {
@@ -72,6 +106,21 @@ TEST(EUDPTimers, ServerSendsOneKeepAliveAfterHalfASecond) {
     EXPECT_EQ(hex(eudpDatagram("CMD", 1)), hex(datagram));
     EXPECT_GE(nowMs() - answered, 400);
     EXPECT_FALSE(peer.server->isClosed());
+}
+
+// The keep-alive is short work: it leaves from the timer service's own thread, and no timer worker
+// is woken for it; neither for the answer that re-arms the timers.
+TEST(EUDPTimers, KeepAliveWakesNoTimerWorker) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    const long before = wakeUpsOf("sal-timer-work");
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NOP", 0)));
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1)), hex(datagram));
+    EXPECT_EQ(before, wakeUpsOf("sal-timer-work"));
 }
 
 TEST(EUDPTimers, ClientSendsKeepAliveAfterOneSecond) {

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <malloc.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -602,6 +603,209 @@ TEST(Timer, RestartsNeitherWakeTheSchedulerNorGrowTheQueue) {
     EXPECT_LT(wakeUps, 50);         // one notification per restart would be 500000
     EXPECT_LT(grown, 1024 * 1024);  // one queue entry per restart would be over 10 MB
     EXPECT_EQ(0, calls.load());
+}
+
+std::string currentThreadName() {
+    char name[32] = {0};
+    ::pthread_getname_np(::pthread_self(), name, sizeof name);
+    return name;
+}
+
+// A callback with an inline attempt: records on which thread each part ran.
+class InlineCallback : public sal::ICallback {
+public:
+    explicit InlineCallback(std::function<bool()> attempt) : m_attempt(std::move(attempt)) {}
+    void call() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        callThreads.push_back(currentThreadName());
+    }
+    bool callInline() override {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            inlineThreads.push_back(currentThreadName());
+        }
+        return m_attempt();
+    }
+
+    std::mutex mutex;
+    std::vector<std::string> inlineThreads;
+    std::vector<std::string> callThreads;
+
+private:
+    std::function<bool()> m_attempt;
+};
+
+TEST(Timer, InlineAttemptDoesTheWorkOnTheSchedulingThread) {
+    Timer timer;
+    InlineCallback* pCallback = new InlineCallback([] { return true; });
+    timer.setCallback(pCallback);
+    // The service and its worker come with the first start; let the worker settle before counting.
+    ASSERT_TRUE(timer.start(1000000, true));
+    timer.stop();
+    ASSERT_TRUE(waitUntil([] { return wakeUpsOf("sal-timer-work") >= 0; }, 5000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const long workerWakeUps = wakeUpsOf("sal-timer-work");
+    ASSERT_TRUE(timer.start(2000, true));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            std::lock_guard<std::mutex> lock(pCallback->mutex);
+            return !pCallback->inlineThreads.empty();
+        },
+        5000));
+    timer.waitUntilIdle();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::lock_guard<std::mutex> lock(pCallback->mutex);
+    EXPECT_EQ(std::vector<std::string>{"sal-timer"}, pCallback->inlineThreads);
+    EXPECT_TRUE(pCallback->callThreads.empty());
+    EXPECT_EQ(workerWakeUps, wakeUpsOf("sal-timer-work"));  // no worker was woken
+}
+
+TEST(Timer, DeclinedInlineAttemptGoesToAWorker) {
+    Timer timer;
+    InlineCallback* pCallback = new InlineCallback([] { return false; });
+    timer.setCallback(pCallback);
+    ASSERT_TRUE(timer.start(2000, true));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            std::lock_guard<std::mutex> lock(pCallback->mutex);
+            return !pCallback->callThreads.empty();
+        },
+        5000));
+    timer.waitUntilIdle();
+    std::lock_guard<std::mutex> lock(pCallback->mutex);
+    EXPECT_EQ(std::vector<std::string>{"sal-timer"}, pCallback->inlineThreads);
+    EXPECT_EQ(std::vector<std::string>{"sal-timer-work"}, pCallback->callThreads);
+}
+
+TEST(Timer, RepeatingTimerOffersEveryExpiryInline) {
+    Timer timer;
+    std::atomic<int> attempts{0};
+    InlineCallback* pCallback = new InlineCallback([&] { return ++attempts % 2 == 0; });
+    timer.setCallback(pCallback);
+    ASSERT_TRUE(timer.start(5000, false));
+    ASSERT_TRUE(waitUntil([&] { return attempts.load() >= 6; }, 10000));
+    timer.stop();
+    timer.waitUntilIdle();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::lock_guard<std::mutex> lock(pCallback->mutex);
+    // Every other attempt declined, and each of those ran call() once on a worker.
+    EXPECT_EQ(pCallback->inlineThreads.size() / 2, pCallback->callThreads.size());
+}
+
+// An inline run counts as the callback running: waitUntilIdle and the destructor wait for it, and a
+// stop() from another thread prevents only later expiries.
+TEST(Timer, InlineRunCountsAsRunning) {
+    std::atomic<int> entered{0};
+    std::atomic<int> finished{0};
+    std::int64_t waited = 0;
+    {
+        Timer timer;
+        timer.setCallback(new InlineCallback([&] {
+            ++entered;
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            ++finished;
+            return true;
+        }));
+        ASSERT_TRUE(timer.start(1000, true));
+        ASSERT_TRUE(waitUntil([&] { return entered.load() == 1; }, 5000));
+        EXPECT_FALSE(timer.isRunning());  // one-shot: disarmed as it fired
+        const std::int64_t before = nowMs();
+        timer.waitUntilIdle();
+        waited = nowMs() - before;
+        EXPECT_EQ(1, finished.load());
+
+        entered = 0;
+        finished = 0;
+        ASSERT_TRUE(timer.start(1000, true));
+        ASSERT_TRUE(waitUntil([&] { return entered.load() == 1; }, 5000));
+    }  // the destructor waits for the second run
+    EXPECT_EQ(1, finished.load());
+    EXPECT_GE(waited, 150);
+}
+
+TEST(Timer, MemberCallbackWithInlineMethod) {
+    struct Owner {
+        std::atomic<int> calls{0};
+        std::atomic<int> attempts{0};
+        std::atomic<bool> accept{true};
+        std::string callThread;
+        void onTimer() {
+            callThread = currentThreadName();
+            ++calls;
+        }
+        bool tryNow() {
+            ++attempts;
+            return accept.load();
+        }
+    } owner;
+    Timer timer;
+    timer.setCallback(new sal::Callback<Owner>(&owner, &Owner::onTimer, &Owner::tryNow));
+    ASSERT_TRUE(timer.start(1000, true));
+    ASSERT_TRUE(waitUntil([&] { return owner.attempts.load() == 1; }, 5000));
+    timer.waitUntilIdle();
+    EXPECT_EQ(0, owner.calls.load());
+
+    owner.accept = false;
+    ASSERT_TRUE(timer.start(1000, true));
+    ASSERT_TRUE(waitUntil([&] { return owner.calls.load() == 1; }, 5000));
+    timer.waitUntilIdle();
+    EXPECT_EQ(2, owner.attempts.load());
+    EXPECT_EQ("sal-timer-work", owner.callThread);
+
+    // Without an inline method the expiry always goes to a worker; with nothing to call it is
+    // done at once.
+    sal::Callback<Owner> plain(&owner, &Owner::onTimer);
+    EXPECT_FALSE(plain.callInline());
+    sal::Callback<Owner> nullObject(nullptr, &Owner::onTimer, &Owner::tryNow);
+    EXPECT_TRUE(nullObject.callInline());
+    EXPECT_EQ(2, owner.attempts.load());
+}
+
+// Expiries that come due within a millisecond of each other share one wake-up of the scheduler,
+// and none fires before its deadline.
+TEST(Timer, ExpiriesCloseTogetherShareAWakeUp) {
+    constexpr int kTimers = 100;
+    constexpr std::int64_t kSpacingUs = 20;  // all 100 within 2 ms
+    std::vector<std::unique_ptr<Timer>> timers;
+    std::vector<std::int64_t> deadlines(kTimers);
+    std::vector<std::atomic<std::int64_t>> fired(kTimers);
+    for (int i = 0; i < kTimers; ++i) {
+        timers.emplace_back(new Timer);
+        fired[static_cast<std::size_t>(i)] = 0;
+        // Done inline, so that only the scheduler's own wake-ups are counted.
+        timers.back()->setCallback(new InlineCallback([&fired, i] {
+            fired[static_cast<std::size_t>(i)] = nowUs();
+            return true;
+        }));
+    }
+    // Let the scheduler settle before counting its wake-ups.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const long before = wakeUpsOf("sal-timer");
+    const std::int64_t base = nowUs() + 50000;
+    for (int i = 0; i < kTimers; ++i) {
+        const std::int64_t due = base + i * kSpacingUs;
+        deadlines[static_cast<std::size_t>(i)] = due;
+        const std::int64_t period = due - nowUs();
+        ASSERT_GT(period, 0);
+        ASSERT_TRUE(timers[static_cast<std::size_t>(i)]->start(static_cast<unsigned int>(period), true));
+    }
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            for (const auto& time : fired) {
+                if (time.load() == 0) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        5000));
+    const long wakeUps = wakeUpsOf("sal-timer") - before;
+    for (int i = 0; i < kTimers; ++i) {
+        EXPECT_GE(fired[static_cast<std::size_t>(i)].load(), deadlines[static_cast<std::size_t>(i)]) << i;
+    }
+    std::printf("%d expiries %lld us apart: %ld scheduler wake-ups\n", kTimers,
+                static_cast<long long>(kSpacingUs), wakeUps);
+    EXPECT_LT(wakeUps, kTimers / 10);
 }
 
 }  // namespace

@@ -15,8 +15,9 @@
 
 // How the timers work
 //
-// One scheduler thread keeps a min-heap of deadlines for all timers of the process and hands each
-// expiry to a pool of worker threads, which run the callbacks. The pool starts with one worker and
+// One scheduler thread keeps a min-heap of deadlines for all timers of the process. When an expiry
+// comes due it first offers it to the callback's inline attempt, which does short work right there;
+// everything else goes to a pool of worker threads, which run the callbacks. The pool starts with one worker and
 // grows by one whenever expiries are waiting, no worker is free and no worker has picked up an
 // expiry for a few milliseconds: then every worker is stuck in a callback (a callback may block for
 // a long time). A backlog of quick callbacks that the workers are working through does not grow the
@@ -40,6 +41,9 @@ constexpr std::chrono::milliseconds kStarvedAfter(5);
 // A worker beyond the first that found nothing to do for this long ends.
 constexpr std::chrono::seconds kRetireAfter(5);
 constexpr int kPermanentWorkers = 1;
+// How much later than its deadline an expiry may be served so that it shares a wake-up of the
+// scheduler with others.
+constexpr std::chrono::milliseconds kGrouping(1);
 
 }  // namespace
 
@@ -102,9 +106,11 @@ public:
         state.queuedToken += 1;
         state.queuedDeadline = deadline;
         std::lock_guard<std::mutex> lock(m_mutex);
-        const bool bEarliest = m_heap.empty() || deadline < m_heap.top().deadline;
         m_heap.push(Entry{deadline, state.queuedToken, pState});
-        if (bEarliest) {
+        // A sleeping scheduler is woken only when it would otherwise serve this entry later than
+        // its deadline plus the grouping allowance; an awake one looks at the heap before it sleeps.
+        if (deadline + kGrouping < m_plannedWake) {
+            m_plannedWake = Clock::time_point::min();
             m_schedulerWake.notify_one();
         }
     }
@@ -138,7 +144,11 @@ private:
         }
     }
 
+    // Expiries that come due close together are served in one wake-up: the scheduler sleeps until
+    // the earliest deadline plus kGrouping and then fires everything that is due. No expiry is
+    // early; none is later than kGrouping plus the time the thread takes to wake.
     void schedule() {
+        std::vector<Entry> due;
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
             const Clock::time_point now = Clock::now();
@@ -147,26 +157,33 @@ private:
                 addWorker();
                 m_lastPickup = now;  // give the new worker its time before the next one
             }
-            if (!m_heap.empty() && m_heap.top().deadline <= now) {
-                Entry entry = m_heap.top();
+            while (!m_heap.empty() && m_heap.top().deadline <= now) {
+                due.push_back(m_heap.top());
                 m_heap.pop();
+            }
+            if (!due.empty()) {
                 lock.unlock();
-                expire(entry, now);
+                for (const Entry& entry : due) {
+                    expire(entry, now);
+                }
+                due.clear();
                 lock.lock();
                 continue;
             }
             Clock::time_point wake = Clock::time_point::max();
             if (!m_heap.empty()) {
-                wake = m_heap.top().deadline;
+                wake = m_heap.top().deadline + kGrouping;
             }
             if (starvedSince() != Clock::time_point::max()) {
                 wake = std::min(wake, starvedSince() + kStarvedAfter);
             }
+            m_plannedWake = wake;
             if (wake == Clock::time_point::max()) {
                 m_schedulerWake.wait(lock);
             } else {
                 m_schedulerWake.wait_until(lock, wake);
             }
+            m_plannedWake = Clock::time_point::min();
         }
     }
 
@@ -204,7 +221,46 @@ private:
             } while (state.deadline <= now);
             enqueue(state, entry.pState, state.deadline);
         }
-        dispatch(Job{entry.pState, state.generation, now});
+        const std::uint64_t generation = state.generation;
+        if (runInline(state, stateLock)) {
+            return;
+        }
+        if (generation == state.generation) {
+            dispatch(Job{entry.pState, generation, now});
+        }
+    }
+
+    // With the state's lock held: offers the expiry to the callback's inline attempt on this
+    // thread. True when the attempt did the work; false when a worker must run the callback (it is
+    // running on one already, or the attempt declined).
+    static bool runInline(Timer::State& state, std::unique_lock<std::mutex>& stateLock) {
+        if (state.bCallbackRunning || state.pCallback == nullptr) {
+            return false;
+        }
+        state.bCallbackRunning = true;
+        state.runner = std::this_thread::get_id();
+        ICallback* pCallback = state.pCallback;
+        stateLock.unlock();
+        bool bDone = true;
+        // As on a worker: an exception ends this run and nothing else.
+        try {
+            bDone = pCallback->callInline();
+        } catch (...) {
+        }
+        stateLock.lock();
+        state.bCallbackRunning = false;
+        state.runner = std::thread::id();
+        std::vector<ICallback*> retired;
+        retired.swap(state.retired);
+        state.idle.notify_all();
+        if (!retired.empty()) {
+            stateLock.unlock();
+            for (ICallback* pOld : retired) {
+                delete pOld;
+            }
+            stateLock.lock();
+        }
+        return bDone;
     }
 
     void dispatch(Job job) {
@@ -245,6 +301,7 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_schedulerWake;
+    Clock::time_point m_plannedWake = Clock::time_point::min();  // while asleep: when it wakes
     std::condition_variable m_workWake;
     std::priority_queue<Entry, std::vector<Entry>, Later> m_heap;
     std::deque<Job> m_jobs;
