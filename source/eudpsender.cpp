@@ -101,25 +101,57 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
     m_sendWakeSem.give();
 }
 
+namespace {
+
+std::int32_t wordAt(RingBuffer<EUDPPacket>& ring, std::uint32_t offset) {
+    return static_cast<std::int32_t>(ring.at((ring.readIndex() + offset) % ring.m_capacity).getValue());
+}
+
+// The offset from the front of the first queued datagram after `lastSent`, or `count` when there
+// is none: the entry a walk from the front would stop at. The ring holds fewer than 1000 numbers in
+// the order they were taken, and along such a short run "after lastSent" changes at most once:
+// either it holds from some entry to the end (false before), or, when lastSent lies about half the
+// number range away, from the front up to some entry. The front tells which; in the first case a
+// binary search finds the change, so that a full window of datagrams still out is not walked
+// through again for each datagram sent.
+std::uint32_t firstAfter(RingBuffer<EUDPPacket>& ring, std::uint32_t count, std::int32_t lastSent) {
+    if (count == 0 || ModuloValue::distance(wordAt(ring, 0), lastSent) > 0) {
+        return 0;
+    }
+    std::uint32_t low = 1;
+    std::uint32_t high = count;
+    while (low < high) {
+        std::uint32_t middle = low + (high - low) / 2;
+        if (ModuloValue::distance(wordAt(ring, middle), lastSent) > 0) {
+            high = middle;
+        } else {
+            low = middle + 1;
+        }
+    }
+    return low;
+}
+
+}  // namespace
+
 // Sends the first queued datagram that is after m_lastSent, if the window allows. False when
 // nothing was sent (everything queued is out, or the window is full).
 static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint32_t>& unacked,
                              const std::atomic<std::uint32_t>& windowSize, ModuloValue& lastSent,
                              sal::UdpSocket* pSocket, const sal::HostAddress& address, uint16 port) {
-    for (std::uint32_t index = ring.readIndex(); index != ring.writeIndex(); index = ring.next(index)) {
-        if (static_cast<std::int32_t>(unacked.load()) >= static_cast<std::int32_t>(windowSize.load())) {
-            return false;
-        }
-        EUDPPacket& packet = ring.at(index);
-        std::int32_t word = static_cast<std::int32_t>(packet.getValue());
-        if (ModuloValue::distance(word, lastSent.getValue()) > 0) {
-            pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), address, port);
-            unacked.fetch_add(1);
-            lastSent.setFromWord(word);
-            return true;
-        }
+    if (static_cast<std::int32_t>(unacked.load()) >= static_cast<std::int32_t>(windowSize.load())) {
+        return false;
     }
-    return false;
+    const std::uint32_t count = (ring.writeIndex() + ring.m_capacity - ring.readIndex()) % ring.m_capacity;
+    const std::uint32_t offset = firstAfter(ring, count, lastSent.getValue());
+    if (offset == count) {
+        return false;
+    }
+    EUDPPacket& packet = ring.at((ring.readIndex() + offset) % ring.m_capacity);
+    const std::int32_t word = static_cast<std::int32_t>(packet.getValue());
+    pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), address, port);
+    unacked.fetch_add(1);
+    lastSent.setFromWord(word);
+    return true;
 }
 
 void EUDPTransport::senderThread() {

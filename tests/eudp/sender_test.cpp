@@ -154,8 +154,9 @@ TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
         int thread = text[0] - '0';
         ASSERT_GE(thread, 0);
         ASSERT_LT(thread, kThreads);
-        EXPECT_EQ(std::to_string(thread) + ":" + std::to_string(nextOfThread[static_cast<std::size_t>(thread)]),
-                  text);
+        EXPECT_EQ(
+            std::to_string(thread) + ":" + std::to_string(nextOfThread[static_cast<std::size_t>(thread)]),
+            text);
         ++nextOfThread[static_cast<std::size_t>(thread)];
     }
 }
@@ -257,6 +258,22 @@ TEST(EUDPSender, NakResendsFromTheNumberOn) {
     EXPECT_EQ(range(2, 5), nextNumbers(peer, 4));
     // Well before the next time-out would have resent from 1.
     EXPECT_LE(nowMs() - nakTime, 450);
+}
+
+// A NAK about half the number range away from what is queued: the datagrams at the front count as
+// after it and those further on as before it, so the resend starts at the front, as a walk from
+// the front finds.
+TEST(EUDPSender, NakHalfTheRangeAwayResendsFromTheFront) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    queueHeld(peer, 20, 20);
+    EXPECT_EQ(range(0, 19), nextNumbers(peer, 20));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+    // 1 - 32761 is after 32776 (distance 32760); 10 - 32776 = -32766 is before it.
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 32777)));
+    EXPECT_EQ(range(1, 8), nextNumbers(peer, 8));
+    EXPECT_EQ(range(9, 19), nextNumbers(peer, 11));
 }
 
 TEST(EUDPSender, WrapAroundKeepsOrderAndWindow) {
