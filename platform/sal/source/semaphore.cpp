@@ -16,6 +16,11 @@ std::chrono::steady_clock::time_point deadlineAfter(unsigned int timeoutMs) {
 template <class Ready>
 bool waitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& condition, unsigned int timeoutMs,
              Ready ready) {
+    // A try (limit 0) only looks: a wait with a limit already reached would still cost a call into
+    // the system.
+    if (timeoutMs == 0) {
+        return ready();
+    }
     if (timeoutMs == WAIT_FOREVER) {
         condition.wait(lock, ready);
         return true;
