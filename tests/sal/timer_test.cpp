@@ -642,8 +642,7 @@ TEST(Timer, InlineAttemptDoesTheWorkOnTheSchedulingThread) {
     // The service and its worker come with the first start; let the worker settle before counting.
     ASSERT_TRUE(timer.start(1000000, true));
     timer.stop();
-    ASSERT_TRUE(waitUntil([] { return wakeUpsOf("sal-timer-work") >= 0; }, 5000));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(waitUntil([] { return wakeUpsOf("sal-timer-work") >= 1; }, 5000));  // asleep
     const long workerWakeUps = wakeUpsOf("sal-timer-work");
     ASSERT_TRUE(timer.start(2000, true));
     ASSERT_TRUE(waitUntil(
