@@ -95,7 +95,24 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
         return;
     }
 
+    const bool bOnlyOne = m_sendBuffer.isEmpty();
     m_sendBuffer.push(packet);
+    // A reliable datagram that is now the only one in the ring, with room in the window, is the
+    // one the sender thread would send first on being woken: it leaves from here, numbered and
+    // counted as that thread would count it, and stays in the ring until acknowledged. The thread
+    // is still woken, finds it sent, and waits for the acknowledgement (resending after 500 ms) as
+    // if it had sent it itself.
+    if (bOnlyOne && m_bSenderActive.load() && m_sendMode.load() == eReliable &&
+        static_cast<std::int32_t>(m_unacked.load()) < static_cast<std::int32_t>(m_windowSize.load())) {
+        const std::int32_t word = static_cast<std::int32_t>(packet.getValue());
+        sal::UdpSocket* pSocket = m_pSocket.load();
+        if (ModuloValue::distance(word, m_lastSent.getValue()) > 0 && pSocket != nullptr) {
+            pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
+                            m_peerPort.load());
+            m_unacked.fetch_add(1);
+            m_lastSent.setFromWord(word);
+        }
+    }
     // The lock goes first, so that the woken sender thread finds the ring free at once.
     m_sendMutex.give();
     m_sendWakeSem.give();

@@ -176,6 +176,34 @@ TEST(EUDPSender, MessageQueuedBeforeConnectLeavesOnceConnected) {
     EXPECT_EQ(hex(eudpDatagram("CMD", 2, bytesOf("later"))), hex(datagram));  // the CON took 1
 }
 
+// A reliable message on its own leaves at once (from the sending thread), stays queued until it is
+// acknowledged, and is sent again 500 ms after it went out when no acknowledgement comes.
+TEST(EUDPSender, ReliableMessageOnItsOwnIsResentAfter500ms) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    const std::int64_t sent = nowMs();
+    ASSERT_TRUE(send(*peer.server, "x"));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("x"))), hex(datagram));
+    EXPECT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    const std::int64_t resent = nowMs();
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("x"))), hex(datagram));
+    EXPECT_GE(resent - sent, 400);
+    EXPECT_LE(resent - sent, 2000);
+
+    // Acknowledged, it leaves the ring and nothing more is sent; the next one goes out at once.
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 2000));
+    EXPECT_TRUE(peer.raw.quietFor(700));
+    ASSERT_TRUE(send(*peer.server, "y"));
+    ASSERT_TRUE(peer.next(datagram, 300));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1, bytesOf("y"))), hex(datagram));
+    EXPECT_EQ(1u, EUDPTransportTest::unacked(*peer.server).load());
+}
+
 TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open());
