@@ -2,7 +2,7 @@
 #include "resource_cases.h"
 
 TEST(ResourceCostLong, BurstOf1000EudpConnectionRequests) {
-    faults::measureConnectionRequests(1000, 40 * 1024);
+    faults::measureConnectionRequests(1000, 128);
 }
 
 TEST(ResourceCostLong, BurstOf1000TcpConnections) {

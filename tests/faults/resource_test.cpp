@@ -3,7 +3,8 @@
 #include "resource_cases.h"
 
 TEST(ResourceCost, TwentyEudpConnectionRequestsFromAStranger) {
-    faults::measureConnectionRequests(20, 40 * 1024);
+    // Twenty requests are too few to average out the allocator's own arenas: the bound is loose.
+    faults::measureConnectionRequests(20, 512);
 }
 
 TEST(ResourceCost, TwentyTcpConnections) {
