@@ -14,6 +14,17 @@
 
 namespace faults {
 
+// A sanitizer gives every thread shadow memory and bookkeeping of its own, which a connection's
+// three threads multiply: the bounds below are for a plain build and grow by this factor.
+// Measured for 20 requests: about 30 KiB plain, 300 KiB with ASan, 3.2 MiB with TSan.
+#if defined(__SANITIZE_THREAD__)
+constexpr long kSanitizerMemoryFactor = 16;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr long kSanitizerMemoryFactor = 4;
+#else
+constexpr long kSanitizerMemoryFactor = 1;
+#endif
+
 // `count` CONs from one stranger that never answers: every one is accepted; then all of them close
 // by themselves within the keep-alive bounds and give back their threads.
 inline void measureConnectionRequests(int count, long maxKbPerRequest) {
@@ -36,12 +47,15 @@ inline void measureConnectionRequests(int count, long maxKbPerRequest) {
         [&] { return server.accepted().count() == static_cast<std::size_t>(count); }, 120000))
         << server.accepted().count() << " of " << count << " accepted";
     const std::int64_t accepted = testsupport::nowMs() - start;
+    // The accept is counted when the connection is handed over; its last thread may start a
+    // moment later.
+    testsupport::waitUntil([&] { return ownThreadCount() - baseThreads >= 3 * count; }, 10000);
     const long peakKb = residentKb();
     const int peakThreads = ownThreadCount();
     const double kbPerRequest = static_cast<double>(peakKb - baseKb) / count;
     const double threadsPerRequest = static_cast<double>(peakThreads - baseThreads) / count;
     EXPECT_EQ(3 * count, peakThreads - baseThreads) << "receive, sender and receiver thread per request";
-    EXPECT_LT(kbPerRequest, static_cast<double>(maxKbPerRequest));
+    EXPECT_LT(kbPerRequest, static_cast<double>(maxKbPerRequest * kSanitizerMemoryFactor));
 
     // The stranger never answers a keep-alive: each connection closes itself.
     ASSERT_TRUE(testsupport::waitUntil(
@@ -86,6 +100,9 @@ inline void measureTcpConnections(int count, long maxKbPerConnection) {
         [&] { return server.accepted().count() == static_cast<std::size_t>(count); }, 120000))
         << server.accepted().count() << " of " << count << " accepted";
     const std::int64_t accepted = testsupport::nowMs() - start;
+    // The accept is counted when the connection is handed over; its last thread may start a
+    // moment later.
+    testsupport::waitUntil([&] { return ownThreadCount() - baseThreads >= 3 * count; }, 10000);
     const long peakKb = residentKb();
     const int peakThreads = ownThreadCount();
     EXPECT_EQ(count, peakThreads - baseThreads) << "one receive thread per connection";
