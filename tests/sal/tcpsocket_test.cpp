@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -334,6 +335,153 @@ TEST(TcpSocket, SendWhileAnotherThreadReceives) {
     receiver.join();
     EXPECT_EQ(4, received.load());
     EXPECT_EQ(0, std::memcmp(buffer, "pong", 4));
+}
+
+// ---- IPv6 ---------------------------------------------------------------------------------------
+
+const HostAddress kLoopback6("::1");
+
+std::unique_ptr<TcpSocket> makeListenerOn(const HostAddress& address) {
+    std::unique_ptr<TcpSocket> listener(new TcpSocket);
+    EXPECT_TRUE(listener->bind(address, 0)) << address.getAddressString();
+    EXPECT_TRUE(listener->listen(5));
+    EXPECT_NE(0, listener->getLocalPort());
+    return listener;
+}
+
+// A raw client of one family on the loopback; -1 when the connection fails.
+int rawConnect(int family, uint16 port) {
+    const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int result = -1;
+    if (family == AF_INET6) {
+        sockaddr_in6 address;
+        std::memset(&address, 0, sizeof(address));
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(port);
+        address.sin6_addr = in6addr_loopback;
+        result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } else {
+        sockaddr_in address;
+        std::memset(&address, 0, sizeof(address));
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    }
+    if (result != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+TEST(TcpSocket, IPv6LoopbackConnectExchangeAndNames) {
+    auto listener = makeListenerOn(kLoopback6);
+    TcpSocket client;
+    ASSERT_TRUE(client.connect(kLoopback6, listener->getLocalPort()));
+    std::unique_ptr<TcpSocket> server(listener->accept());
+    ASSERT_NE(nullptr, server);
+
+    EXPECT_EQ(5, client.send("hello", 5));
+    char buffer[5] = {0};
+    EXPECT_EQ(5, server->receive(buffer, 5));
+    EXPECT_EQ(0, std::memcmp(buffer, "hello", 5));
+    EXPECT_EQ(2, server->send("ok", 2));
+    EXPECT_EQ(2, client.receive(buffer, 2));
+    EXPECT_EQ(0, std::memcmp(buffer, "ok", 2));
+
+    HostAddress address;
+    uint16 port = 0;
+    ASSERT_TRUE(client.getPeerName(address, port));
+    EXPECT_EQ("::1", address.getAddressString());
+    EXPECT_EQ(listener->getLocalPort(), port);
+    ASSERT_TRUE(server->getPeerName(address, port));
+    EXPECT_EQ("::1", address.getAddressString());
+    EXPECT_EQ(client.getLocalPort(), port);
+    EXPECT_EQ(listener->getLocalPort(), server->getLocalPort());
+}
+
+TEST(TcpSocket, RawIPv6PeerSeesTheBytes) {
+    auto listener = makeListenerOn(kLoopback6);
+    RawTcp peer(rawConnect(AF_INET6, listener->getLocalPort()));
+    ASSERT_TRUE(peer.valid());
+    std::unique_ptr<TcpSocket> server(listener->accept());
+    ASSERT_NE(nullptr, server);
+    EXPECT_EQ(3, server->send("\x01\x02\x03", 3));
+    Bytes received;
+    ASSERT_TRUE(peer.receiveExactly(received, 3, 5000));
+    EXPECT_EQ((Bytes{1, 2, 3}), received);
+}
+
+// Bound to the any-address (either way of writing it), one listener takes peers of both families,
+// and an IPv4 peer is named in plain IPv4.
+TEST(TcpSocket, AnyAddressTakesIPv4AndIPv6Peers) {
+    for (const HostAddress& any :
+         {HostAddress(HostAddress::eAnyAddress), HostAddress("::"), HostAddress("")}) {
+        SCOPED_TRACE(any.getAddressString());
+        auto listener = makeListenerOn(any);
+        const uint16 port = listener->getLocalPort();
+
+        TcpSocket six;
+        ASSERT_TRUE(six.connect(kLoopback6, port));
+        std::unique_ptr<TcpSocket> fromSix(listener->accept());
+        ASSERT_NE(nullptr, fromSix);
+        TcpSocket four;
+        ASSERT_TRUE(four.connect(kLoopback, port));
+        std::unique_ptr<TcpSocket> fromFour(listener->accept());
+        ASSERT_NE(nullptr, fromFour);
+        RawTcp rawFour(rawConnect(AF_INET, port));
+        ASSERT_TRUE(rawFour.valid());
+        std::unique_ptr<TcpSocket> fromRawFour(listener->accept());
+        ASSERT_NE(nullptr, fromRawFour);
+
+        HostAddress address;
+        uint16 peerPort = 0;
+        ASSERT_TRUE(fromSix->getPeerName(address, peerPort));
+        EXPECT_EQ("::1", address.getAddressString());
+        EXPECT_EQ(six.getLocalPort(), peerPort);
+        ASSERT_TRUE(fromFour->getPeerName(address, peerPort));
+        EXPECT_EQ("127.0.0.1", address.getAddressString());
+        EXPECT_TRUE(address.isIPv4());
+        EXPECT_EQ(four.getLocalPort(), peerPort);
+        ASSERT_TRUE(fromRawFour->getPeerName(address, peerPort));
+        EXPECT_EQ(HostAddress("127.0.0.1"), address);
+
+        ASSERT_TRUE(four.getPeerName(address, peerPort));
+        EXPECT_EQ("127.0.0.1", address.getAddressString());
+        EXPECT_EQ(port, peerPort);
+    }
+}
+
+TEST(TcpSocket, FamilySpecificBindTakesOnlyItsFamily) {
+    auto four = makeListenerOn(kLoopback);
+    TcpSocket sixClient;
+    EXPECT_FALSE(sixClient.connect(kLoopback6, four->getLocalPort()));
+    EXPECT_EQ(-1, rawConnect(AF_INET6, four->getLocalPort()));
+
+    auto six = makeListenerOn(kLoopback6);
+    TcpSocket fourClient;
+    EXPECT_FALSE(fourClient.connect(kLoopback, six->getLocalPort()));
+    EXPECT_EQ(-1, rawConnect(AF_INET, six->getLocalPort()));
+}
+
+TEST(TcpSocket, IPv6PortTakenAndRebind) {
+    auto listener = makeListenerOn(kLoopback6);
+    TcpSocket second;
+    EXPECT_FALSE(second.bind(kLoopback6, listener->getLocalPort()));
+    // The dual-stack any-address covers the IPv6 loopback's port as well.
+    TcpSocket any;
+    EXPECT_FALSE(any.bind(HostAddress(HostAddress::eAnyAddress), listener->getLocalPort()));
+    TcpSocket unroutable;
+    EXPECT_FALSE(unroutable.bind(HostAddress("2001:db8::1"), 0));  // not an address of this host
+}
+
+TEST(TcpSocket, BracketedLiteralConnects) {
+    auto listener = makeListenerOn(kLoopback6);
+    TcpSocket client;
+    ASSERT_TRUE(client.connect(HostAddress("[::1]"), listener->getLocalPort()));
+    std::unique_ptr<TcpSocket> server(listener->accept());
+    EXPECT_NE(nullptr, server);
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -241,6 +245,168 @@ TEST(UdpSocket, ConcurrentSendToKeepsDatagramsWhole) {
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(0, mangled);
     EXPECT_EQ(static_cast<std::size_t>(kThreads * kPerThread), seen.size());
+}
+
+// ---- IPv6 ---------------------------------------------------------------------------------------
+
+const HostAddress kLoopback6("::1");
+
+// A raw UDP socket of one family bound to that family's loopback.
+class RawUdpOf {
+public:
+    explicit RawUdpOf(int family) : m_family(family), m_fd(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_storage local = address(0);
+        if (m_fd >= 0 && ::bind(m_fd, reinterpret_cast<sockaddr*>(&local), length()) == 0) {
+            socklen_t size = sizeof(local);
+            ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &size);
+            m_port = ntohs(m_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(local).sin6_port
+                                                : reinterpret_cast<sockaddr_in&>(local).sin_port);
+        }
+    }
+    ~RawUdpOf() { ::close(m_fd); }
+    RawUdpOf(const RawUdpOf&) = delete;
+    RawUdpOf& operator=(const RawUdpOf&) = delete;
+
+    uint16 port() const { return m_port; }
+    bool sendTo(const std::string& text, uint16 port) {
+        sockaddr_storage remote = address(port);
+        return ::sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&remote), length()) ==
+               static_cast<ssize_t>(text.size());
+    }
+    // One datagram within 5 s as text, with its source port; "" on time-out.
+    std::string receive(uint16& fromPort) {
+        pollfd entry{m_fd, POLLIN, 0};
+        if (::poll(&entry, 1, 5000) != 1) {
+            return std::string();
+        }
+        char buffer[256];
+        sockaddr_storage from;
+        socklen_t size = sizeof(from);
+        const ssize_t n =
+            ::recvfrom(m_fd, buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &size);
+        fromPort = ntohs(m_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(from).sin6_port
+                                              : reinterpret_cast<sockaddr_in&>(from).sin_port);
+        return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
+    }
+
+private:
+    sockaddr_storage address(uint16 port) const {
+        sockaddr_storage storage;
+        std::memset(&storage, 0, sizeof(storage));
+        if (m_family == AF_INET6) {
+            auto& v6 = reinterpret_cast<sockaddr_in6&>(storage);
+            v6.sin6_family = AF_INET6;
+            v6.sin6_port = htons(port);
+            v6.sin6_addr = in6addr_loopback;
+        } else {
+            auto& v4 = reinterpret_cast<sockaddr_in&>(storage);
+            v4.sin_family = AF_INET;
+            v4.sin_port = htons(port);
+            v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        }
+        return storage;
+    }
+    socklen_t length() const { return m_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in); }
+
+    int m_family;
+    int m_fd;
+    uint16 m_port = 0;
+};
+
+TEST(UdpSocket, IPv6LoopbackSendToAndReceiveFrom) {
+    UdpSocket socket;
+    ASSERT_TRUE(socket.bind(kLoopback6, 0));
+    ASSERT_NE(0, socket.getLocalPort());
+    RawUdpOf peer(AF_INET6);
+    ASSERT_NE(0, peer.port());
+    ASSERT_TRUE(peer.sendTo("ping", socket.getLocalPort()));
+
+    char buffer[64];
+    HostAddress from;
+    uint16 fromPort = 0;
+    EXPECT_EQ(4, socket.receiveFrom(buffer, sizeof(buffer), from, fromPort));
+    EXPECT_EQ(0, std::memcmp(buffer, "ping", 4));
+    EXPECT_EQ("::1", from.getAddressString());
+    EXPECT_TRUE(from.isIPv6());
+    EXPECT_EQ(peer.port(), fromPort);
+
+    EXPECT_EQ(4, socket.sendTo("pong", 4, from, fromPort));
+    uint16 replyPort = 0;
+    EXPECT_EQ("pong", peer.receive(replyPort));
+    EXPECT_EQ(socket.getLocalPort(), replyPort);
+}
+
+// An unbound socket reaches either family, takes its port from the first send, and hears the
+// answers on it.
+TEST(UdpSocket, UnboundSocketTalksToBothFamilies) {
+    UdpSocket socket;
+    RawUdpOf six(AF_INET6);
+    RawUdpOf four(AF_INET);
+    EXPECT_EQ(3, socket.sendTo("six", 3, kLoopback6, six.port()));
+    const uint16 port = socket.getLocalPort();
+    ASSERT_NE(0, port);
+    EXPECT_EQ(4, socket.sendTo("four", 4, kLoopback, four.port()));
+    EXPECT_EQ(port, socket.getLocalPort());
+    uint16 fromPort = 0;
+    EXPECT_EQ("six", six.receive(fromPort));
+    EXPECT_EQ(port, fromPort);
+    EXPECT_EQ("four", four.receive(fromPort));
+    EXPECT_EQ(port, fromPort);
+
+    ASSERT_TRUE(six.sendTo("a", port));
+    ASSERT_TRUE(four.sendTo("b", port));
+    std::set<std::string> heard;
+    for (int i = 0; i < 2; ++i) {
+        char buffer[8];
+        HostAddress from;
+        uint16 senderPort = 0;
+        ASSERT_EQ(1, socket.receiveFrom(buffer, sizeof(buffer), from, senderPort));
+        heard.insert(std::string(1, buffer[0]) + " " + from.getAddressString() + " " +
+                     std::to_string(senderPort));
+    }
+    EXPECT_EQ((std::set<std::string>{"a ::1 " + std::to_string(six.port()),
+                                     "b 127.0.0.1 " + std::to_string(four.port())}),
+              heard);
+}
+
+TEST(UdpSocket, AnyAddressTakesIPv4AndIPv6Senders) {
+    for (const HostAddress& any : {HostAddress(HostAddress::eAnyAddress), HostAddress("::")}) {
+        SCOPED_TRACE(any.getAddressString());
+        UdpSocket socket;
+        ASSERT_TRUE(socket.bind(any, 0));
+        RawUdpOf six(AF_INET6);
+        RawUdpOf four(AF_INET);
+        char buffer[8];
+        HostAddress from;
+        uint16 fromPort = 0;
+        ASSERT_TRUE(four.sendTo("4", socket.getLocalPort()));
+        ASSERT_EQ(1, socket.receiveFrom(buffer, sizeof(buffer), from, fromPort));
+        EXPECT_EQ(HostAddress("127.0.0.1"), from);
+        EXPECT_EQ("127.0.0.1", from.getAddressString());
+        EXPECT_EQ(four.port(), fromPort);
+        EXPECT_EQ(1, socket.sendTo("r", 1, from, fromPort));  // the plain IPv4 answer reaches it
+        uint16 replyPort = 0;
+        EXPECT_EQ("r", four.receive(replyPort));
+        EXPECT_EQ(socket.getLocalPort(), replyPort);
+
+        ASSERT_TRUE(six.sendTo("6", socket.getLocalPort()));
+        ASSERT_EQ(1, socket.receiveFrom(buffer, sizeof(buffer), from, fromPort));
+        EXPECT_EQ("::1", from.getAddressString());
+        EXPECT_EQ(six.port(), fromPort);
+        EXPECT_EQ(1, socket.sendTo("s", 1, from, fromPort));
+        EXPECT_EQ("s", six.receive(replyPort));
+    }
+}
+
+TEST(UdpSocket, FamilySpecificBindReachesOnlyItsFamily) {
+    UdpSocket four;
+    ASSERT_TRUE(four.bind(kLoopback, 0));
+    EXPECT_EQ(-1, four.sendTo("x", 1, kLoopback6, 9));
+    UdpSocket six;
+    ASSERT_TRUE(six.bind(kLoopback6, 0));
+    EXPECT_EQ(-1, six.sendTo("x", 1, kLoopback, 9));
+    UdpSocket taken;
+    EXPECT_FALSE(taken.bind(kLoopback6, six.getLocalPort()));
 }
 
 }  // namespace

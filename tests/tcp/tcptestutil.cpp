@@ -137,24 +137,37 @@ Bytes intValue(std::int32_t value) {
                  static_cast<std::uint8_t>((u >> 16) & 0xFF), static_cast<std::uint8_t>(u >> 24)};
 }
 
+namespace {
+
+// The platform's sockets are IPv6 sockets that carry IPv4 too where the system has IPv6.
+std::uint16_t portOf(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET) {
+        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    }
+    if (address.ss_family == AF_INET6) {
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    }
+    return 0;
+}
+
+}  // namespace
+
 std::uint16_t localPortOf(int fd) {
-    sockaddr_in address{};
+    sockaddr_storage address{};
     socklen_t length = sizeof(address);
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        address.sin_family != AF_INET) {
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         return 0;
     }
-    return ntohs(address.sin_port);
+    return portOf(address);
 }
 
 std::uint16_t peerPortOf(int fd) {
-    sockaddr_in address{};
+    sockaddr_storage address{};
     socklen_t length = sizeof(address);
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        address.sin_family != AF_INET) {
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         return 0;
     }
-    return ntohs(address.sin_port);
+    return portOf(address);
 }
 
 int findSocket(std::uint16_t localPort, std::uint16_t peerPort) {

@@ -11,9 +11,11 @@
 
 namespace sal {
 
-TcpSocket::TcpSocket() : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_bClosed(false) {}
+TcpSocket::TcpSocket() : m_fd(-1), m_family(AF_INET), m_bClosed(false) {
+    m_fd = detail::openSocket(SOCK_STREAM, m_family);
+}
 
-TcpSocket::TcpSocket(int fd) : m_fd(fd), m_bClosed(false) {}
+TcpSocket::TcpSocket(int fd, int family) : m_fd(fd), m_family(family), m_bClosed(false) {}
 
 // The descriptor is released here and nowhere else: a thread still blocked on it after close()
 // has been woken by the shutdown and can never see the number reused for another file.
@@ -27,9 +29,13 @@ bool TcpSocket::bind(const HostAddress& address, uint16 port) {
     if (m_fd < 0 || isClosed() || !address.isValid()) {
         return false;
     }
+    sockaddr_in6 local;
+    const socklen_t length = detail::toSockaddr(m_family, address, port, true, local);
+    if (length == 0) {
+        return false;
+    }
     detail::setIntOption(m_fd, SOL_SOCKET, SO_REUSEADDR, 1);
-    const sockaddr_in local = detail::toSockaddr(address, port);
-    return ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
+    return ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), length) == 0;
 }
 
 bool TcpSocket::listen(int backlog) {
@@ -54,7 +60,7 @@ TcpSocket* TcpSocket::accept() {
                 ::close(fd);
                 return nullptr;
             }
-            return new (std::nothrow) TcpSocket(fd);
+            return new (std::nothrow) TcpSocket(fd, m_family);
         }
         if (errno != EINTR && errno != ECONNABORTED) {
             return nullptr;
@@ -66,8 +72,12 @@ bool TcpSocket::connect(const HostAddress& address, uint16 port) {
     if (m_fd < 0 || isClosed() || !address.isValid()) {
         return false;
     }
-    const sockaddr_in remote = detail::toSockaddr(address, port);
-    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) == 0) {
+    sockaddr_in6 remote;
+    const socklen_t remoteLength = detail::toSockaddr(m_family, address, port, false, remote);
+    if (remoteLength == 0) {
+        return false;
+    }
+    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&remote), remoteLength) == 0) {
         return true;
     }
     if (errno != EINTR) {
@@ -173,13 +183,12 @@ bool TcpSocket::getPeerName(HostAddress& address, uint16& port) const {
     if (m_fd < 0) {
         return false;
     }
-    sockaddr_in peer;
+    sockaddr_in6 peer;
     socklen_t length = sizeof(peer);
-    if (::getpeername(m_fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 || peer.sin_family != AF_INET) {
+    if (::getpeername(m_fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
         return false;
     }
-    detail::fromSockaddr(peer, address, port);
-    return true;
+    return detail::fromSockaddr(peer, length, address, port);
 }
 
 uint16 TcpSocket::getLocalPort() const {

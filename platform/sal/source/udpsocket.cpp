@@ -8,7 +8,9 @@
 
 namespace sal {
 
-UdpSocket::UdpSocket() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_bClosed(false) {}
+UdpSocket::UdpSocket() : m_fd(-1), m_family(AF_INET), m_bClosed(false) {
+    m_fd = detail::openSocket(SOCK_DGRAM, m_family);
+}
 
 // The descriptor is released only here, never by close(), so that a receiver woken by close() can
 // never find its descriptor number reused by another file.
@@ -22,8 +24,9 @@ bool UdpSocket::bind(const HostAddress& address, uint16 port) {
     if (m_fd < 0 || isClosed() || !address.isValid()) {
         return false;
     }
-    const sockaddr_in local = detail::toSockaddr(address, port);
-    return ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
+    sockaddr_in6 local;
+    const socklen_t length = detail::toSockaddr(m_family, address, port, true, local);
+    return length != 0 && ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), length) == 0;
 }
 
 // sendto() on a datagram socket hands the kernel one whole datagram per call, so concurrent
@@ -32,10 +35,14 @@ int UdpSocket::sendTo(const void* data, int length, const HostAddress& address, 
     if (m_fd < 0 || isClosed() || length < 0 || (data == nullptr && length > 0) || !address.isValid()) {
         return -1;
     }
-    const sockaddr_in remote = detail::toSockaddr(address, port);
+    sockaddr_in6 remote;
+    const socklen_t remoteLength = detail::toSockaddr(m_family, address, port, false, remote);
+    if (remoteLength == 0) {
+        return -1;
+    }
     for (;;) {
         const ssize_t n = ::sendto(m_fd, data, static_cast<size_t>(length), MSG_NOSIGNAL,
-                                   reinterpret_cast<const sockaddr*>(&remote), sizeof(remote));
+                                   reinterpret_cast<const sockaddr*>(&remote), remoteLength);
         if (n >= 0) {
             return static_cast<int>(n);
         }
@@ -53,7 +60,7 @@ int UdpSocket::receiveFrom(void* buffer, int size, HostAddress& from, uint16& fr
         if (isClosed()) {
             return -1;
         }
-        sockaddr_in sender;
+        sockaddr_in6 sender;
         std::memset(&sender, 0, sizeof(sender));
         socklen_t length = sizeof(sender);
         const ssize_t n = ::recvfrom(m_fd, buffer, static_cast<size_t>(size), 0,
@@ -64,7 +71,7 @@ int UdpSocket::receiveFrom(void* buffer, int size, HostAddress& from, uint16& fr
             return -1;
         }
         if (n >= 0) {
-            detail::fromSockaddr(sender, from, fromPort);
+            detail::fromSockaddr(sender, length, from, fromPort);
             return static_cast<int>(n);
         }
         if (errno != EINTR) {

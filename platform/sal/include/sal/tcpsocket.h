@@ -1,4 +1,8 @@
-// IPv4 TCP socket: listening, accepting, connecting, sending and receiving.
+// TCP socket for IPv4 and IPv6: listening, accepting, connecting, sending and receiving.
+//
+// Where the system has IPv6 the socket takes both families (dual-stack): bound to the any-address
+// (HostAddress::eAnyAddress, "" or "::") it accepts IPv4 and IPv6 peers, and an IPv4 peer is
+// reported as plain IPv4. Without IPv6 in the system it is IPv4 only and refuses IPv6 addresses.
 //
 // Blocking: accept, connect, send and receive block the calling thread. close() may be called from
 // any thread at any time and wakes a thread blocked in accept or receive on the same socket: accept
@@ -60,8 +64,9 @@ public:
     int getDescriptor() const { return m_fd; }  // for diagnostics and tests
 
 private:
-    explicit TcpSocket(int fd);
+    TcpSocket(int fd, int family);
     int m_fd;
+    int m_family;  // AF_INET6 (dual-stack) or AF_INET, fixed at creation
     std::atomic<bool> m_bClosed;
 };
 

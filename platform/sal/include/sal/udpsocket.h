@@ -1,4 +1,9 @@
-// IPv4 UDP socket.
+// UDP socket for IPv4 and IPv6.
+//
+// Where the system has IPv6 the socket takes both families (dual-stack): unbound or bound to the
+// any-address (HostAddress::eAnyAddress, "" or "::") it exchanges datagrams with IPv4 and IPv6
+// peers, and an IPv4 sender is reported as plain IPv4. Without IPv6 in the system it is IPv4 only
+// and refuses IPv6 addresses.
 //
 // Blocking: receiveFrom blocks until a datagram arrives. close() may be called from any thread and
 // wakes a thread blocked in receiveFrom, which then returns -1; every later receiveFrom returns -1 at
@@ -49,6 +54,7 @@ public:
 
 private:
     int m_fd;
+    int m_family;  // AF_INET6 (dual-stack) or AF_INET, fixed at creation
     std::atomic<bool> m_bClosed;
 };
 
