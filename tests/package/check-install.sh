@@ -1,27 +1,118 @@
 #!/usr/bin/env bash
-# check-install.sh BUILD_DIR WORK_DIR CONSUMER_SOURCE CXX
+# check-install.sh BUILD_DIR WORK_DIR SOURCE_DIR CXX VERSION with-tool|without-tool
+#
+# Installs BUILD_DIR into a scratch prefix and, with nothing in the environment but PATH (no
+# LD_LIBRARY_PATH), builds and runs three separate consumers against it: a CMake project
+# (find_package), a pkg-config build with README's lines, and a GoogleTest project whose
+# tests are discovered at build time. Runs the installed `tarn` too. Then moves the prefix
+# elsewhere and does it all again there.
 set -euo pipefail
-build=$1 work=$2 consumer=$3 cxx=$4
+build=$1 work=$2 source=$3 cxx=$4 version=$5 tool=$6
 rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
 
+# Everything below runs with this environment only.
+clean() { env -i PATH="$PATH" "$@"; }
+fail() { echo "package test: $*" >&2; exit 1; }
+
+# The first sh block after README's heading $1.
+readme_block() {
+    awk -v heading="$1" '$0 == heading { found = 1; next }
+                         found && /^```sh$/ { inside = 1; next }
+                         inside && /^```$/ { exit }
+                         inside { print }' "$source/../../README.md"
+}
+[ -n "$(readme_block "### With pkg-config")" ] || fail "README has no pkg-config lines"
+
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+libdir=$(cd "$prefix" && ls -d lib*/pkgconfig | head -1)
+libdir=${libdir%/pkgconfig}
 
-# 1. CMake package: find_package(tarn CONFIG REQUIRED), target tarn::tarn.
-cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" \
-      >"$work/cmake-configure.log"
-cmake --build "$work/cmake-build" >"$work/cmake-build.log"
-LD_LIBRARY_PATH="$prefix/lib:${LD_LIBRARY_PATH:-}" "$work/cmake-build/tarn-consumer" | tee "$work/cmake-run.log"
-grep -q "consumer ok" "$work/cmake-run.log"
+# The exported targets carry the language standard to consumers.
+grep -q 'INTERFACE_COMPILE_FEATURES "cxx_std_17"' "$prefix/$libdir/cmake/tarn/tarnTargets.cmake" ||
+    fail "the exported tarn targets do not require C++17"
 
-# 2. pkg-config module tarn.
-libdir=$(ls -d "$prefix"/lib*/pkgconfig | head -1)
-export PKG_CONFIG_PATH="$libdir"
-version=$(pkg-config --modversion tarn)
-echo "pkg-config tarn version $version"
-# shellcheck disable=SC2046
-"$cxx" -std=c++17 "$consumer/main.cpp" -o "$work/pkg-consumer" $(pkg-config --cflags --libs tarn)
-LD_LIBRARY_PATH="$prefix/lib:${LD_LIBRARY_PATH:-}" "$work/pkg-consumer" | tee "$work/pkg-run.log"
-grep -q "consumer ok" "$work/pkg-run.log"
+# The installed program starts and plays its demo session over the loopback.
+check_tool() {
+    local prefix=$1 tag=$2
+    local out=$work/$tag
+    clean "$prefix/bin/tarn" --version >"$out/tarn-version.log" 2>&1 || {
+        cat "$out/tarn-version.log"
+        fail "$tag: installed tarn does not start"
+    }
+    grep -qx "tarn $version" "$out/tarn-version.log" || fail "$tag: tarn --version printed $(cat "$out/tarn-version.log")"
+    clean "$prefix/bin/tarn" demo >"$out/tarn-demo.log" 2>&1 || {
+        tail -20 "$out/tarn-demo.log"
+        fail "$tag: installed tarn demo failed"
+    }
+}
+
+check_prefix() {
+    local prefix=$1 tag=$2
+    local out=$work/$tag
+    mkdir -p "$out"
+
+    if [ "$tool" = with-tool ]; then
+        check_tool "$prefix" "$tag"
+    fi
+
+    # 1. CMake package: find_package(tarn CONFIG REQUIRED), target tarn::tarn.
+    clean cmake -S "$source/consumer" -B "$out/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_CXX_COMPILER="$cxx" >"$out/cmake-configure.log" 2>&1 || {
+        cat "$out/cmake-configure.log"
+        fail "$tag: CMake consumer does not configure"
+    }
+    clean cmake --build "$out/cmake-build" >"$out/cmake-build.log" 2>&1 || {
+        cat "$out/cmake-build.log"
+        fail "$tag: CMake consumer does not build"
+    }
+    clean "$out/cmake-build/tarn-consumer" >"$out/cmake-run.log" 2>&1 || {
+        cat "$out/cmake-run.log"
+        fail "$tag: CMake consumer does not run"
+    }
+    grep -qx "consumer ok" "$out/cmake-run.log" || fail "$tag: CMake consumer printed $(cat "$out/cmake-run.log")"
+
+    # 2. pkg-config: README's lines as they stand, with the scratch prefix for /opt/tarn.
+    mkdir -p "$out/pkg-build"
+    cp "$source/consumer/main.cpp" "$out/pkg-build/app.cpp"
+    (cd "$out/pkg-build" && clean bash -e -c "$(readme_block "### With pkg-config" | sed "s|/opt/tarn|$prefix|g")") \
+        >"$out/pkg-build.log" 2>&1 || {
+        cat "$out/pkg-build.log"
+        fail "$tag: pkg-config consumer does not build with README's lines"
+    }
+    clean "$out/pkg-build/app" >"$out/pkg-run.log" 2>&1 || {
+        cat "$out/pkg-run.log"
+        fail "$tag: pkg-config consumer does not run"
+    }
+    grep -qx "consumer ok" "$out/pkg-run.log" || fail "$tag: pkg-config consumer printed $(cat "$out/pkg-run.log")"
+    [ "$(clean PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" pkg-config --modversion tarn)" = "$version" ] ||
+        fail "$tag: pkg-config reports another version"
+
+    # 3. GoogleTest: the build itself runs the test program to discover its tests.
+    clean cmake -S "$source/consumer-gtest" -B "$out/gtest-build" -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_CXX_COMPILER="$cxx" >"$out/gtest-configure.log" 2>&1 || {
+        cat "$out/gtest-configure.log"
+        fail "$tag: GoogleTest consumer does not configure"
+    }
+    clean cmake --build "$out/gtest-build" >"$out/gtest-build.log" 2>&1 || {
+        cat "$out/gtest-build.log"
+        fail "$tag: GoogleTest consumer does not build (or its tests cannot be discovered)"
+    }
+    clean ctest --test-dir "$out/gtest-build" >"$out/gtest-run.log" 2>&1 || {
+        cat "$out/gtest-run.log"
+        fail "$tag: GoogleTest consumer's tests fail"
+    }
+    grep -q "100% tests passed, 0 tests failed out of 3" "$out/gtest-run.log" ||
+        fail "$tag: GoogleTest consumer did not run its three tests: $(cat "$out/gtest-run.log")"
+    echo "$tag: tarn, CMake, pkg-config and GoogleTest consumers run from $prefix"
+}
+
+check_prefix "$prefix" installed
+
+# The same tree, moved: nothing in it may name the place it was installed to.
+mkdir -p "$work/elsewhere"
+mv "$prefix" "$work/elsewhere/moved"
+check_prefix "$work/elsewhere/moved" moved
+
 echo "package test passed"
