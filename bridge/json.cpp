@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace tarnbridge {
 
@@ -417,6 +418,12 @@ std::string floatText(float value) {
         if (std::strtof(text, nullptr) == value) {
             break;
         }
+    }
+    // A whole number written with an exponent only because it has few significant digits ("2e+01")
+    // is written out in full up to 17 digits ("20", "1500").
+    const char* exponent = std::strchr(text, 'e');
+    if (exponent != nullptr && std::atoi(exponent + 1) > 0 && std::atoi(exponent + 1) < 17) {
+        std::snprintf(text, sizeof(text), "%.0f", static_cast<double>(value));
     }
     return text;
 }

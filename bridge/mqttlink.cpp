@@ -1,6 +1,7 @@
 #include "mqttlink.h"
 
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,10 +13,10 @@ namespace {
 const int kFirstRetryMs = 250;
 const int kLastRetryMs = 5000;
 
-// CONNACK codes after which another try cannot succeed: bad user name or password, not
-// authorised.
+// CONNACK reason codes after which another try cannot succeed: bad user name or password, not
+// authorised (0x86, 0x87; 4 and 5 before MQTT 5).
 bool loginRefused(int rc) {
-    return rc == 4 || rc == 5;
+    return rc == 4 || rc == 5 || rc == 0x86 || rc == 0x87;
 }
 
 }  // namespace
@@ -71,8 +72,11 @@ bool MqttLink::publish(const std::string& topic, const std::string& payload, int
 
 bool MqttLink::subscribe(const std::string& filter, int qos) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    // Retain as published: a call published with the retain flag is seen as such, also while
+    // the bridge is subscribed, and can be refused.
     return m_bConnected && m_pClient != nullptr &&
-           mosquitto_subscribe(m_pClient, nullptr, filter.c_str(), qos) == MOSQ_ERR_SUCCESS;
+           mosquitto_subscribe_v5(m_pClient, nullptr, filter.c_str(), qos, MQTT_SUB_OPT_RETAIN_AS_PUBLISHED,
+                                  nullptr) == MOSQ_ERR_SUCCESS;
 }
 
 bool MqttLink::flush(int timeoutMs) {
@@ -87,10 +91,12 @@ void MqttLink::onConnect(mosquitto*, void* self, int rc) {
     if (rc != 0) {
         if (loginRefused(rc)) {
             link.m_bRefused = true;
-            link.m_sink.brokerRefused(mosquitto_connack_string(rc));
+            link.m_sink.brokerRefused(rc >= 0x80 ? mosquitto_reason_string(rc)
+                                                 : mosquitto_connack_string(rc));
         }
         return;  // the broker closes the connection; the loop sees it
     }
+    link.m_bSession = true;
     {
         std::lock_guard<std::mutex> lock(link.m_mutex);
         link.m_bConnected = true;
@@ -128,6 +134,7 @@ bool MqttLink::attempt(std::string& reason) {
         return false;
     }
     mosquitto_threaded_set(client, true);
+    mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_max_inflight_messages_set(client, 0);  // no limit: QoS 1 streams are not held back
     mosquitto_connect_callback_set(client, &MqttLink::onConnect);
@@ -165,16 +172,17 @@ bool MqttLink::attempt(std::string& reason) {
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     m_pClient = client;
+    m_bSession = false;
     return true;
 }
 
 bool MqttLink::drop() {
     mosquitto* client = nullptr;
-    bool wasConnected = false;
+    const bool wasConnected = m_bSession;
+    m_bSession = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         client = m_pClient;
-        wasConnected = m_bConnected;
         m_pClient = nullptr;
         m_bConnected = false;
         m_changed.notify_all();

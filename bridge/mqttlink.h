@@ -84,6 +84,7 @@ private:
     bool m_bConnected = false;       // under m_mutex
     bool m_bStop = false;            // under m_mutex
     bool m_bRefused = false;         // link's thread only
+    bool m_bSession = false;         // link's thread only: the client object got connected
     long m_published = 0;            // under m_mutex: publications on this connection
     long m_done = 0;                 // under m_mutex: of them written or acknowledged
 };
