@@ -1,5 +1,5 @@
-// tarn-bridge: TARN servers on an MQTT broker. `tarn bridge ...` runs this program with the same
-// arguments (see tools/), so that the tarn command itself needs no MQTT library.
+// tarn-bridge: TARN servers on an MQTT broker. A program of its own, so that neither libtarn nor
+// the tarn command needs an MQTT library.
 #include <csignal>
 #include <cstdio>
 #include <ctime>
