@@ -206,6 +206,9 @@ public:
     EConnMode getReceiveMode() const { return m_receiveMode.load(std::memory_order_relaxed); }
     std::uint32_t getWindowSize() const { return m_windowSize.load(std::memory_order_relaxed); }
     bool isClosed() const { return m_bClosed.load(std::memory_order_relaxed); }
+    // True once the liveness supervision gave the link up because a keep-alive went unanswered for
+    // 10 s (onAliveTimer), which tells that end apart from a DIS of the peer; cleared by connect().
+    bool hasTimedOut() const { return m_bTimedOut.load(); }
 
 private:
     friend class EUDPTransportTest;
@@ -277,6 +280,7 @@ private:
     // Raised while the sender thread runs its loop: only then may sendData send a realtime
     // datagram itself instead of queueing it for that thread.
     std::atomic<bool> m_bSenderActive;
+    std::atomic<bool> m_bTimedOut{false};  // set by onAliveTimer, read by applications
 };
 
 #endif  // TARN_EUDPTRANSPORT_H

@@ -76,6 +76,7 @@ bool EUDPTransport::closeOnSilence() {
 }
 
 void EUDPTransport::onAliveTimer() {
+    m_bTimedOut.store(true);  // before the close, which is what the application sees next
     if (m_sendAliveTimer.isRunning()) {
         m_sendAliveTimer.stop();
     }

@@ -248,6 +248,7 @@ ITARNTransport* EUDPTransport::accept() {
 // ---- client side --------------------------------------------------------------------------------
 
 bool EUDPTransport::connect(const sal::HostAddress& address, uint16 port) {
+    m_bTimedOut.store(false);
     if (m_bClosed.load()) {
         // The old runs end promptly on a closed transport; wait for them so that the socket is
         // never freed under a running thread and the threads can be started again. The final

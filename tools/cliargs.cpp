@@ -1,5 +1,6 @@
 #include "cliargs.h"
 
+#include <cstdio>
 #include <cstdlib>
 
 #include <logging/logging.h>
@@ -27,16 +28,100 @@ std::string ParsedArgs::value(const std::string& name, const std::string& fallba
     return result;
 }
 
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionSpecs,
+namespace {
+
+const OptionSpec* findLong(const std::vector<OptionSpec>& options, const std::string& name) {
+    for (const OptionSpec& option : options) {
+        if (name == option.name) {
+            return &option;
+        }
+    }
+    return nullptr;
+}
+
+const OptionSpec* findShort(const std::vector<OptionSpec>& options, char letter) {
+    for (const OptionSpec& option : options) {
+        if (option.shortName != 0 && option.shortName == letter) {
+            return &option;
+        }
+    }
+    return nullptr;
+}
+
+bool isPositional(const std::string& arg) {
+    return arg.size() < 2 || arg[0] != '-' || (arg[1] >= '0' && arg[1] <= '9');
+}
+
+// One word beginning "--": the option and, for one that takes a value, its value (attached after
+// '=' or the next word, which `i` then passes).
+bool readLong(const std::vector<std::string>& args, std::size_t& i, const std::vector<OptionSpec>& options,
+              ParsedArgs& out, std::string& error) {
+    std::string name = args[i];
+    std::string value;
+    const std::size_t equals = name.find('=');
+    const bool inlineValue = equals != std::string::npos;
+    if (inlineValue) {
+        value = name.substr(equals + 1);
+        name.erase(equals);
+    }
+    const OptionSpec* option = findLong(options, name);
+    if (!option) {
+        error = "unknown option '" + name + "'";
+        return false;
+    }
+    if (option->valueName && !inlineValue) {
+        if (i + 1 >= args.size()) {
+            error = "option " + name + " needs a value";
+            return false;
+        }
+        value = args[++i];
+    } else if (!option->valueName && inlineValue) {
+        error = "option " + name + " takes no value";
+        return false;
+    }
+    out.options.emplace_back(name, value);
+    return true;
+}
+
+// One word of short options: flags bundled ("-jr"), the last of which may take a value, attached
+// ("-c3") or as the next word ("-c 3").
+bool readShort(const std::vector<std::string>& args, std::size_t& i, const std::vector<OptionSpec>& options,
                ParsedArgs& out, std::string& error) {
-    std::vector<OptionSpec> all = optionSpecs;
-    all.push_back({"--help", false});
-    all.push_back({"--log-level", true});
+    const std::string word = args[i];
+    for (std::size_t k = 1; k < word.size(); ++k) {
+        const OptionSpec* option = findShort(options, word[k]);
+        if (!option) {
+            error = std::string("unknown option '-") + word[k] + "'";
+            return false;
+        }
+        if (!option->valueName) {
+            out.options.emplace_back(option->name, std::string());
+            continue;
+        }
+        std::string value = word.substr(k + 1);
+        if (value.empty()) {
+            if (i + 1 >= args.size()) {
+                error = std::string("option -") + word[k] + " needs a value";
+                return false;
+            }
+            value = args[++i];
+        }
+        out.options.emplace_back(option->name, value);
+        return true;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& options, ParsedArgs& out,
+               std::string& error) {
     out = ParsedArgs();
+    error.clear();
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (optionsEnded || arg.size() < 2 || arg[0] != '-' || (arg[1] != '-' && arg != "-h")) {
+        if (optionsEnded || isPositional(arg)) {
             out.positionals.push_back(arg);
             continue;
         }
@@ -44,36 +129,46 @@ bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpe
             optionsEnded = true;
             continue;
         }
-        std::string name = arg == "-h" ? "--help" : arg;
-        std::string value;
-        bool inlineValue = false;
-        const std::size_t equals = name.find('=');
-        if (equals != std::string::npos) {
-            value = name.substr(equals + 1);
-            name.erase(equals);
-            inlineValue = true;
+        std::string wordError;
+        const bool ok = arg[1] == '-' ? readLong(args, i, options, out, wordError)
+                                      : readShort(args, i, options, out, wordError);
+        if (!ok && error.empty()) {
+            error = wordError;
         }
-        const OptionSpec* found = nullptr;
-        for (const OptionSpec& option : all) {
-            if (name == option.name) {
-                found = &option;
-            }
-        }
-        if (!found) {
-            error = "unknown option '" + name + "'";
-            return false;
-        }
-        if (found->takesValue && !inlineValue) {
-            if (i + 1 >= args.size()) {
-                error = "option " + name + " needs a value";
-                return false;
-            }
-            value = args[++i];
-        } else if (!found->takesValue && inlineValue) {
-            error = "option " + name + " takes no value";
-            return false;
-        }
-        out.options.emplace_back(name, value);
+    }
+    return error.empty();
+}
+
+void printVersion() {
+    std::printf("tarn %s\n", TARN_TOOL_VERSION);
+    std::fflush(stdout);
+}
+
+bool beginCommand(const CommandSpec& command, const std::vector<std::string>& args, ParsedArgs& parsed,
+                  int& status) {
+    std::string error;
+    const bool ok = parseArgs(args, allOptions(command), parsed, error);
+    setErrorFormat(formatOf(parsed));
+    if (!ok) {
+        status = usageError(command.name, error);
+        return false;
+    }
+    if (parsed.has("--help")) {
+        const std::string help = commandHelp(command);
+        std::FILE* out = formatOf(parsed) == Format::Json ? stderr : stdout;
+        std::fwrite(help.data(), 1, help.size(), out);
+        std::fflush(out);
+        status = kExitOk;
+        return false;
+    }
+    if (parsed.has("--version")) {
+        printVersion();
+        status = kExitOk;
+        return false;
+    }
+    if (!applyLogLevel(parsed, error)) {
+        status = usageError(command.name, error);
+        return false;
     }
     return true;
 }

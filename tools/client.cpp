@@ -5,37 +5,49 @@
 
 #include <sal/hostaddress.h>
 
+#include "values.h"
+
 namespace tarncli {
-
-namespace {
-
-// How long close() waits for the receive thread to report its end after disconnect(); it comes at
-// once unless the machine is badly overloaded.
-const int kDisconnectWaitMs = 10000;
-
-}  // namespace
 
 const char* transportName(ETransport kind) {
     return kind == eTransportEUDP ? "eudp" : "tcp";
 }
 
 ClientSession::ClientSession(ETransport kind, EventQueue& queue, int id)
-    : m_kind(kind), m_queue(queue), m_gate(queue), m_id(id), m_pConnection(nullptr), m_pEudp(nullptr) {
-    if (kind == eTransportEUDP) {
-        // The session makes the transport itself so that it can read the modes the peers agreed.
-        m_pEudp = new EUDPTransport();
-        m_pConnection = new TARNConnection(m_pEudp);
-    } else {
-        m_pConnection = new TARNConnection(eTransportTCP);
-    }
+    : m_kind(kind), m_queue(queue), m_gate(queue), m_id(id) {
+    createConnection();
 }
 
 ClientSession::~ClientSession() {
     close();
 }
 
+void ClientSession::createConnection() {
+    if (m_kind == eTransportEUDP) {
+        // The session makes the transport itself so that it can read the modes the peers agreed.
+        m_pEudp = new EUDPTransport();
+        m_pEudp->allowSendMode(m_allow[0], m_allow[1]);
+        m_pEudp->allowReceiveMode(m_allow[2], m_allow[3]);
+        m_pConnection = new TARNConnection(m_pEudp);
+    } else {
+        m_pConnection = new TARNConnection(eTransportTCP);
+    }
+}
+
+void ClientSession::deleteConnection() {
+    m_pConnection->disconnect();
+    // The destructor waits for the receive thread, which has reported eDisconnected by then.
+    delete m_pConnection;
+    m_pConnection = nullptr;
+    m_pEudp = nullptr;
+}
+
 void ClientSession::allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime,
                                bool receiveReliable) {
+    m_allow[0] = sendRealtime;
+    m_allow[1] = sendReliable;
+    m_allow[2] = receiveRealtime;
+    m_allow[3] = receiveReliable;
     if (m_pEudp) {
         m_pEudp->allowSendMode(sendRealtime, sendReliable);
         m_pEudp->allowReceiveMode(receiveRealtime, receiveReliable);
@@ -47,7 +59,13 @@ ClientSession::ConnectResult ClientSession::connect(const std::string& host, std
     if (!address.isValid()) {
         return ConnectResult::UnknownHost;
     }
-    m_peer = address.getAddressString() + ":" + std::to_string(port);
+    if (m_bTried && !m_bConnected && m_pConnection) {
+        // A connection whose connect failed runs nothing; a fresh one makes the next try.
+        deleteConnection();
+        createConnection();
+    }
+    m_bTried = true;
+    m_peer = hostPort(address.getAddressString(), port);
     if (!m_pConnection->connect(address.getAddressString(), port, this)) {
         return m_kind == eTransportTCP ? ConnectResult::Refused : ConnectResult::TimedOut;
     }
@@ -56,7 +74,7 @@ ClientSession::ConnectResult ClientSession::connect(const std::string& host, std
 }
 
 std::string ClientSession::describe(ConnectResult result, const std::string& host, std::uint16_t port) const {
-    const std::string where = host + ":" + std::to_string(port) + " over " + transportName(m_kind);
+    const std::string where = hostPort(host, port) + " over " + transportName(m_kind);
     switch (result) {
         case ConnectResult::UnknownHost:
             return "unknown host '" + host + "'";
@@ -73,20 +91,13 @@ void ClientSession::close() {
     if (!m_pConnection) {
         return;
     }
+    m_bClosing = true;
     if (m_bConnected && m_pEudp && !m_pEudp->isClosed()) {
         // EUDP data leaves from the transport's sender thread while the disconnect's DIS leaves at
         // once from this one; a short pause lets the last messages out first.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    m_pConnection->disconnect();
-    if (m_bConnected) {
-        // The receive thread reports eDisconnected as the last thing it does; only then may the
-        // connection (which deletes the transport before it joins that thread) go.
-        m_gate.waitDisconnected(kDisconnectWaitMs);
-    }
-    delete m_pConnection;  // joins the receive thread: no callback runs after this
-    m_pConnection = nullptr;
-    m_pEudp = nullptr;
+    deleteConnection();
 }
 
 Event ClientSession::make(EventKind kind) const {
@@ -115,9 +126,17 @@ void ClientSession::onStatusChanged(EConnStatus status) {
         Event event = make(EventKind::Connected);
         event.peer = m_peer;
         m_gate.open(event);
-    } else {
-        m_gate.push(make(EventKind::Disconnected));
+        return;
     }
+    Event event = make(EventKind::Disconnected);
+    if (m_bClosing) {
+        event.end = EndReason::Local;
+    } else if (m_pEudp && m_pEudp->hasTimedOut()) {
+        event.end = EndReason::Lost;
+    } else {
+        event.end = EndReason::Closed;
+    }
+    m_gate.push(event);
 }
 
 }  // namespace tarncli

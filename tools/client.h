@@ -2,15 +2,17 @@
 // turned into events on the main thread's queue.
 //
 // Ownership: the session owns its connection (and through it the transport, which the session
-// creates itself so that an EUDP transport's modes can be shown). close() disconnects and then
-// deletes the connection; it runs on the main thread only, never from a callback. The session must
-// outlive its connection, which the destructor guarantees by closing first.
+// creates itself so that an EUDP transport's modes can be shown). A failed connect leaves the
+// connection behind unused; the next connect() replaces it with a fresh one. close() disconnects
+// and then deletes the connection, whose destructor waits for its receive thread; it runs on the
+// main thread only, never from a callback. The destructor closes first.
 //
 // Threads: connect, close and the accessors on the main thread; the callbacks on the connection's
 // receive thread, where they only push events.
 #ifndef TARN_TOOLS_CLIENT_H
 #define TARN_TOOLS_CLIENT_H
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -32,14 +34,15 @@ public:
     ClientSession(const ClientSession&) = delete;
     ClientSession& operator=(const ClientSession&) = delete;
 
-    // Before connect, EUDP only: the modes this side agrees to when the server asks.
+    // EUDP only: the modes this side agrees to when the server asks; kept for every connect.
     void allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime, bool receiveReliable);
 
     // Resolves the host first, so that a name that does not resolve is told apart from a server
-    // that does not answer. On success the Connected event is queued before this returns.
+    // that does not answer. On success the Connected event is queued before this returns. May be
+    // called again after a failure.
     ConnectResult connect(const std::string& host, std::uint16_t port);
 
-    // A one-line reason for a failed connect.
+    // A one-line reason for a failed connect: "unknown host 'x'", "cannot connect to ...: why".
     std::string describe(ConnectResult result, const std::string& host, std::uint16_t port) const;
 
     TARNConnection* connection() { return m_pConnection; }
@@ -49,7 +52,7 @@ public:
     int id() const { return m_id; }
 
     // Disconnects and deletes the connection; harmless twice. The Disconnected event of an open
-    // connection is queued before this returns.
+    // connection (with EndReason::Local) is queued before this returns.
     void close();
 
     void onTrigger(const std::string& name, const ParameterValue& value) override;
@@ -58,15 +61,20 @@ public:
 
 private:
     Event make(EventKind kind) const;
+    void createConnection();
+    void deleteConnection();
 
     ETransport m_kind;
     EventQueue& m_queue;
     EventGate m_gate;
     int m_id;
     std::string m_peer;
-    TARNConnection* m_pConnection;
-    EUDPTransport* m_pEudp;  // owned by m_pConnection
+    TARNConnection* m_pConnection = nullptr;
+    EUDPTransport* m_pEudp = nullptr;  // owned by m_pConnection
     bool m_bConnected = false;
+    bool m_bTried = false;
+    bool m_allow[4] = {true, true, true, true};  // send realtime, send reliable, receive ...
+    std::atomic<bool> m_bClosing{false};         // close() has begun: an end now is this side's
 };
 
 }  // namespace tarncli

@@ -15,18 +15,6 @@ namespace tarncli {
 
 namespace {
 
-const char kUsage[] =
-    "usage: tarn demo [--log-level LEVEL]\n"
-    "\n"
-    "Starts a TARN server on free TCP and EUDP ports of 127.0.0.1, connects a client to each and\n"
-    "plays a short session: subscribe, state updates, a trigger, a function call with a string, an\n"
-    "integer, a boolean and a float, on EUDP a switch to reliable delivery, unsubscribe and\n"
-    "disconnect. Lines \"$\" start a tool, lines \"server>\" and \"client>\" are typed into tarn\n"
-    "serve and tarn connect, and lines \"server:\" and \"client:\" are what those print.\n"
-    "\n"
-    "Options:\n"
-    "  --log-level LEVEL   show the library's log lines: none (default), error, warning, info, debug\n";
-
 // Each expected event must come within this time; generous for slow (sanitizer) builds.
 const int kStepTimeoutMs = 10000;
 
@@ -55,7 +43,11 @@ public:
         const std::string port = std::to_string(m_side.server.port());
         Printer(Format::Human)
             .line(std::string("$ tarn connect --") + transportName(m_kind) + " 127.0.0.1 " + port);
-        if (connectClient(m_session, "127.0.0.1", m_side.server.port()) != kExitOk) {
+        Target target;
+        target.kind = m_kind;
+        target.host = "127.0.0.1";
+        target.port = m_side.server.port();
+        if (connectClient(m_session, target) != kExitOk) {
             return false;
         }
         bool ok = clientSees(EventKind::Connected, "") && serverSees(EventKind::Connected, "");
@@ -167,16 +159,9 @@ private:
 
 int runDemo(const std::vector<std::string>& args) {
     ParsedArgs parsed;
-    std::string error;
-    if (!parseArgs(args, {}, parsed, error)) {
-        return usageError("demo", error);
-    }
-    if (parsed.has("--help")) {
-        std::fputs(kUsage, stdout);
-        return kExitOk;
-    }
-    if (!applyLogLevel(parsed, error)) {
-        return usageError("demo", error);
+    int status = kExitOk;
+    if (!beginCommand(*findCommand("demo"), args, parsed, status)) {
+        return status;
     }
     if (!parsed.positionals.empty()) {
         return usageError("demo", "unexpected argument '" + parsed.positionals[0] + "'");

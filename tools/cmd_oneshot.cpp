@@ -1,91 +1,33 @@
 // The one-shot client forms for scripts: tarn call and tarn sub.
-#include <cstdio>
 #include <limits>
 
-#include "cliargs.h"
 #include "commands.h"
 #include "report.h"
 
 namespace tarncli {
 
-namespace {
-
-const char kCallHelp[] =
-    "usage: tarn call [--tcp|--eudp] [--reliable] [--log-level LEVEL] HOST PORT FID [ARG...]\n"
-    "\n"
-    "Connects to a TARN server, calls function FID with the arguments, and exits once the call\n"
-    "has been sent. Prints nothing on success.\n"
-    "\n"
-    "ARG is TEXT or name=TEXT (a string), name:i=42 (an integer), name:b=on|off (a boolean),\n"
-    "name:f=1.5 (a float) or name:s=TEXT (a string); an ARG without a name is called argN, N its\n"
-    "position. Put -- before arguments that begin with --.\n"
-    "\n"
-    "Options:\n"
-    "  --tcp | --eudp      transport (default --tcp)\n"
-    "  --reliable          EUDP: ask the server to receive this side's messages reliably first\n"
-    "  --log-level LEVEL   show the library's log lines: none (default), error, warning, info, debug\n";
-
-const char kSubHelp[] =
-    "usage: tarn sub [--tcp|--eudp] [--reliable] [--json] [--count N] [--timeout S]\n"
-    "                [--log-level LEVEL] HOST PORT NAME...\n"
-    "\n"
-    "Connects to a TARN server, subscribes to every NAME and prints each state update and trigger\n"
-    "that arrives, one line each. Exits after N messages (--count), after S seconds (--timeout),\n"
-    "when the server closes the connection, or on SIGINT or SIGTERM.\n"
-    "\n"
-    "Options:\n"
-    "  --tcp | --eudp      transport (default --tcp)\n"
-    "  --reliable          EUDP: ask the server to send reliably before subscribing\n"
-    "  --json              one JSON object per line\n"
-    "  --count N           exit after N updates and triggers\n"
-    "  --timeout S         exit after S seconds (fractions allowed); with --count, running out of\n"
-    "                      time before N messages is a failure (exit status 5)\n"
-    "  --log-level LEVEL   show the library's log lines: none (default), error, warning, info, debug\n";
-
-// The common first steps of both forms: options, transport, host and port.
-struct Target {
-    ETransport kind = eTransportTCP;
-    std::string host;
-    std::uint16_t port = 0;
-};
-
-int parseTarget(const char* command, const char* needs, const ParsedArgs& parsed, Target& target) {
-    std::string error;
-    if (!applyLogLevel(parsed, error) || !transportOf(parsed, target.kind, error)) {
-        return usageError(command, error);
-    }
-    if (parsed.positionals.size() < 3) {
-        return usageError(command, std::string(command) + " needs " + needs);
-    }
-    target.host = parsed.positionals[0];
-    if (!parsePort(parsed.positionals[1], false, target.port, error)) {
-        return usageError(command, error);
-    }
-    return kExitOk;
-}
-
-}  // namespace
-
 int runCall(const std::vector<std::string>& args) {
+    const CommandSpec& spec = *findCommand("call");
     ParsedArgs parsed;
-    std::string error;
-    if (!parseArgs(args, {{"--tcp", false}, {"--eudp", false}, {"--reliable", false}}, parsed, error)) {
-        return usageError("call", error);
-    }
-    if (parsed.has("--help")) {
-        std::fputs(kCallHelp, stdout);
-        return kExitOk;
+    int status = kExitOk;
+    if (!beginCommand(spec, args, parsed, status)) {
+        return status;
     }
     Target target;
-    const int status = parseTarget("call", "HOST PORT FID", parsed, target);
+    std::size_t first = 0;
+    status = parseTarget("call", "HOST PORT FID", parsed, target, first);
     if (status != kExitOk) {
         return status;
     }
-    const std::string& function = parsed.positionals[2];
+    if (first >= parsed.positionals.size()) {
+        return usageError("call", "call needs HOST PORT FID");
+    }
+    const std::string& function = parsed.positionals[first];
     std::vector<Token> words;
-    for (std::size_t i = 3; i < parsed.positionals.size(); ++i) {
+    for (std::size_t i = first + 1; i < parsed.positionals.size(); ++i) {
         words.push_back(argToken(parsed.positionals[i]));
     }
+    std::string error;
     std::vector<NamedValue> params;
     if (!parseArguments(words, params, error) || !checkCallFits(function, params, error)) {
         return usageError("call", error);
@@ -95,9 +37,9 @@ int runCall(const std::vector<std::string>& args) {
 
     EventQueue queue;
     ClientSession session(target.kind, queue);
-    const int connected = connectClient(session, target.host, target.port);
-    if (connected != kExitOk) {
-        return connected;
+    status = connectClient(session, target);
+    if (status != kExitOk) {
+        return status == kInterrupted ? kExitOk : status;
     }
     if (parsed.has("--reliable") && target.kind == eTransportEUDP &&
         !session.connection()->setReceiveMode(eReliable)) {
@@ -112,27 +54,70 @@ int runCall(const std::vector<std::string>& args) {
     return kExitOk;
 }
 
-int runSub(const std::vector<std::string>& args) {
-    ParsedArgs parsed;
-    std::string error;
-    if (!parseArgs(args,
-                   {{"--tcp", false},
-                    {"--eudp", false},
-                    {"--reliable", false},
-                    {"--json", false},
-                    {"--count", true},
-                    {"--timeout", true}},
-                   parsed, error)) {
-        return usageError("sub", error);
+namespace {
+
+// "ready: subscriptions sent for a b" on standard error, or the "ready" event in JSON.
+void announceReady(const std::vector<std::string>& names) {
+    std::string text;
+    std::string json;
+    for (const std::string& name : names) {
+        text += " " + word(name);
+        json += (json.empty() ? "" : ",") + jsonString(name);
     }
-    if (parsed.has("--help")) {
-        std::fputs(kSubHelp, stdout);
-        return kExitOk;
+    printNotice("ready: subscriptions sent for" + text, Json("ready").raw("names", "[" + json + "]"));
+}
+
+// Prints what arrives until --count, --timeout, the end of the connection or a signal.
+int receiveUpdates(MainLoop& loop, Printer& printer, const Target& target, long long count,
+                   std::int64_t deadline, const std::string& timeoutText) {
+    long long received = 0;
+    for (;;) {
+        Event event;
+        std::string line;
+        switch (loop.next(event, line, deadline)) {
+            case MainLoop::Wake::Event:
+                if (event.kind == EventKind::Update || event.kind == EventKind::Trigger) {
+                    printer.line(clientEventLine(event, target.kind, printer.format()));
+                    if (++received == count) {
+                        return kExitOk;
+                    }
+                } else if (event.kind == EventKind::Disconnected) {
+                    printError(event.end == EndReason::Lost
+                                   ? "connection lost: no answer from the server for 10 s"
+                                   : "connection closed by the server");
+                    return kExitClosed;
+                }
+                break;
+            case MainLoop::Wake::Deadline:
+                if (count > 0) {
+                    printError("timed out after " + timeoutText + " s with " + std::to_string(received) +
+                               " of " + std::to_string(count) + " messages");
+                    return kExitTimeout;
+                }
+                return kExitOk;
+            default:
+                return kExitOk;  // a signal
+        }
+    }
+}
+
+}  // namespace
+
+int runSub(const std::vector<std::string>& args) {
+    const CommandSpec& spec = *findCommand("sub");
+    ParsedArgs parsed;
+    int status = kExitOk;
+    if (!beginCommand(spec, args, parsed, status)) {
+        return status;
     }
     Target target;
-    const int status = parseTarget("sub", "HOST PORT NAME...", parsed, target);
+    std::size_t first = 0;
+    status = parseTarget("sub", "HOST PORT NAME...", parsed, target, first);
     if (status != kExitOk) {
         return status;
+    }
+    if (first >= parsed.positionals.size()) {
+        return usageError("sub", "sub needs HOST PORT NAME...");
     }
     long long count = -1;
     if (parsed.has("--count") &&
@@ -143,7 +128,9 @@ int runSub(const std::vector<std::string>& args) {
     if (parsed.has("--timeout") && !parseSeconds(parsed.value("--timeout"), timeoutMs)) {
         return usageError("sub", "--timeout needs a number of seconds above 0 (at most 86400)");
     }
-    const std::vector<std::string> names(parsed.positionals.begin() + 2, parsed.positionals.end());
+    const std::vector<std::string> names(parsed.positionals.begin() + static_cast<std::ptrdiff_t>(first),
+                                         parsed.positionals.end());
+    std::string error;
     for (const std::string& name : names) {
         if (!checkNameFits(name, error)) {
             return usageError("sub", error);
@@ -153,9 +140,9 @@ int runSub(const std::vector<std::string>& args) {
     Printer printer(formatOf(parsed));
     EventQueue queue;
     ClientSession session(target.kind, queue);
-    const int connected = connectClient(session, target.host, target.port);
-    if (connected != kExitOk) {
-        return connected;
+    status = connectClient(session, target);
+    if (status != kExitOk) {
+        return status == kInterrupted ? kExitOk : status;
     }
     // The clock starts once connected: --timeout bounds the wait for messages, not the connect.
     const std::int64_t deadline = timeoutMs < 0 ? -1 : monotonicMs() + timeoutMs;
@@ -170,41 +157,24 @@ int runSub(const std::vector<std::string>& args) {
             return kExitFailure;
         }
     }
+    announceReady(names);
     MainLoop loop(queue, false);
-    long long received = 0;
-    int exitStatus = kExitOk;
-    bool running = true;
-    while (running) {
-        Event event;
-        std::string line;
-        switch (loop.next(event, line, deadline)) {
-            case MainLoop::Wake::Event:
-                if (event.kind == EventKind::Update || event.kind == EventKind::Trigger) {
-                    printer.line(clientEventLine(event, target.kind, printer.format()));
-                    if (++received == count) {
-                        running = false;
-                    }
-                } else if (event.kind == EventKind::Disconnected) {
-                    printError("connection closed by the server");
-                    exitStatus = kExitClosed;
-                    running = false;
-                }
-                break;
-            case MainLoop::Wake::Deadline:
-                if (count > 0) {
-                    printError("timed out after " + parsed.value("--timeout") + " s with " +
-                               std::to_string(received) + " of " + std::to_string(count) + " messages");
-                    exitStatus = kExitTimeout;
-                }
-                running = false;
-                break;
-            default:
-                running = false;  // a signal
-                break;
-        }
-    }
+    status = receiveUpdates(loop, printer, target, count, deadline, parsed.value("--timeout"));
     session.close();
-    return exitStatus;
+    return status;
+}
+
+int runVersion(const std::vector<std::string>& args) {
+    ParsedArgs parsed;
+    int status = kExitOk;
+    if (!beginCommand(*findCommand("version"), args, parsed, status)) {
+        return status;
+    }
+    if (!parsed.positionals.empty()) {
+        return usageError("version", "unexpected argument '" + parsed.positionals[0] + "'");
+    }
+    printVersion();
+    return kExitOk;
 }
 
 }  // namespace tarncli

@@ -1,7 +1,4 @@
 // tarn serve: a TARN server with a table of named states, driven from standard input.
-#include <cstdio>
-
-#include "cliargs.h"
 #include "client.h"
 #include "commands.h"
 #include "report.h"
@@ -11,42 +8,31 @@ namespace tarncli {
 
 namespace {
 
-const char kUsage[] =
-    "usage: tarn serve [--tcp|--eudp] [--bind ADDR] --port P [--json] [--log-level LEVEL]\n"
-    "\n"
-    "Runs a TARN server on ADDR:P (every interface by default; port 0 picks a free port). The\n"
-    "first line printed names the transport, address and port bound. Every connection, status\n"
-    "change and received command is printed as it happens; a new subscriber gets the current\n"
-    "state of the name at once. End of input leaves the server running; quit, SIGINT or SIGTERM\n"
-    "stop it.\n"
-    "\n"
-    "Options:\n"
-    "  --tcp | --eudp      transport (default --tcp)\n"
-    "  --bind ADDR         local address to listen on (default: every interface)\n"
-    "  --port P            port to listen on, 0 to 65535 (required)\n"
-    "  --json              one JSON object per line\n"
-    "  --log-level LEVEL   show the library's log lines: none (default), error, warning, info, debug\n"
-    "\n";
+// Says how many connections it closes, closes them all at once, prints what they reported and
+// says when it is done.
+void stopServing(StateServer& server, ServeShell& shell, Printer& printer, EventQueue& queue) {
+    printer.line(stoppingLine(server.connectionCount(), printer.format()));
+    server.stop();
+    Event event;
+    while (queue.pop(event)) {
+        shell.report(event);
+    }
+    printer.line(stoppedLine(printer.format()));
+}
 
 }  // namespace
 
 int runServe(const std::vector<std::string>& args) {
+    const CommandSpec& spec = *findCommand("serve");
     ParsedArgs parsed;
-    std::string error;
-    if (!parseArgs(
-            args,
-            {{"--tcp", false}, {"--eudp", false}, {"--bind", true}, {"--port", true}, {"--json", false}},
-            parsed, error)) {
-        return usageError("serve", error);
-    }
-    if (parsed.has("--help")) {
-        std::fputs(kUsage, stdout);
-        std::fputs(ServeShell::commandHelp(), stdout);
-        return kExitOk;
+    int status = kExitOk;
+    if (!beginCommand(spec, args, parsed, status)) {
+        return status;
     }
     ETransport kind = eTransportTCP;
     std::uint16_t port = 0;
-    if (!applyLogLevel(parsed, error) || !transportOf(parsed, kind, error)) {
+    std::string error;
+    if (!transportOf(parsed, kind, error)) {
         return usageError("serve", error);
     }
     if (!parsed.positionals.empty()) {
@@ -58,17 +44,26 @@ int runServe(const std::vector<std::string>& args) {
     if (!parsePort(parsed.value("--port"), true, port, error)) {
         return usageError("serve", error);
     }
-    const std::string bind = parsed.value("--bind");
+    bool allow[4] = {true, true, true, true};
+    status = parseAllowedModes("serve", parsed, kind, allow);
+    if (status != kExitOk) {
+        return status;
+    }
+    std::string bind = parsed.value("--bind");
+    if (bind.size() > 2 && bind.front() == '[' && bind.back() == ']') {
+        bind = bind.substr(1, bind.size() - 2);  // [::1] as well as ::1
+    }
 
     Printer printer(formatOf(parsed));
     EventQueue queue;
     StateServer server(kind, queue);
+    server.allowModes(allow[0], allow[1], allow[2], allow[3]);
     switch (server.listen(bind, port)) {
         case StateServer::ListenResult::BadAddress:
             printError("unknown bind address '" + bind + "'");
             return kExitUnknownHost;
         case StateServer::ListenResult::Unavailable:
-            printError("cannot listen on " + server.address() + ":" + std::to_string(port) + " over " +
+            printError("cannot listen on " + hostPort(server.address(), port) + " over " +
                        transportName(kind) + ": address in use or not available");
             return kExitListen;
         default:
@@ -96,11 +91,7 @@ int runServe(const std::vector<std::string>& args) {
                 break;
         }
     }
-    server.stop();
-    Event event;
-    while (queue.pop(event)) {
-        shell.report(event);
-    }
+    stopServing(server, shell, printer, queue);
     return kExitOk;
 }
 

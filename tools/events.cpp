@@ -115,15 +115,6 @@ void EventGate::push(const Event& event) {
     } else {
         m_held.push_back(event);
     }
-    if (event.kind == EventKind::Disconnected) {
-        m_bDisconnected = true;
-        m_ended.notify_all();
-    }
-}
-
-bool EventGate::waitDisconnected(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_bDisconnected; });
 }
 
 void EventGate::open(const Event& connected) {

@@ -27,13 +27,19 @@ namespace tarncli {
 
 enum class EventKind { Connected, Disconnected, Subscribe, Unsubscribe, Call, Update, Trigger };
 
+// Why a connection ended: this side disconnected it (quit, end of input, a signal, the server
+// stopping), the peer closed it, or the peer stopped answering and the link was given up (EUDP's
+// keep-alive went unanswered for 10 s).
+enum class EndReason { Local, Closed, Lost };
+
 struct Event {
     EventKind kind = EventKind::Connected;
-    int source = 0;                  // connection number on a server, session number on a client
-    std::string name;                // state, trigger or function name
-    ParameterValue value;            // Update and Trigger
-    std::vector<NamedValue> params;  // Call, in name order
-    std::string peer;                // Connected: "address:port"
+    int source = 0;                    // connection number on a server, session number on a client
+    std::string name;                  // state, trigger or function name
+    ParameterValue value;              // Update and Trigger
+    std::vector<NamedValue> params;    // Call, in name order
+    std::string peer;                  // Connected: "address:port"
+    EndReason end = EndReason::Local;  // Disconnected
 };
 
 // A queue that any thread may push to. Its descriptor becomes readable when events are waiting, so
@@ -65,11 +71,6 @@ private:
 };
 
 // Holds one connection's events until it is known to be connected, then passes them on in order.
-//
-// It also tells when the connection's Disconnected has come. That status is the last thing the
-// connection's receive thread does, and a TARNConnection deletes its transport before it joins that
-// thread; so the owner waits here before deleting a connection whose thread ran, which orders the
-// thread's last use of the transport before the delete.
 class EventGate {
 public:
     explicit EventGate(EventQueue& queue) : m_queue(queue) {}
@@ -77,15 +78,11 @@ public:
     // Pushes `connected`, then everything held back; later events pass straight through.
     void open(const Event& connected);
     bool isOpen() const;
-    // Waits up to `timeoutMs` for a Disconnected event to have been pushed.
-    bool waitDisconnected(int timeoutMs);
 
 private:
     EventQueue& m_queue;
     mutable std::mutex m_mutex;
-    std::condition_variable m_ended;
     bool m_bOpen = false;
-    bool m_bDisconnected = false;
     std::vector<Event> m_held;
 };
 

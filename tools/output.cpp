@@ -1,13 +1,19 @@
 #include "output.h"
 
+#include <atomic>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <mutex>
 
 namespace tarncli {
 
 namespace {
 
 const char kHex[] = "0123456789abcdef";
+
+std::mutex g_outputMutex;
+std::atomic<Format> g_errorFormat{Format::Human};
 
 // Length of the valid UTF-8 sequence at `i`, or 0 when the byte there does not start one.
 std::size_t utf8Length(const std::string& text, std::size_t i) {
@@ -58,14 +64,11 @@ std::string floatText(float value) {
     if (std::isinf(value)) {
         return value < 0 ? "-inf" : "inf";
     }
+    // The shortest form std::to_chars finds reads back exactly and takes the exponent only where
+    // that is shorter than the plain digits.
     char text[48];
-    for (int precision = 1; precision <= 9; ++precision) {
-        std::snprintf(text, sizeof(text), "%.*g", precision, static_cast<double>(value));
-        if (std::strtof(text, nullptr) == value) {
-            break;
-        }
-    }
-    return text;
+    const std::to_chars_result result = std::to_chars(text, text + sizeof(text), value);
+    return std::string(text, result.ptr);
 }
 
 std::string quoted(const std::string& text) {
@@ -277,8 +280,8 @@ std::string jsonScalar(const ParameterValue& value) {
     if (value.getBooleanValue(b)) {
         return b ? "true" : "false";
     }
-    if (value.getFloatValue(f) && std::isfinite(f)) {
-        return floatText(f);
+    if (value.getFloatValue(f)) {
+        return std::isfinite(f) ? floatText(f) : jsonString(floatText(f));
     }
     return "null";
 }
@@ -301,17 +304,34 @@ Printer::Printer(Format format, std::FILE* out, const std::string& prefix)
     : m_format(format), m_out(out), m_prefix(prefix) {}
 
 void Printer::line(const std::string& text) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::fwrite(m_prefix.data(), 1, m_prefix.size(), m_out);
-    std::fwrite(text.data(), 1, text.size(), m_out);
-    std::fputc('\n', m_out);
-    std::fflush(m_out);
+    writeLine(m_out, m_prefix + text);
+}
+
+void writeLine(std::FILE* out, const std::string& text) {
+    std::lock_guard<std::mutex> lock(g_outputMutex);
+    std::fwrite(text.data(), 1, text.size(), out);
+    std::fputc('\n', out);
+    std::fflush(out);
+}
+
+void setErrorFormat(Format format) {
+    g_errorFormat.store(format);
 }
 
 void printError(const std::string& message) {
-    const std::string line = "tarn: " + message + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
-    std::fflush(stderr);
+    if (g_errorFormat.load() == Format::Json) {
+        writeLine(stdout, Json("error").text("message", message).str());
+    } else {
+        writeLine(stderr, "tarn: " + message);
+    }
+}
+
+void printNotice(const std::string& human, const Json& json) {
+    if (g_errorFormat.load() == Format::Json) {
+        writeLine(stdout, json.str());
+    } else {
+        writeLine(stderr, human);
+    }
 }
 
 }  // namespace tarncli

@@ -2,15 +2,15 @@
 // input takes (`update temp:f=21.5`, `call set level:i=3 mode="eco"`) or one JSON object per line
 // with fixed field names (docs/cli.md lists them).
 //
-// Printer is the one writer of standard output: it takes whole lines from any thread and writes
-// each with a single flush under its lock, so lines never interleave and a pipe reader sees each
-// line as soon as it is printed. Standard error gets the tool's one-line error messages.
+// Every line goes out whole under one lock shared by all printers and by printError, with a flush,
+// so lines never interleave and a pipe reader sees each line as soon as it is printed. Standard
+// error gets the tool's one-line error messages, or, once setErrorFormat(Json) was called, they go
+// to standard output as JSON objects among the others.
 #ifndef TARN_TOOLS_OUTPUT_H
 #define TARN_TOOLS_OUTPUT_H
 
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,8 +22,8 @@ namespace tarncli {
 
 enum class Format { Human, Json };
 
-// The float as the shortest decimal text that reads back as the same float ("21.5", "0.1",
-// "1234567", "nan", "inf").
+// The float as the shortest decimal text that reads back as the same float ("21.5", "0.1", "10",
+// "1500", "1e+20", "nan", "inf", "-inf"): plain digits unless the exponent form is shorter.
 std::string floatText(float value);
 
 // A text in double quotes with \" \\ \n \r \t and \xHH escapes: the form the input reads back.
@@ -65,8 +65,9 @@ private:
     std::string m_text;
 };
 
-// The JSON value of a ParameterValue: a string, number, boolean, or null (none, foreign tags and
-// floats that JSON cannot write: NaN and the infinities).
+// The JSON value of a ParameterValue: a string, number, boolean, or null (none and foreign tags).
+// Floats that JSON has no number for are the strings "nan", "inf" and "-inf", as the input writes
+// them, so that each stays told apart from the others.
 std::string jsonScalar(const ParameterValue& value);
 // [{"name":...,"type":...,"value":...}, ...]
 std::string jsonParams(const std::vector<NamedValue>& values);
@@ -92,11 +93,21 @@ private:
     Format m_format;
     std::FILE* m_out;
     std::string m_prefix;
-    std::mutex m_mutex;
 };
 
-// "tarn: <message>" on standard error, one line.
+// Writes `text` and a line end to `out` under the lock that every printed line takes, then flushes.
+void writeLine(std::FILE* out, const std::string& text);
+
+// Human (the default): errors are "tarn: <message>" lines on standard error. Json: they are
+// {"event":"error","message":"<message>"} lines on standard output.
+void setErrorFormat(Format format);
+
+// One error line in the form set by setErrorFormat.
 void printError(const std::string& message);
+
+// A line of progress that is not a result: on standard error as it stands in human form, or the
+// JSON object on standard output (sub's ready line, the wait for a server).
+void printNotice(const std::string& human, const Json& json);
 
 }  // namespace tarncli
 

@@ -14,7 +14,7 @@ std::string clientEventLine(const Event& event, ETransport kind, Format format) 
                               .str()
                         : std::string("connected ") + transportName(kind) + " " + event.peer;
         case EventKind::Disconnected:
-            return json ? Json("disconnected").str() : "disconnected";
+            return json ? Json("disconnected").text("reason", endName(event.end)).str() : "disconnected";
         case EventKind::Update:
             return json ? Json("update").text("name", event.name).value(event.value).str()
                         : "update " + namedValue(event.name, event.value);
@@ -38,8 +38,9 @@ std::string serverEventLine(const Event& event, Format format) {
             text = "connected " + event.peer;
             break;
         case EventKind::Disconnected:
-            json = Json("disconnected").number("conn", event.source);
-            text = "disconnected";
+            json = Json("disconnected").number("conn", event.source).text("reason", endName(event.end));
+            text = event.end == EndReason::Lost ? "disconnected: no answer from the client for 10 s"
+                                                : "disconnected";
             break;
         case EventKind::Subscribe:
             json = Json("subscribe").number("conn", event.source).text("name", event.name);
@@ -89,7 +90,8 @@ std::string listeningLine(ETransport kind, const std::string& address, int port,
             .number("port", port)
             .str();
     }
-    return std::string("listening on ") + transportName(kind) + " " + address + ":" + std::to_string(port);
+    return std::string("listening on ") + transportName(kind) + " " +
+           hostPort(address, static_cast<unsigned int>(port));
 }
 
 std::string deliveryLine(const std::string& command, const std::string& name, const ParameterValue& value,
@@ -119,24 +121,55 @@ std::string sentCallLine(const std::string& function, const std::vector<NamedVal
 }
 
 std::string modeLine(const std::string& direction, EConnMode requested, bool ok, const std::string& outcome,
-                     EConnMode sending, EConnMode receiving, Format format) {
+                     EConnMode sending, EConnMode receiving, Format format, int conn) {
     if (format == Format::Json) {
-        return Json("mode")
-            .text("direction", direction)
+        Json json("mode");
+        if (conn > 0) {
+            json.number("conn", conn);
+        }
+        return json.text("direction", direction)
             .text("mode", modeName(requested))
             .flag("ok", ok)
             .text("send", modeName(sending))
             .text("receive", modeName(receiving))
             .str();
     }
-    return "mode " + direction + " " + modeName(requested) + " " + outcome;
+    const std::string tag = conn > 0 ? "[" + std::to_string(conn) + "] " : std::string();
+    return tag + "mode " + direction + " " + modeName(requested) + " " + outcome;
 }
 
-std::string windowLine(long long size, bool ok, const std::string& outcome, Format format) {
+std::string windowLine(long long size, bool ok, const std::string& outcome, Format format, int conn) {
     if (format == Format::Json) {
-        return Json("window").number("size", size).flag("ok", ok).str();
+        Json json("window");
+        if (conn > 0) {
+            json.number("conn", conn);
+        }
+        return json.number("size", size).flag("ok", ok).str();
     }
-    return "window " + std::to_string(size) + " " + outcome;
+    const std::string tag = conn > 0 ? "[" + std::to_string(conn) + "] " : std::string();
+    return tag + "window " + std::to_string(size) + " " + outcome;
+}
+
+std::string stoppingLine(std::size_t connections, Format format) {
+    if (format == Format::Json) {
+        return Json("stopping").number("connections", static_cast<long long>(connections)).str();
+    }
+    return "stopping: closing " + std::to_string(connections) + " connection" + (connections == 1 ? "" : "s");
+}
+
+std::string stoppedLine(Format format) {
+    return format == Format::Json ? Json("stopped").str() : "stopped";
+}
+
+const char* endName(EndReason end) {
+    switch (end) {
+        case EndReason::Closed:
+            return "closed";
+        case EndReason::Lost:
+            return "lost";
+        default:
+            return "local";
+    }
 }
 
 const char* modeName(EConnMode mode) {

@@ -1,5 +1,7 @@
-#include <cstdio>
+#include <limits>
 
+#include "commands.h"
+#include "commandtable.h"
 #include "report.h"
 #include "shells.h"
 
@@ -7,34 +9,16 @@ namespace tarncli {
 
 namespace {
 
-const char kCommandHelp[] =
-    "Commands:\n"
-    "  set NAME VALUE          store the state and send it to the connections subscribed to NAME\n"
-    "  set NAME[:t]=TEXT       the same in one word, e.g. set temp:f=21.5\n"
-    "  trigger NAME VALUE      send a trigger to the connections subscribed to NAME\n"
-    "  trigger NAME[:t]=TEXT   the same in one word\n"
-    "  list                    show the states, their subscribers and the connections\n"
-    "  quit                    disconnect every connection and exit\n"
-    "  help                    show these commands\n"
-    "VALUE is TEXT (a string), :i=42, :b=on|off, :f=1.5 or :s=TEXT. Words may be quoted:\n"
-    "\"two words\" (with \\\" \\\\ \\n \\t \\xHH escapes) or 'two words'.\n";
-
-const char kCommands[] =
-    "commands: set NAME VALUE | set NAME[:t]=TEXT | trigger NAME VALUE | trigger NAME[:t]=TEXT | list | quit";
-
 std::string plural(std::size_t count, const char* noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace
 
-const char* ServeShell::commandHelp() {
-    return kCommandHelp;
-}
-
 bool ServeShell::execute(const std::string& line) {
     std::vector<Token> words;
-    if (!commandWords(line, words)) {
+    bool failed = false;
+    if (!commandWords(line, words, failed)) {
         return true;
     }
     const std::string& command = words[0].text;
@@ -42,14 +26,16 @@ bool ServeShell::execute(const std::string& line) {
         send(command == "trigger", words);
     } else if (command == "list") {
         list();
+    } else if (command == "mode") {
+        mode(words);
+    } else if (command == "window") {
+        window(words);
     } else if (command == "quit" || command == "exit") {
         return false;
     } else if (command == "help") {
-        std::FILE* out = m_printer.json() ? stderr : stdout;  // keep standard output all JSON
-        std::fputs(kCommandHelp, out);
-        std::fflush(out);
+        printShellHelp("serve", m_printer);
     } else {
-        printError("unknown command '" + command + "'; " + kCommands);
+        printError("unknown command '" + command + "'; " + shellCommandList(*findCommand("serve")));
     }
     return true;
 }
@@ -123,6 +109,62 @@ void ServeShell::list() {
                            .text("peer", connection.peer)
                            .raw("subscriptions", "[" + json + "]"));
     }
+}
+
+TARNConnection* ServeShell::target(const Token& word, int& id) {
+    long long number = 0;
+    if (!parseInteger(word.text, 1, std::numeric_limits<int>::max(), number)) {
+        printError("'" + word.text + "' is not a connection number");
+        return nullptr;
+    }
+    id = static_cast<int>(number);
+    TARNConnection* connection = m_server.connection(id);
+    if (!connection) {
+        printError("no connection [" + word.text + "]; 'list' shows them");
+    }
+    return connection;
+}
+
+void ServeShell::mode(const std::vector<Token>& words) {
+    EConnMode mode = eReliable;
+    if (words.size() != 4 || (words[2].text != "send" && words[2].text != "receive") ||
+        !parseMode(words[3].text, mode)) {
+        printError("mode needs CONN, send|receive and realtime|reliable");
+        return;
+    }
+    int id = 0;
+    TARNConnection* connection = target(words[1], id);
+    if (!connection) {
+        return;
+    }
+    const bool send = words[2].text == "send";
+    const bool ok = send ? connection->setSendMode(mode) : connection->setReceiveMode(mode);
+    EUDPTransport* eudp = m_server.eudp(id);
+    const EConnMode sending = eudp ? eudp->getSendMode() : eReliable;
+    const EConnMode receiving = eudp ? eudp->getReceiveMode() : eReliable;
+    m_printer.line(modeLine(words[2].text, mode, ok, modeOutcome(ok, eudp, "client"), sending, receiving,
+                            m_printer.format(), id));
+}
+
+void ServeShell::window(const std::vector<Token>& words) {
+    long long size = 0;
+    if (words.size() != 3 ||
+        !parseInteger(words[2].text, 0, std::numeric_limits<unsigned int>::max(), size)) {
+        printError("window needs CONN and a size N from 0 to 4294967295");
+        return;
+    }
+    int id = 0;
+    TARNConnection* connection = target(words[1], id);
+    if (!connection) {
+        return;
+    }
+    const bool ok = connection->setWindowSize(static_cast<uint>(size));
+    std::string outcome = "ok";
+    if (!ok) {
+        outcome = m_server.eudp(id) ? "failed: the client did not confirm within 10 s"
+                                    : "refused: tcp has no window";
+    }
+    m_printer.line(windowLine(size, ok, outcome, m_printer.format(), id));
 }
 
 void ServeShell::report(const Event& event) {

@@ -1,57 +1,32 @@
 #include "server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <algorithm>
 #include <chrono>
-#include <thread>
 
 #include <sal/hostaddress.h>
+#include <tcptransport.h>
+
+#include "values.h"
 
 namespace tarncli {
 
 namespace {
 
-// How long stop() waits for each connection's receive thread to report its end after disconnect().
-const int kDisconnectWaitMs = 10000;
+// The most connections closed at the same moment by stop(). Closing one mostly waits (its
+// destructor gives the receive thread time to leave), so many at once cost little.
+const std::size_t kParallelCloses = 256;
 
-// Whether address:port can be bound right now. The listener binds on its own thread and reports
-// nothing when that fails (and a TCP listener whose bind failed hands out a connection without a
-// socket), so the tool asks the system first and refuses to start instead.
-bool canBind(ETransport kind, const sal::HostAddress& address, std::uint16_t port) {
-    const int fd = ::socket(AF_INET, (kind == eTransportTCP ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return false;
-    }
-    if (kind == eTransportTCP) {
-        const int on = 1;  // as the platform's TCP socket does: a port in TIME_WAIT is free
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    }
-    sockaddr_in local = {};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(port);
-    local.sin_addr.s_addr = htonl(address.toUint32());
-    const bool ok = ::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
-    ::close(fd);
-    return ok;
-}
+// After a failed accept that left the listening transport open (out of descriptors, say), the
+// accept thread waits this long before it tries again, so that it does not spin.
+const int kAcceptRetryMs = 100;
 
 }  // namespace
 
-class StateServer::Connector : public ITARNConnector {
-public:
-    explicit Connector(StateServer* server) : m_pServer(server) {}
-    void onNewConnection(TARNConnection* connection) override { m_pServer->adopt(connection); }
-
-private:
-    StateServer* m_pServer;
-};
-
 class StateServer::Session : public ITARNServer {
 public:
-    Session(int id, TARNConnection* connection, const std::string& peer, EventQueue& queue)
-        : m_id(id), m_pConnection(connection), m_peer(peer), m_gate(queue) {}
+    Session(int id, TARNConnection* connection, EUDPTransport* eudp, const std::string& peer,
+            EventQueue& queue)
+        : m_id(id), m_pConnection(connection), m_pEudp(eudp), m_peer(peer), m_gate(queue) {}
     virtual ~Session() = default;
 
     void onSubscribe(const std::string& name) override {
@@ -75,18 +50,32 @@ public:
             Event event = make(EventKind::Connected);
             event.peer = m_peer;
             m_gate.open(event);
-        } else {
-            m_gate.push(make(EventKind::Disconnected));
+            return;
         }
+        Event event = make(EventKind::Disconnected);
+        if (m_bClosing) {
+            event.end = EndReason::Local;
+        } else if (m_pEudp && m_pEudp->hasTimedOut()) {
+            event.end = EndReason::Lost;
+        } else {
+            event.end = EndReason::Closed;
+        }
+        m_gate.push(event);
     }
 
-    // Waits for the receive thread's last act (see EventGate) before the connection is deleted.
-    void waitDisconnected() { m_gate.waitDisconnected(kDisconnectWaitMs); }
+    // Disconnects and deletes the connection; waits for its receive thread.
+    void close() {
+        m_bClosing = true;
+        m_pConnection->disconnect();
+        delete m_pConnection;
+    }
 
     const int m_id;
     TARNConnection* const m_pConnection;  // owned by the StateServer
+    EUDPTransport* const m_pEudp;         // owned by m_pConnection; null over TCP
     const std::string m_peer;
     std::set<std::string> m_subscriptions;  // main thread only
+    std::atomic<bool> m_bClosing{false};    // this side is ending the connection
 
 private:
     Event make(EventKind kind) const {
@@ -105,41 +94,79 @@ StateServer::~StateServer() {
     stop();
 }
 
+void StateServer::allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime,
+                             bool receiveReliable) {
+    m_allow[0] = sendRealtime;
+    m_allow[1] = sendReliable;
+    m_allow[2] = receiveRealtime;
+    m_allow[3] = receiveReliable;
+}
+
 StateServer::ListenResult StateServer::listen(const std::string& address, std::uint16_t port) {
     const sal::HostAddress host(address);
     if (!host.isValid()) {
         return ListenResult::BadAddress;
     }
     m_address = host.getAddressString();
-    if (!canBind(m_kind, host, port)) {
+    ITARNTransport* listening = nullptr;
+    if (m_kind == eTransportEUDP) {
+        listening = new EUDPTransport();
+    } else {
+        listening = new TCPTransport();
+    }
+    if (!listening->listen(host, port)) {
+        delete listening;
         return ListenResult::Unavailable;
     }
-    m_pListener = new TARNListener(m_kind);
-    m_pListener->listen(m_address, port, new Connector(this));
-    // The listener binds on its own thread; wait for the port it got.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (m_pListener->getLocalPort() == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return ListenResult::Unavailable;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    m_pListening = listening;
+    m_acceptor = std::thread(&StateServer::acceptLoop, this);
     return ListenResult::Listening;
 }
 
 std::uint16_t StateServer::port() const {
-    return m_pListener ? m_pListener->getLocalPort() : 0;
+    return m_pListening ? m_pListening->getLocalPort() : 0;
 }
 
-void StateServer::adopt(TARNConnection* connection) {
-    const std::string peer = connection->getPeerAddress() + ":" + std::to_string(connection->getPeerPort());
-    std::lock_guard<std::mutex> lock(m_mutex);
-    const int id = m_nextId++;
-    std::unique_ptr<Session> session(new Session(id, connection, peer, m_queue));
-    // Attached before the listener starts the connection: every command from the first packet on,
-    // and the connected status, reach the session.
-    connection->setServer(session.get());
-    m_sessions[id] = std::move(session);
+void StateServer::acceptLoop() {
+    for (;;) {
+        ITARNTransport* const accepted = m_pListening->accept();
+        if (m_bStopping.load()) {
+            delete accepted;  // a peer accepted at this moment is dropped unused
+            return;
+        }
+        if (accepted == nullptr) {
+            return;  // the listening transport failed for good
+        }
+        // A TCP accept that failed hands out a transport without a socket, which has no port.
+        if (m_kind == eTransportTCP && accepted->getLocalPort() == 0) {
+            delete accepted;
+            std::this_thread::sleep_for(std::chrono::milliseconds(kAcceptRetryMs));
+            continue;
+        }
+        adopt(accepted);
+    }
+}
+
+void StateServer::adopt(ITARNTransport* transport) {
+    EUDPTransport* eudp = nullptr;
+    if (m_kind == eTransportEUDP) {
+        eudp = static_cast<EUDPTransport*>(transport);
+        eudp->allowSendMode(m_allow[0], m_allow[1]);
+        eudp->allowReceiveMode(m_allow[2], m_allow[3]);
+    }
+    TARNConnection* const connection = new TARNConnection(transport);
+    const std::string peer = hostPort(connection->getPeerAddress(), connection->getPeerPort());
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const int id = m_nextId++;
+        std::unique_ptr<Session> session(new Session(id, connection, eudp, peer, m_queue));
+        // Attached before the connection starts: every command from the first packet on, and the
+        // connected status, reach the session.
+        connection->setServer(session.get());
+        m_sessions[id] = std::move(session);
+    }
+    connection->start();
+    connection->updateStatus(eConnected);
 }
 
 StateServer::Session* StateServer::find(int id) const {
@@ -149,7 +176,7 @@ StateServer::Session* StateServer::find(int id) const {
 }
 
 void StateServer::reap(int id) {
-    std::unique_ptr<Session> session;
+    std::shared_ptr<Session> session;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const auto it = m_sessions.find(id);
@@ -159,10 +186,13 @@ void StateServer::reap(int id) {
         session = std::move(it->second);
         m_sessions.erase(it);
     }
-    // The connection goes first: deleting it joins its receive thread, the session's only caller.
-    // The Disconnected event being handled here has already come from that thread.
-    session->m_pConnection->disconnect();
-    delete session->m_pConnection;
+    // The connection's receive thread has ended (its Disconnected event is being handled); the
+    // deletion still waits a while, so it runs beside the main thread. Connection first, then the
+    // session it called.
+    m_closing.push_back(std::async(std::launch::async, [session] { session->close(); }));
+    m_closing.remove_if([](const std::future<void>& closing) {
+        return closing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
 }
 
 StateServer::Reply StateServer::handle(const Event& event) {
@@ -205,8 +235,8 @@ StateServer::Delivery StateServer::sendToSubscribers(const std::string& name, co
             }
         }
     }
-    // Sent outside the lock: a send may wait for room in a transport, and the listener thread must
-    // not wait behind it. Only this thread deletes sessions, so the pointers stay valid.
+    // Sent outside the lock: a send may wait for room in a transport, and the accept thread must
+    // not wait behind it. Only this thread removes sessions, so the pointers stay valid.
     Delivery delivery;
     for (Session* session : targets) {
         const bool ok = isTrigger ? session->m_pConnection->trigger(name, value)
@@ -259,27 +289,55 @@ std::vector<StateServer::ConnectionInfo> StateServer::connections() const {
     return out;
 }
 
+std::size_t StateServer::connectionCount() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_sessions.size();
+}
+
 TARNConnection* StateServer::connection(int id) const {
     Session* const session = find(id);
     return session ? session->m_pConnection : nullptr;
 }
 
+EUDPTransport* StateServer::eudp(int id) const {
+    Session* const session = find(id);
+    return session ? session->m_pEudp : nullptr;
+}
+
 void StateServer::stop() {
-    // Deleting the listener waits for its thread; after that no connection is handed over.
-    delete m_pListener;
-    m_pListener = nullptr;
-    std::map<int, std::unique_ptr<Session>> sessions;
+    m_bStopping = true;
+    if (m_pListening) {
+        m_pListening->disconnect();  // a blocked accept comes back
+        m_acceptor.join();
+        delete m_pListening;
+        m_pListening = nullptr;
+    }
+    std::vector<std::unique_ptr<Session>> sessions;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        sessions.swap(m_sessions);
+        for (auto& entry : m_sessions) {
+            sessions.push_back(std::move(entry.second));
+        }
+        m_sessions.clear();
     }
-    for (auto& entry : sessions) {
-        entry.second->m_pConnection->disconnect();
+    // Every connection at once, on up to kParallelCloses threads that take them in turn.
+    std::atomic<std::size_t> next{0};
+    std::vector<std::thread> closers;
+    const std::size_t threads = std::min(sessions.size(), kParallelCloses);
+    for (std::size_t i = 0; i < threads; ++i) {
+        closers.emplace_back([&sessions, &next] {
+            for (std::size_t k = next++; k < sessions.size(); k = next++) {
+                sessions[k]->close();
+            }
+        });
     }
-    for (auto& entry : sessions) {
-        entry.second->waitDisconnected();
-        delete entry.second->m_pConnection;
+    for (std::thread& closer : closers) {
+        closer.join();
     }
+    for (std::future<void>& closing : m_closing) {
+        closing.wait();
+    }
+    m_closing.clear();
 }
 
 }  // namespace tarncli

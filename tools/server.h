@@ -1,28 +1,38 @@
-// The server side of the tool: a TARNListener, the connections it hands over, a table of named
-// states and each connection's subscriptions.
+// The server side of the tool: a listening transport with its accept thread, the connections it
+// accepts, a table of named states and each connection's subscriptions.
 //
-// Ownership: StateServer owns the listener (which owns and deletes the small connector object) and
-// every connection handed to onNewConnection, each with the Session that serves it. A connection
-// is deleted on the main thread once its Disconnected event has been handled, after disconnect(),
-// and before its Session; never from a callback.
+// The tool accepts on a transport of its own rather than through a TARNListener so that it can
+// set each accepted EUDP transport's allowed modes before the connection starts, keep that
+// transport at hand to show the modes a request left, and tell a peer that stopped answering from
+// one that closed; and so that a port that cannot be bound is known before anything starts.
 //
-// Threads: the connector runs on the listener's thread and adds sessions under m_mutex; each
-// Session's callbacks run on its connection's receive thread and only push events. Everything else
-// (handle, set, trigger, the listings, stop) belongs to the main thread, which alone deletes
-// sessions and alone reads and writes the state table and the subscriptions.
+// Ownership: StateServer owns the listening transport, the accept thread and every connection it
+// accepted, each with the Session that serves it. A connection is disconnected and deleted off the
+// main thread (its destructor waits for its receive thread, which takes a while) once its
+// Disconnected event has been handled, or by stop(); always before its Session, never from a
+// callback.
+//
+// Threads: the accept thread adds sessions under m_mutex; each Session's callbacks run on its
+// connection's receive thread and only push events. Everything else (handle, set, trigger, the
+// listings, the requests, stop) belongs to the main thread, which alone removes sessions and alone
+// reads and writes the state table and the subscriptions.
 #ifndef TARN_TOOLS_SERVER_H
 #define TARN_TOOLS_SERVER_H
 
+#include <atomic>
 #include <cstdint>
+#include <future>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <eudptransport.h>
 #include <tarnconnection.h>
-#include <tarnlistener.h>
 
 #include "events.h"
 
@@ -37,7 +47,10 @@ public:
     StateServer(const StateServer&) = delete;
     StateServer& operator=(const StateServer&) = delete;
 
-    // Starts listening and waits until the port is bound. `address` empty means every interface.
+    // Before listen, EUDP only: the modes each accepted connection agrees to when its client asks.
+    void allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime, bool receiveReliable);
+
+    // Binds address:port and starts accepting. `address` empty means every interface.
     ListenResult listen(const std::string& address, std::uint16_t port);
     std::uint16_t port() const;
     std::string address() const { return m_address; }
@@ -74,19 +87,21 @@ public:
     };
     std::vector<StateInfo> states() const;
     std::vector<ConnectionInfo> connections() const;
+    std::size_t connectionCount() const;
 
-    // The session's connection, for the demo's scripted steps; null when unknown.
+    // The session's connection and, over EUDP, its transport; null when unknown.
     TARNConnection* connection(int id) const;
+    EUDPTransport* eudp(int id) const;
 
-    // Stops listening, then disconnects and deletes every connection. Their Disconnected events are
-    // in the queue when this returns.
+    // Stops accepting, then disconnects and deletes every connection, all at once. Their
+    // Disconnected events are in the queue when this returns.
     void stop();
 
 private:
-    class Connector;
     class Session;
 
-    void adopt(TARNConnection* connection);  // listener thread
+    void acceptLoop();                      // accept thread
+    void adopt(ITARNTransport* transport);  // accept thread
     Session* find(int id) const;
     void reap(int id);
     Delivery sendToSubscribers(const std::string& name, const ParameterValue& value, bool isTrigger);
@@ -94,13 +109,17 @@ private:
     ETransport m_kind;
     EventQueue& m_queue;
     std::string m_address;
-    TARNListener* m_pListener = nullptr;
+    bool m_allow[4] = {true, true, true, true};  // send realtime, send reliable, receive ...
+    ITARNTransport* m_pListening = nullptr;
+    std::thread m_acceptor;
+    std::atomic<bool> m_bStopping{false};
 
     mutable std::mutex m_mutex;  // guards m_sessions and m_nextId
     std::map<int, std::unique_ptr<Session>> m_sessions;
     int m_nextId = 1;
 
     std::map<std::string, ParameterValue> m_states;  // main thread only
+    std::list<std::future<void>> m_closing;          // main thread only: ended connections going
 };
 
 }  // namespace tarncli

@@ -411,6 +411,51 @@ bool checkCallFits(const std::string& function, const std::vector<NamedValue>& p
     return true;
 }
 
+bool parseTarget(const std::vector<std::string>& words, std::size_t first, std::string& host,
+                 std::uint16_t& port, std::size_t& used, std::string& error) {
+    if (first >= words.size()) {
+        error.clear();
+        return false;
+    }
+    const std::string& word = words[first];
+    std::string portText;
+    bool portInWord = false;
+    if (!word.empty() && word[0] == '[') {
+        const std::size_t close = word.find(']');
+        const std::string rest = close == std::string::npos ? std::string() : word.substr(close + 1);
+        if (close == std::string::npos || close == 1 || (!rest.empty() && rest[0] != ':')) {
+            error = "malformed address '" + word + "' (write [ADDR]:PORT or ADDR PORT)";
+            return false;
+        }
+        host = word.substr(1, close - 1);
+        portInWord = !rest.empty();
+        portText = portInWord ? rest.substr(1) : std::string();
+    } else {
+        const std::size_t colon = word.find(':');
+        portInWord = colon != std::string::npos && word.find(':', colon + 1) == std::string::npos;
+        host = portInWord ? word.substr(0, colon) : word;
+        portText = portInWord ? word.substr(colon + 1) : std::string();
+        if (host.empty()) {
+            error = "malformed address '" + word + "' (write HOST:PORT or HOST PORT)";
+            return false;
+        }
+    }
+    if (!portInWord) {
+        if (first + 1 >= words.size()) {
+            error.clear();
+            return false;
+        }
+        portText = words[first + 1];
+    }
+    used = portInWord ? 1 : 2;
+    return parsePort(portText, false, port, error);
+}
+
+std::string hostPort(const std::string& address, unsigned int port) {
+    const bool v6 = address.find(':') != std::string::npos;
+    return (v6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
 bool parsePort(const std::string& text, bool allowZero, std::uint16_t& port, std::string& error) {
     long long value = 0;
     if (!parseInteger(text, std::numeric_limits<long long>::min(), std::numeric_limits<long long>::max(),

@@ -61,6 +61,17 @@ bool checkNameFits(const std::string& name, std::string& error);
 bool checkValueFits(const std::string& name, const ParameterValue& value, std::string& error);
 bool checkCallFits(const std::string& function, const std::vector<NamedValue>& params, std::string& error);
 
+// Where to connect, from the positional words that begin at `first`: "HOST PORT" (two words),
+// "HOST:PORT" or "[ADDR]:PORT" (one word). A word with more than one ':' and no brackets is an IPv6
+// address, whose port is the next word; "[ADDR]" alone is one too. `used` tells how many words
+// were taken. False with a message for a malformed word or port, and with an empty message when
+// the host or the port is missing (the caller says what the command needs).
+bool parseTarget(const std::vector<std::string>& words, std::size_t first, std::string& host,
+                 std::uint16_t& port, std::size_t& used, std::string& error);
+
+// "address:port", with the address in brackets when it holds a ':' (an IPv6 address).
+std::string hostPort(const std::string& address, unsigned int port);
+
 // A port number: decimal, 1 to 65535 (0 too when `allowZero`).
 bool parsePort(const std::string& text, bool allowZero, std::uint16_t& port, std::string& error);
 

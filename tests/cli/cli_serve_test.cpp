@@ -65,7 +65,7 @@ TEST_P(CliServe, NewSubscriberGetsTheStateAtOnceThenEachUpdate) {
     EXPECT_EQ(line, "update temp:f=22.5");
     EXPECT_EQ(sub.wait(kWaitMs), 0);
     EXPECT_EQ(sub.restOfOutput(), "");
-    EXPECT_EQ(sub.restOfErrors(), "");
+    EXPECT_EQ(sub.restOfErrors(), "ready: subscriptions sent for temp\n");
     EXPECT_EQ(serve.next(), "[1] disconnected");
     EXPECT_EQ(serve.quit(), 0);
     EXPECT_EQ(serve.process().restOfErrors(), "");
@@ -207,7 +207,10 @@ TEST_P(CliServe, JsonLines) {
     ToolProcess sub(subArgs(serve, {"--json", "msg", "--count", "1"}));
     EXPECT_EQ(sub.wait(kWaitMs), 0);
     EXPECT_EQ(sub.restOfOutput(),
-              "{\"event\":\"update\",\"name\":\"msg\",\"type\":\"string\",\"value\":" + value + "}\n");
+              "{\"event\":\"ready\",\"names\":[\"msg\"]}\n"
+              "{\"event\":\"update\",\"name\":\"msg\",\"type\":\"string\",\"value\":" +
+                  value + "}\n");
+    EXPECT_EQ(sub.restOfErrors(), "");
     std::string line = serve.next();
     EXPECT_TRUE(startsWith(line, "{\"event\":\"connected\",\"conn\":1,\"peer\":\"127.0.0.1:")) << line;
     EXPECT_EQ(serve.next(), "{\"event\":\"subscribe\",\"conn\":1,\"name\":\"msg\"}");
@@ -215,7 +218,7 @@ TEST_P(CliServe, JsonLines) {
               "{\"event\":\"sent\",\"conn\":1,\"command\":\"update\",\"name\":\"msg\",\"type\":\"string\","
               "\"value\":" +
                   value + "}");
-    EXPECT_EQ(serve.next(), "{\"event\":\"disconnected\",\"conn\":1}");
+    EXPECT_EQ(serve.next(), "{\"event\":\"disconnected\",\"conn\":1,\"reason\":\"closed\"}");
 
     ToolProcess call(callArgs(serve, {"f", "n:i=5", "b:b=off", "x:f=0.25", "s=\xc3\xa9"}));
     EXPECT_EQ(call.wait(kWaitMs), 0);
@@ -227,7 +230,7 @@ TEST_P(CliServe, JsonLines) {
               "{\"name\":\"n\",\"type\":\"int\",\"value\":5},"
               "{\"name\":\"s\",\"type\":\"string\",\"value\":\"\xc3\xa9\"},"
               "{\"name\":\"x\",\"type\":\"float\",\"value\":0.25}]}");
-    EXPECT_EQ(serve.next(), "{\"event\":\"disconnected\",\"conn\":2}");
+    EXPECT_EQ(serve.next(), "{\"event\":\"disconnected\",\"conn\":2,\"reason\":\"closed\"}");
 
     serve.send("trigger t:b=on");
     EXPECT_EQ(serve.next(),
@@ -236,16 +239,25 @@ TEST_P(CliServe, JsonLines) {
     EXPECT_EQ(serve.next(), "{\"event\":\"list\",\"states\":1,\"connections\":0}");
     EXPECT_EQ(serve.next(), "{\"event\":\"state\",\"name\":\"msg\",\"type\":\"string\",\"value\":" + value +
                                 ",\"subscribers\":[]}");
-    EXPECT_EQ(serve.quit(), 0);
+    serve.send("quit");
+    EXPECT_EQ(serve.next(), "{\"event\":\"stopping\",\"connections\":0}");
+    EXPECT_EQ(serve.next(), "{\"event\":\"stopped\"}");
+    EXPECT_EQ(serve.process().wait(kWaitMs), 0);
 }
+
+namespace {
+
+const std::string kServeCommands =
+    "commands: set NAME VALUE | set NAME[:t]=TEXT | trigger NAME VALUE | trigger NAME[:t]=TEXT | list | "
+    "mode CONN send MODE | mode CONN receive MODE | window CONN N | quit";
+
+}  // namespace
 
 TEST_P(CliServe, BadInputLinesAreReportedAndServingGoesOn) {
     ServeProcess serve(transport());
     ASSERT_NE(serve.port(), 0);
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"frob",
-         "unknown command 'frob'; commands: set NAME VALUE | set NAME[:t]=TEXT | trigger NAME VALUE | "
-         "trigger NAME[:t]=TEXT | list | quit"},
+        {"frob", "unknown command 'frob'; " + kServeCommands},
         {"set", "set needs NAME VALUE or NAME[:t]=TEXT"},
         {"set x", "set needs NAME VALUE or NAME[:t]=TEXT"},
         {"set x y z", "set needs NAME VALUE or NAME[:t]=TEXT"},
@@ -256,9 +268,7 @@ TEST_P(CliServe, BadInputLinesAreReportedAndServingGoesOn) {
         {"set n " + std::string(1485, 'v'),
          "the message is too large for one TARN message: it needs 1489 bytes of "
          "room, a message carries at most 1488"},
-        {"\x01\x02",
-         "unknown command '\x01\x02'; commands: set NAME VALUE | set NAME[:t]=TEXT | trigger NAME VALUE "
-         "| trigger NAME[:t]=TEXT | list | quit"},
+        {"\x01\x02", "unknown command '\x01\x02'; " + kServeCommands},
     };
     for (const auto& c : cases) {
         serve.send(c.first);
@@ -316,7 +326,7 @@ TEST_P(CliServe, JunkInputNeverStopsTheServer) {
     EXPECT_TRUE(client.waitForLine("sent call alive", kWaitMs));
     EXPECT_TRUE(serve.process().waitForLine("[1] call alive", kWaitMs));
     client.send("quit");
-    EXPECT_EQ(client.wait(kWaitMs), 0);
+    EXPECT_EQ(client.wait(kWaitMs), 1);  // junk lines failed
     EXPECT_EQ(serve.quit(), 0);
 }
 
@@ -344,10 +354,12 @@ TEST_P(CliServe, StoppingTheServerEndsItsSubscribers) {
     EXPECT_TRUE(startsWith(serve.next(), "[1] connected "));
     EXPECT_EQ(serve.next(), "[1] subscribe s");
     serve.process().signal(SIGTERM);
+    EXPECT_EQ(serve.next(), "stopping: closing 1 connection");
     EXPECT_EQ(serve.next(), "[1] disconnected");
+    EXPECT_EQ(serve.next(), "stopped");
     EXPECT_EQ(serve.process().wait(kWaitMs), 0);
     EXPECT_EQ(sub.wait(kWaitMs), 6);
-    EXPECT_EQ(sub.restOfErrors(), "tarn: connection closed by the server\n");
+    EXPECT_EQ(sub.restOfErrors(), "ready: subscriptions sent for s\ntarn: connection closed by the server\n");
 }
 
 TEST_P(CliServe, SubTimeouts) {
@@ -359,13 +371,14 @@ TEST_P(CliServe, SubTimeouts) {
     EXPECT_EQ(quiet.wait(kWaitMs), 0);
     EXPECT_GE(testsupport::nowMs() - start, 450);
     EXPECT_EQ(quiet.restOfOutput(), "");
-    EXPECT_EQ(quiet.restOfErrors(), "");
+    EXPECT_EQ(quiet.restOfErrors(), "ready: subscriptions sent for nothing\n");
     // With --count, it is a failure of its own.
     start = testsupport::nowMs();
     ToolProcess counted(subArgs(serve, {"nothing", "--count", "2", "--timeout", "0.5"}));
     EXPECT_EQ(counted.wait(kWaitMs), 5);
     EXPECT_GE(testsupport::nowMs() - start, 450);
-    EXPECT_EQ(counted.restOfErrors(), "tarn: timed out after 0.5 s with 0 of 2 messages\n");
+    EXPECT_EQ(counted.restOfErrors(),
+              "ready: subscriptions sent for nothing\ntarn: timed out after 0.5 s with 0 of 2 messages\n");
     EXPECT_EQ(serve.quit(), 0);
 }
 

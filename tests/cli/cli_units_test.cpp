@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include "cliargs.h"
+#include "commandtable.h"
 #include "output.h"
 #include "report.h"
 #include "values.h"
@@ -310,9 +313,38 @@ TEST(CliNumbers, ModeSets) {
     EXPECT_FALSE(parseModeSet("reliable,", realtime, reliable));
 }
 
+namespace {
+
+// The significant digits of a decimal text: "1500" has 2, "0.001" has 1, "1.25e+20" has 3.
+std::size_t significantDigits(const std::string& text) {
+    std::string digits;
+    for (const char c : text.substr(0, text.find('e'))) {
+        if (c >= '0' && c <= '9') {
+            digits += c;
+        }
+    }
+    const std::size_t first = digits.find_first_not_of('0');
+    if (first == std::string::npos) {
+        return 1;
+    }
+    const std::size_t last = digits.find_last_not_of('0');
+    return last - first + 1;
+}
+
+}  // namespace
+
 TEST(CliOutput, FloatsInShortestForm) {
+    EXPECT_EQ(floatText(10.0f), "10");
+    EXPECT_EQ(floatText(30.0f), "30");
+    EXPECT_EQ(floatText(1500.0f), "1500");
+    EXPECT_EQ(floatText(100.0f), "100");
+    EXPECT_EQ(floatText(-20.0f), "-20");
+    EXPECT_EQ(floatText(24.0f), "24");
     EXPECT_EQ(floatText(21.5f), "21.5");
     EXPECT_EQ(floatText(0.1f), "0.1");
+    EXPECT_EQ(floatText(0.001f), "0.001");
+    EXPECT_EQ(floatText(1e20f), "1e+20");
+    EXPECT_EQ(floatText(3.40282347e+38f), "3.4028235e+38");
     EXPECT_EQ(floatText(1234567.0f), "1234567");
     EXPECT_EQ(floatText(16777216.0f), "16777216");
     EXPECT_EQ(floatText(1e-7f), "1e-07");
@@ -320,7 +352,30 @@ TEST(CliOutput, FloatsInShortestForm) {
     EXPECT_EQ(floatText(std::numeric_limits<float>::infinity()), "inf");
     EXPECT_EQ(floatText(-std::numeric_limits<float>::infinity()), "-inf");
     EXPECT_EQ(floatText(std::nanf("")), "nan");
-    // Every float reads back as itself.
+    // Every float reads back as itself, in no more characters than the fewest digits that read back
+    // take in exponent form, and with no more digits than those unless it is a whole number
+    // written out (1459468160 is shorter than 1.4594682e+09).
+    std::uint32_t bits = 0x3f800000u;
+    for (int i = 0; i < 20000; ++i) {
+        bits = bits * 1664525u + 1013904223u;
+        float f = 0.0f;
+        std::memcpy(&f, &bits, sizeof f);
+        if (!std::isfinite(f)) {
+            continue;
+        }
+        const std::string text = floatText(f);
+        ASSERT_EQ(std::strtof(text.c_str(), nullptr), f) << text;
+        int fewest = 0;
+        char candidate[64] = "";
+        do {
+            ++fewest;  // nine significant digits always read back
+            std::snprintf(candidate, sizeof candidate, "%.*g", fewest, static_cast<double>(f));
+        } while (fewest < 9 && std::strtof(candidate, nullptr) != f);
+        EXPECT_LE(text.size(), std::strlen(candidate)) << text << " " << candidate;
+        if (text.find_first_of(".e") != std::string::npos) {
+            EXPECT_EQ(significantDigits(text), static_cast<std::size_t>(fewest)) << text;
+        }
+    }
     for (const float f : {3.14159274f, 1.17549435e-38f, 3.40282347e+38f, 0.3f, 2.0f / 3.0f}) {
         EXPECT_EQ(std::strtof(floatText(f).c_str(), nullptr), f) << floatText(f);
     }
@@ -392,8 +447,19 @@ TEST(CliOutput, JsonValues) {
     EXPECT_EQ(Json("e").value(ParameterValue("x")).str(),
               "{\"event\":\"e\",\"type\":\"string\",\"value\":\"x\"}");
     EXPECT_EQ(Json("e").value(ParameterValue()).str(), "{\"event\":\"e\",\"type\":\"none\",\"value\":null}");
+    // JSON has no number for NaN and the infinities: each is its own string, as the input writes it.
     EXPECT_EQ(Json("e").value(ParameterValue(std::nanf(""))).str(),
-              "{\"event\":\"e\",\"type\":\"float\",\"value\":null}");
+              "{\"event\":\"e\",\"type\":\"float\",\"value\":\"nan\"}");
+    EXPECT_EQ(Json("e").value(ParameterValue(std::numeric_limits<float>::infinity())).str(),
+              "{\"event\":\"e\",\"type\":\"float\",\"value\":\"inf\"}");
+    EXPECT_EQ(Json("e").value(ParameterValue(-std::numeric_limits<float>::infinity())).str(),
+              "{\"event\":\"e\",\"type\":\"float\",\"value\":\"-inf\"}");
+    EXPECT_EQ(Json("e").value(ParameterValue(10.0f)).str(),
+              "{\"event\":\"e\",\"type\":\"float\",\"value\":10}");
+    EXPECT_EQ(Json("e").value(ParameterValue(1500.0f)).str(),
+              "{\"event\":\"e\",\"type\":\"float\",\"value\":1500}");
+    EXPECT_EQ(Json("e").value(ParameterValue(-0.0f)).str(),
+              "{\"event\":\"e\",\"type\":\"float\",\"value\":-0}");
     ParameterValue foreign;
     char tag[] = {0x5A};
     foreign.createFromBinary(tag, 1);
@@ -433,11 +499,21 @@ TEST(CliOutput, EventLines) {
     EXPECT_EQ(clientEventLine(connected, eTransportEUDP, Format::Human), "connected eudp 127.0.0.1:4000");
 }
 
+namespace {
+
+const std::vector<OptionSpec> kTestOptions = {
+    {"--count", 'c', "N", "", nullptr},    {"--timeout", 't', "S", "", nullptr},
+    {"--json", 'j', nullptr, "", nullptr}, {"--reliable", 'r', nullptr, "", nullptr},
+    {"--help", 'h', nullptr, "", nullptr},
+};
+
+}  // namespace
+
 TEST(CliArgs, OptionsAnywhereAndDoubleDash) {
     ParsedArgs args;
     std::string error;
     ASSERT_TRUE(parseArgs({"host", "--count", "3", "1234", "--timeout=2", "name", "--", "--json", "-h"},
-                          {{"--count", true}, {"--timeout", true}, {"--json", false}}, args, error));
+                          kTestOptions, args, error));
     EXPECT_EQ(args.value("--count"), "3");
     EXPECT_EQ(args.value("--timeout"), "2");
     EXPECT_FALSE(args.has("--json"));
@@ -445,19 +521,122 @@ TEST(CliArgs, OptionsAnywhereAndDoubleDash) {
     EXPECT_EQ(args.positionals, (std::vector<std::string>{"host", "1234", "name", "--json", "-h"}));
 }
 
+TEST(CliArgs, ShortOptions) {
+    ParsedArgs args;
+    std::string error;
+    ASSERT_TRUE(parseArgs({"-c", "3", "host", "-t2.5", "-jr", "name"}, kTestOptions, args, error)) << error;
+    EXPECT_EQ(args.value("--count"), "3");
+    EXPECT_EQ(args.value("--timeout"), "2.5");
+    EXPECT_TRUE(args.has("--json"));
+    EXPECT_TRUE(args.has("--reliable"));
+    EXPECT_EQ(args.positionals, (std::vector<std::string>{"host", "name"}));
+    // A bundle may end in one that takes a value: attached or the next word.
+    ASSERT_TRUE(parseArgs({"-jc", "4"}, kTestOptions, args, error)) << error;
+    EXPECT_TRUE(args.has("--json"));
+    EXPECT_EQ(args.value("--count"), "4");
+    ASSERT_TRUE(parseArgs({"-jc5"}, kTestOptions, args, error)) << error;
+    EXPECT_EQ(args.value("--count"), "5");
+}
+
 TEST(CliArgs, Refusals) {
     ParsedArgs args;
     std::string error;
     EXPECT_FALSE(parseArgs({"--frob"}, {}, args, error));
     EXPECT_EQ(error, "unknown option '--frob'");
-    EXPECT_FALSE(parseArgs({"--count"}, {{"--count", true}}, args, error));
+    EXPECT_FALSE(parseArgs({"-x"}, kTestOptions, args, error));
+    EXPECT_EQ(error, "unknown option '-x'");
+    EXPECT_FALSE(parseArgs({"-jx"}, kTestOptions, args, error));
+    EXPECT_EQ(error, "unknown option '-x'");
+    EXPECT_FALSE(parseArgs({"--count"}, kTestOptions, args, error));
     EXPECT_EQ(error, "option --count needs a value");
-    EXPECT_FALSE(parseArgs({"--json=yes"}, {{"--json", false}}, args, error));
+    EXPECT_FALSE(parseArgs({"-c"}, kTestOptions, args, error));
+    EXPECT_EQ(error, "option -c needs a value");
+    EXPECT_FALSE(parseArgs({"--json=yes"}, kTestOptions, args, error));
     EXPECT_EQ(error, "option --json takes no value");
-    // A single dash starts no option: "-5" is a word.
-    ASSERT_TRUE(parseArgs({"-5", "-", "-h"}, {}, args, error));
+    // A single dash, and a dash before a digit, start no option: "-5" is a word.
+    ASSERT_TRUE(parseArgs({"-5", "-", "-h"}, kTestOptions, args, error));
     EXPECT_EQ(args.positionals, (std::vector<std::string>{"-5", "-"}));
     EXPECT_TRUE(args.has("--help"));
+    // The words after a bad one are still read: --json is known although --frob came first.
+    EXPECT_FALSE(parseArgs({"--frob", "--json"}, kTestOptions, args, error));
+    EXPECT_EQ(error, "unknown option '--frob'");
+    EXPECT_TRUE(args.has("--json"));
+}
+
+TEST(CliArgs, EveryCommandsOptionsAreUnambiguous) {
+    for (const CommandSpec& command : commandSpecs()) {
+        const std::vector<OptionSpec> options = allOptions(command);
+        for (std::size_t i = 0; i < options.size(); ++i) {
+            EXPECT_EQ(std::string(options[i].name).rfind("--", 0), 0u) << options[i].name;
+            EXPECT_NE(std::string(options[i].help), "") << options[i].name;
+            for (std::size_t k = i + 1; k < options.size(); ++k) {
+                EXPECT_STRNE(options[i].name, options[k].name) << command.name;
+                if (options[i].shortName != 0) {
+                    EXPECT_NE(options[i].shortName, options[k].shortName)
+                        << command.name << " " << options[i].name;
+                }
+            }
+        }
+    }
+}
+
+TEST(CliTarget, HostAndPortInOneWordOrTwo) {
+    std::string host;
+    std::uint16_t port = 0;
+    std::size_t used = 0;
+    std::string error;
+    const auto target = [&](const std::vector<std::string>& words) {
+        host.clear();
+        port = 0;
+        used = 0;
+        return parseTarget(words, 0, host, port, used, error);
+    };
+    ASSERT_TRUE(target({"127.0.0.1", "5555", "x"}));
+    EXPECT_EQ(host, "127.0.0.1");
+    EXPECT_EQ(port, 5555);
+    EXPECT_EQ(used, 2u);
+    ASSERT_TRUE(target({"localhost:5555", "x"}));
+    EXPECT_EQ(host, "localhost");
+    EXPECT_EQ(port, 5555);
+    EXPECT_EQ(used, 1u);
+    ASSERT_TRUE(target({"[::1]:5555"}));
+    EXPECT_EQ(host, "::1");
+    EXPECT_EQ(port, 5555);
+    EXPECT_EQ(used, 1u);
+    ASSERT_TRUE(target({"::1", "5555"}));
+    EXPECT_EQ(host, "::1");
+    EXPECT_EQ(used, 2u);
+    ASSERT_TRUE(target({"[fe80::1]", "80"}));
+    EXPECT_EQ(host, "fe80::1");
+    EXPECT_EQ(port, 80);
+    EXPECT_EQ(used, 2u);
+    ASSERT_TRUE(target({"2001:db8::7", "9"}));
+    EXPECT_EQ(host, "2001:db8::7");
+
+    EXPECT_FALSE(target({"h:70000"}));
+    EXPECT_EQ(error, "port out of range: 70000 (1 to 65535)");
+    EXPECT_FALSE(target({"h:"}));
+    EXPECT_EQ(error, "not a port number: ''");
+    EXPECT_FALSE(target({":5555"}));
+    EXPECT_EQ(error, "malformed address ':5555' (write HOST:PORT or HOST PORT)");
+    EXPECT_FALSE(target({"[::1"}));
+    EXPECT_EQ(error, "malformed address '[::1' (write [ADDR]:PORT or ADDR PORT)");
+    EXPECT_FALSE(target({"[::1]x"}));
+    EXPECT_EQ(error, "malformed address '[::1]x' (write [ADDR]:PORT or ADDR PORT)");
+    EXPECT_FALSE(target({"[]:5"}));
+    // Missing words leave the message to the caller, which knows what the command needs.
+    EXPECT_FALSE(target({"127.0.0.1"}));
+    EXPECT_EQ(error, "");
+    EXPECT_FALSE(target({}));
+    EXPECT_EQ(error, "");
+    EXPECT_FALSE(target({"::1"}));
+    EXPECT_EQ(error, "");
+}
+
+TEST(CliTarget, AddressesWithAColonTakeBracketsBeforeThePort) {
+    EXPECT_EQ(hostPort("127.0.0.1", 5555), "127.0.0.1:5555");
+    EXPECT_EQ(hostPort("::1", 5555), "[::1]:5555");
+    EXPECT_EQ(hostPort("example.org", 1), "example.org:1");
 }
 
 namespace {

@@ -13,38 +13,11 @@
 #include "cliargs.h"
 #include "events.h"
 #include "relay.h"
+#include "values.h"
 
 namespace tarncli {
 
 namespace {
-
-const char kImpairHelp[] =
-    "usage: tarn impair --listen P --to HOST:PORT [--bind ADDR] [--loss PCT] [--dup PCT]\n"
-    "                   [--reorder PCT] [--delay MS] [--jitter MS] [--seed N] [--data-only]\n"
-    "                   [--duration S]\n"
-    "\n"
-    "A UDP relay between EUDP clients and an EUDP server that drops, duplicates, reorders and\n"
-    "delays datagrams. Clients connect to the relay's port instead of the server's; the relay\n"
-    "follows the port from which the server answers each connection, so the client keeps talking\n"
-    "through the relay. The same seed gives the same decisions for the same traffic.\n"
-    "\n"
-    "Prints \"impair: relaying ADDR:P to HOST:PORT\" once it listens, and the counts of what it\n"
-    "did when it ends: on SIGINT or SIGTERM, or after --duration.\n"
-    "\n"
-    "Options:\n"
-    "  --listen P          port for the clients (0: any free port, printed at start)\n"
-    "  --bind ADDR         address for the clients (default 127.0.0.1)\n"
-    "  --to HOST:PORT      the EUDP server's listening address and port\n"
-    "  --loss PCT          drop this percentage of datagrams (0 to 100, fractions allowed)\n"
-    "  --dup PCT           send this percentage of forwarded datagrams twice\n"
-    "  --reorder PCT       hold back this percentage behind the next datagram (at most 20 ms)\n"
-    "  --delay MS          delay every datagram by MS milliseconds\n"
-    "  --jitter MS         add a random -MS..+MS milliseconds to each delay (never below 0)\n"
-    "  --seed N            seed of the random decisions (default 1)\n"
-    "  --data-only         disturb only data, acknowledgements and keep-alives of established\n"
-    "                      connections; connection requests, DIS and mode/window requests pass\n"
-    "  --duration S        stop after S seconds (fractions allowed)\n"
-    "  --log-level LEVEL   accepted for symmetry; the relay does not use the library\n";
 
 bool parsePercent(const std::string& text, double& out) {
     char* end = nullptr;
@@ -63,18 +36,6 @@ bool parseUnsigned(const std::string& text, unsigned long max, unsigned long& ou
     }
     out = std::strtoul(text.c_str(), nullptr, 10);
     return out <= max;
-}
-
-bool parseHostPort(const std::string& text, std::string& host, std::uint16_t& port) {
-    const std::size_t colon = text.rfind(':');
-    unsigned long value = 0;
-    if (colon == std::string::npos || colon == 0 || !parseUnsigned(text.substr(colon + 1), 65535, value) ||
-        value == 0) {
-        return false;
-    }
-    host = text.substr(0, colon);
-    port = static_cast<std::uint16_t>(value);
-    return true;
 }
 
 // Waits for SIGINT/SIGTERM or the end of the duration (negative: none).
@@ -101,21 +62,10 @@ void waitForEnd(double durationS) {
 }  // namespace
 
 int runImpair(const std::vector<std::string>& args) {
-    static const std::vector<OptionSpec> optionSpecs = {
-        {"--listen", true}, {"--bind", true},       {"--to", true},      {"--loss", true},
-        {"--dup", true},    {"--reorder", true},    {"--delay", true},   {"--jitter", true},
-        {"--seed", true},   {"--data-only", false}, {"--duration", true}};
     ParsedArgs parsed;
-    std::string error;
-    if (!parseArgs(args, optionSpecs, parsed, error)) {
-        return usageError("impair", error);
-    }
-    if (parsed.has("--help")) {
-        std::fputs(kImpairHelp, stdout);
-        return kExitOk;
-    }
-    if (!applyLogLevel(parsed, error)) {
-        return usageError("impair", error);
+    int status = kExitOk;
+    if (!beginCommand(*findCommand("impair"), args, parsed, status)) {
+        return status;
     }
     if (!parsed.positionals.empty()) {
         return usageError("impair", "unexpected argument '" + parsed.positionals[0] + "'");
@@ -126,8 +76,24 @@ int runImpair(const std::vector<std::string>& args) {
     }
     std::string host;
     std::uint16_t port = 0;
-    if (!parsed.has("--to") || !parseHostPort(parsed.value("--to"), host, port)) {
-        return usageError("impair", "--to needs HOST:PORT");
+    std::size_t used = 0;
+    std::string error;
+    if (!parsed.has("--to") || !parseTarget({parsed.value("--to")}, 0, host, port, used, error)) {
+        return usageError("impair", "--to needs HOST:PORT" + (error.empty() ? std::string() : ": " + error));
+    }
+    const std::string bindAddress = parsed.value("--bind", "127.0.0.1");
+    for (const std::string* name : std::vector<const std::string*>{&bindAddress, &host}) {
+        if (name->find(':') != std::string::npos) {
+            return usageError("impair", "the relay speaks IPv4 only, and '" + *name + "' is an IPv6 address");
+        }
+    }
+    if (!tarnrelay::Relay::resolves(bindAddress)) {
+        printError("unknown bind address '" + bindAddress + "'");
+        return kExitUnknownHost;
+    }
+    if (!tarnrelay::Relay::resolves(host)) {
+        printError("unknown host '" + host + "'");
+        return kExitUnknownHost;
     }
     tarnrelay::ImpairOptions options;
     const struct {
@@ -170,7 +136,6 @@ int runImpair(const std::vector<std::string>& args) {
         }
     }
 
-    const std::string bindAddress = parsed.value("--bind", "127.0.0.1");
     tarnrelay::Relay relay(options);
     if (!relay.open(bindAddress, static_cast<std::uint16_t>(listenPort), host, port, error)) {
         printError(error);

@@ -324,6 +324,11 @@ Relay::~Relay() {
     }
 }
 
+bool Relay::resolves(const std::string& host) {
+    sockaddr_in address;
+    return resolve(host, 0, address);
+}
+
 bool Relay::open(const std::string& listenAddress, std::uint16_t listenPort, const std::string& serverHost,
                  std::uint16_t serverPort, std::string& error) {
     sockaddr_in front;

@@ -67,6 +67,9 @@ public:
               std::uint16_t serverPort, std::string& error);
     std::uint16_t port() const { return m_port; }
 
+    // Whether `host` resolves to an IPv4 address, as open() resolves both of its hosts.
+    static bool resolves(const std::string& host);
+
     void start();
     void stop();
     RelayCounts counts() const;
