@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "process.h"
+#include "rawpeers.h"
 #include "testsupport.h"
 
 using namespace clitest;
@@ -191,41 +192,6 @@ TEST_P(CliConnect, JsonLines) {
     EXPECT_EQ(client.wait(kWaitMs), eudp() ? 0 : 1);
     EXPECT_EQ(serve.quit(), 0);
 }
-
-namespace {
-
-// Plays an EUDP server on a raw socket: answers the client's CON from the same port.
-struct RawEudpServer {
-    testsupport::RawUdp socket;
-    std::uint16_t clientPort = 0;
-
-    bool acceptConnection() {
-        Bytes datagram;
-        if (!socket.receive(datagram, clientPort, kWaitMs) || datagram.size() < 8 || datagram[1] != 'C') {
-            return false;
-        }
-        return socket.sendTo(testsupport::eudpDatagram("ACK", testsupport::le32(datagram, 4)), clientPort);
-    }
-
-    // Waits up to `timeoutMs` for a MAK, passing over keep-alives and other datagrams.
-    bool receiveMak(std::uint32_t& word, int timeoutMs) {
-        const std::int64_t deadline = testsupport::nowMs() + timeoutMs;
-        for (;;) {
-            const std::int64_t left = deadline - testsupport::nowMs();
-            Bytes datagram;
-            std::uint16_t from = 0;
-            if (left <= 0 || !socket.receive(datagram, from, static_cast<int>(left))) {
-                return false;
-            }
-            if (datagram.size() >= 8 && datagram[1] == 'M' && datagram[2] == 'A' && datagram[3] == 'K') {
-                word = testsupport::le32(datagram, 4);
-                return true;
-            }
-        }
-    }
-};
-
-}  // namespace
 
 TEST(CliConnectModes, AllowSendDecidesHowTheClientAnswersModeRequests) {
     RawEudpServer server;
