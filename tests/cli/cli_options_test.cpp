@@ -265,3 +265,65 @@ TEST(CliOptions, FloatsPrintShortAndNonFiniteOnesStayApartInJson) {
     EXPECT_EQ(serve.quit(), 0);
     EXPECT_EQ(text.quit(), 0);
 }
+
+namespace {
+
+std::string readFile(const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    std::string text;
+    if (file) {
+        char buffer[4096];
+        std::size_t n = 0;
+        while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+            text.append(buffer, n);
+        }
+        std::fclose(file);
+    }
+    return text;
+}
+
+// The long option names that `tarn COMMAND --help` lists under "Options:".
+std::vector<std::string> helpOptions(const std::string& help) {
+    std::vector<std::string> names;
+    const std::size_t start = help.find("\nOptions:\n");
+    for (const std::string& line : linesOf(help.substr(start == std::string::npos ? help.size() : start))) {
+        const std::size_t dashes = line.find("--");
+        if (line.rfind("  -", 0) == 0 || line.rfind("      --", 0) == 0) {
+            names.push_back(line.substr(dashes, line.find(' ', dashes) - dashes));
+        }
+    }
+    return names;
+}
+
+}  // namespace
+
+TEST(CliOptions, HelpManPageAndCompletionListTheSameOptions) {
+    const std::string page = readFile(std::string(TARN_SOURCE_DIR) + "/tools/share/tarn.1");
+    const std::string completion = readFile(std::string(TARN_SOURCE_DIR) + "/tools/share/tarn.bash");
+    ASSERT_FALSE(page.empty());
+    ASSERT_FALSE(completion.empty());
+    for (const std::string& command : kCommands) {
+        const Result help = run({command, "--help"});
+        ASSERT_EQ(help.status, 0) << command;
+        const std::vector<std::string> options = helpOptions(help.out);
+        EXPECT_GE(options.size(), 3u) << help.out;
+        const std::size_t arm = completion.find("\n        " + command + ")\n");
+        ASSERT_NE(arm, std::string::npos) << command;
+        // The command's arm ends with its own ";;" at the arm's indentation.
+        const std::string armText = completion.substr(arm, completion.find("\n            ;;\n", arm) - arm);
+        for (const std::string& option : options) {
+            std::string escaped;
+            for (const char c : option) {
+                escaped += c == '-' ? "\\-" : std::string(1, c);
+            }
+            EXPECT_NE(page.find("\\fB" + escaped + "\\fR"), std::string::npos) << command << " " << option;
+            bool listed = false;
+            for (const char* before : {" ", "\""}) {
+                for (const char* after : {" ", "\""}) {
+                    listed = listed || armText.find(before + option + after) != std::string::npos;
+                }
+            }
+            EXPECT_TRUE(listed) << command << " " << option;
+        }
+    }
+}
