@@ -63,8 +63,13 @@ public:
         m_gate.push(event);
     }
 
-    // Disconnects and deletes the connection; waits for its receive thread.
+    // Disconnects and deletes the connection; waits for its receive thread. A connection that
+    // ended at once may be closed while the accept thread is still returning from starting it:
+    // that is waited for first.
     void close() {
+        while (!m_bStarted.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         m_bClosing = true;
         m_pConnection->disconnect();
         delete m_pConnection;
@@ -76,6 +81,7 @@ public:
     const std::string m_peer;
     std::set<std::string> m_subscriptions;  // main thread only
     std::atomic<bool> m_bClosing{false};    // this side is ending the connection
+    std::atomic<bool> m_bStarted{false};    // the accept thread is done with the connection
 
 private:
     Event make(EventKind kind) const {
@@ -156,6 +162,7 @@ void StateServer::adopt(ITARNTransport* transport) {
     }
     TARNConnection* const connection = new TARNConnection(transport);
     const std::string peer = hostPort(connection->getPeerAddress(), connection->getPeerPort());
+    Session* started = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const int id = m_nextId++;
@@ -163,10 +170,14 @@ void StateServer::adopt(ITARNTransport* transport) {
         // Attached before the connection starts: every command from the first packet on, and the
         // connected status, reach the session.
         connection->setServer(session.get());
+        started = session.get();
         m_sessions[id] = std::move(session);
     }
     connection->start();
     connection->updateStatus(eConnected);
+    // A connection that ended at once may be closing on the main thread's behalf already (its
+    // Disconnected came out with the connected status); close() waits for this mark.
+    started->m_bStarted = true;
 }
 
 StateServer::Session* StateServer::find(int id) const {

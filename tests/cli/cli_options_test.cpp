@@ -327,3 +327,12 @@ TEST(CliOptions, HelpManPageAndCompletionListTheSameOptions) {
         }
     }
 }
+
+TEST(CliOptions, ImpairOnATakenPortCannotListen) {
+    testsupport::RawUdp taken;
+    const Result r = run({"impair", "--listen", std::to_string(taken.port()), "--to", "127.0.0.1:9"});
+    EXPECT_EQ(r.status, 7);
+    EXPECT_EQ(r.err.rfind("tarn: cannot bind 127.0.0.1:" + std::to_string(taken.port()) + ": ", 0), 0u)
+        << r.err;
+    EXPECT_EQ(r.out, "");
+}
