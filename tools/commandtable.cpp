@@ -35,172 +35,191 @@ const OptionSpec kWait = {"--wait", 'w', "S",
                           nullptr};
 const char kModeChoices[] = "realtime reliable realtime,reliable";
 
+CommandSpec makeDemo() {
+    return CommandSpec{
+        "demo",
+        "",
+        "a server and a client in one process, a scripted session",
+        "Starts a TARN server on free TCP and EUDP ports of 127.0.0.1, connects a client to each and\n"
+        "plays a short session: subscribe, state updates, a trigger, a function call with a string, an\n"
+        "integer, a boolean and a float, on EUDP a switch to reliable delivery, unsubscribe and\n"
+        "disconnect. Lines \"$\" start a tool, lines \"server>\" and \"client>\" are typed into tarn\n"
+        "serve and tarn connect, and lines \"server:\" and \"client:\" are what those print. Each step\n"
+        "waits up to 10 s for its answer; the exit status is 1 when one did not come.",
+        {},
+        {},
+        nullptr};
+}
+
+CommandSpec makeServe() {
+    return CommandSpec{
+        "serve",
+        "",
+        "a server with a table of states, driven from standard input",
+        "Runs a TARN server on ADDR:P (every interface by default; port 0 picks a free port). The\n"
+        "first line printed names the transport, address and port bound. Every connection (numbered\n"
+        "from 1), status change and received command is printed as it happens; a new subscriber gets\n"
+        "the current state of the name at once.\n"
+        "\n"
+        "End of input leaves the server running; quit, SIGINT or SIGTERM stop it: it says how many\n"
+        "connections it closes, closes them all at once and prints \"stopped\".",
+        {kTcp,
+         kEudp,
+         {"--bind", 'b', "ADDR", "local address to listen on (default: every interface)", nullptr},
+         {"--port", 'p', "P", "port to listen on, 0 to 65535 (required; 0 picks a free one)", nullptr},
+         kJson,
+         {"--allow-send", 0, "MODES",
+          "EUDP: the modes a client may ask this side to send in\n"
+          "(realtime, reliable or realtime,reliable; default both)",
+          kModeChoices},
+         {"--allow-receive", 0, "MODES", "EUDP: the same for receiving", kModeChoices}},
+        {{"set NAME VALUE", "store the state and send it to the connections subscribed to NAME"},
+         {"set NAME[:t]=TEXT", "the same in one word, e.g. set temp:f=21.5"},
+         {"trigger NAME VALUE", "send a trigger to the connections subscribed to NAME"},
+         {"trigger NAME[:t]=TEXT", "the same in one word"},
+         {"list", "show the states, their subscribers and the connections"},
+         {"mode CONN send MODE", "ask connection CONN to send in MODE (realtime or reliable)"},
+         {"mode CONN receive MODE", "ask connection CONN to receive in MODE"},
+         {"window CONN N", "ask connection CONN to keep at most N unacknowledged messages in flight"},
+         {"quit", "close every connection and exit"},
+         {"help", "show these commands"}},
+        "VALUE is TEXT (a string), :i=42, :b=on|off, :f=1.5 or :s=TEXT. CONN is a connection's number.\n"
+        "Modes and windows are negotiated over EUDP and wait up to 10 s for the answer; over TCP,\n"
+        "delivery is always reliable. Words may be quoted: \"two words\" (with \\\" \\\\ \\n \\r \\t\n"
+        "\\xHH escapes) or 'two words'."};
+}
+
+CommandSpec makeConnect() {
+    return CommandSpec{
+        "connect",
+        "HOST PORT",
+        "an interactive client",
+        "Connects to a TARN server and reads commands from standard input; every update and trigger\n"
+        "that arrives is printed as it comes. End of input, quit, SIGINT or SIGTERM disconnect.\n"
+        "\n"
+        "A line that fails (an unknown command, a malformed value, a refused mode or window, a failed\n"
+        "send) gets its error line and the session goes on; the exit status is then 1. When the\n"
+        "server closes the connection, or stops answering for 10 s, the exit status is 6.",
+        {kTcp,
+         kEudp,
+         kJson,
+         {"--allow-send", 0, "MODES",
+          "EUDP: the modes the server may ask this side to send in\n"
+          "(realtime, reliable or realtime,reliable; default both)",
+          kModeChoices},
+         {"--allow-receive", 0, "MODES", "EUDP: the same for receiving", kModeChoices},
+         kWait},
+        {{"sub NAME", "subscribe to NAME"},
+         {"unsub NAME", "unsubscribe from NAME"},
+         {"call FID [ARG...]", "call function FID; an ARG without a name is called argN"},
+         {"mode send MODE", "ask the server to send in MODE (realtime or reliable)"},
+         {"mode receive MODE", "ask the server to receive in MODE"},
+         {"window N", "ask the server to keep at most N unacknowledged messages in flight"},
+         {"quit", "disconnect and exit"},
+         {"help", "show these commands"}},
+        "ARG is TEXT, name=TEXT, name:i=42, name:b=on|off, name:f=1.5 or name:s=TEXT. Modes and\n"
+        "windows are negotiated over EUDP and wait up to 10 s for the answer; over TCP, delivery is\n"
+        "always reliable. Words may be quoted: \"two words\" (with \\\" \\\\ \\n \\r \\t \\xHH\n"
+        "escapes) or 'two words'."};
+}
+
+CommandSpec makeCall() {
+    return CommandSpec{
+        "call",
+        "HOST PORT FID [ARG...]",
+        "call a function once and exit",
+        "Connects to a TARN server, calls function FID with the arguments, and exits once the call\n"
+        "has been sent. Prints nothing on success. The arguments are checked before connecting.\n"
+        "\n"
+        "ARG is TEXT or name=TEXT (a string), name:i=42 (an integer), name:b=on|off (a boolean),\n"
+        "name:f=1.5 (a float) or name:s=TEXT (a string); an ARG without a name is called argN, N its\n"
+        "position. Put -- before arguments that begin with -.",
+        {kTcp,
+         kEudp,
+         {"--reliable", 'r', nullptr, "EUDP: ask the server to receive this side's messages reliably first",
+          nullptr},
+         kWait},
+        {},
+        nullptr};
+}
+
+CommandSpec makeSub() {
+    return CommandSpec{
+        "sub",
+        "HOST PORT NAME...",
+        "print updates and triggers of NAME...",
+        "Connects to a TARN server, subscribes to every NAME and prints each state update and trigger\n"
+        "that arrives, one line each. Once the subscriptions are sent it prints \"ready: subscriptions\n"
+        "sent for NAME...\" on standard error (with --json, a \"ready\" event), so that a script can\n"
+        "wait for that line before it makes the server send. It exits after N messages (--count), after\n"
+        "S seconds (--timeout), when the server closes the connection or stops answering, or on SIGINT\n"
+        "or SIGTERM.",
+        {kTcp,
+         kEudp,
+         {"--reliable", 'r', nullptr, "EUDP: ask the server to send reliably before subscribing", nullptr},
+         kJson,
+         {"--count", 'c', "N", "exit after N updates and triggers", nullptr},
+         {"--timeout", 't', "S",
+          "exit after S seconds (fractions allowed); with --count, running out of\n"
+          "time before N messages is a failure (exit status 5)",
+          nullptr},
+         kWait},
+        {},
+        nullptr};
+}
+
+CommandSpec makeImpair() {
+    return CommandSpec{
+        "impair",
+        "",
+        "a UDP relay that disturbs EUDP traffic, for testing",
+        "A UDP relay between EUDP clients and an EUDP server that drops, duplicates, reorders and\n"
+        "delays datagrams. Clients connect to the relay's port instead of the server's; the relay\n"
+        "follows the port from which the server answers each connection, so the client keeps talking\n"
+        "through the relay. The same seed gives the same decisions for the same traffic. The relay\n"
+        "speaks IPv4.\n"
+        "\n"
+        "Prints \"impair: relaying ADDR:P to HOST:PORT\" once it listens, and the counts of what it\n"
+        "did when it ends: on SIGINT or SIGTERM, or after --duration.",
+        {{"--listen", 0, "P", "port for the clients (required; 0: any free port, printed at start)", nullptr},
+         {"--bind", 'b', "ADDR", "address for the clients (default 127.0.0.1)", nullptr},
+         {"--to", 0, "HOST:PORT", "the EUDP server's listening address and port (required)", nullptr},
+         {"--loss", 0, "PCT", "drop this percentage of datagrams (0 to 100, fractions allowed)", nullptr},
+         {"--dup", 0, "PCT", "send this percentage of forwarded datagrams twice", nullptr},
+         {"--reorder", 0, "PCT", "hold back this percentage behind the next datagram (at most 20 ms)",
+          nullptr},
+         {"--delay", 0, "MS", "delay every datagram by MS milliseconds", nullptr},
+         {"--jitter", 0, "MS", "add a random -MS..+MS milliseconds to each delay (never below 0)", nullptr},
+         {"--seed", 0, "N", "seed of the random decisions (default 1)", nullptr},
+         {"--data-only", 0, nullptr,
+          "disturb only data, acknowledgements and keep-alives of established\n"
+          "connections; connection requests, DIS and mode/window requests pass",
+          nullptr},
+         {"--duration", 0, "S", "stop after S seconds (fractions allowed)", nullptr}},
+        {},
+        nullptr};
+}
+
+CommandSpec makeVersion() {
+    return CommandSpec{
+        "version", "",     "print the version", "Prints the version of the tool: \"tarn 1.2.3\".", {},
+        {},        nullptr};
+}
+
+CommandSpec makeHelp() {
+    return CommandSpec{
+        "help",
+        "[COMMAND]",
+        "show this help, or the help of COMMAND",
+        "Shows the list of commands, or the help of COMMAND (the same as tarn COMMAND --help).",
+        {},
+        {},
+        nullptr};
+}
+
 std::vector<CommandSpec> makeCommands() {
-    std::vector<CommandSpec> commands;
-    commands.push_back(
-        {"demo",
-         "",
-         "a server and a client in one process, a scripted session",
-         "Starts a TARN server on free TCP and EUDP ports of 127.0.0.1, connects a client to each and\n"
-         "plays a short session: subscribe, state updates, a trigger, a function call with a string, an\n"
-         "integer, a boolean and a float, on EUDP a switch to reliable delivery, unsubscribe and\n"
-         "disconnect. Lines \"$\" start a tool, lines \"server>\" and \"client>\" are typed into tarn\n"
-         "serve and tarn connect, and lines \"server:\" and \"client:\" are what those print. Each step\n"
-         "waits up to 10 s for its answer; the exit status is 1 when one did not come.",
-         {},
-         {},
-         nullptr});
-    commands.push_back(
-        {"serve",
-         "",
-         "a server with a table of states, driven from standard input",
-         "Runs a TARN server on ADDR:P (every interface by default; port 0 picks a free port). The\n"
-         "first line printed names the transport, address and port bound. Every connection (numbered\n"
-         "from 1), status change and received command is printed as it happens; a new subscriber gets\n"
-         "the current state of the name at once.\n"
-         "\n"
-         "End of input leaves the server running; quit, SIGINT or SIGTERM stop it: it says how many\n"
-         "connections it closes, closes them all at once and prints \"stopped\".",
-         {kTcp,
-          kEudp,
-          {"--bind", 'b', "ADDR", "local address to listen on (default: every interface)", nullptr},
-          {"--port", 'p', "P", "port to listen on, 0 to 65535 (required; 0 picks a free one)", nullptr},
-          kJson,
-          {"--allow-send", 0, "MODES",
-           "EUDP: the modes a client may ask this side to send in\n"
-           "(realtime, reliable or realtime,reliable; default both)",
-           kModeChoices},
-          {"--allow-receive", 0, "MODES", "EUDP: the same for receiving", kModeChoices}},
-         {{"set NAME VALUE", "store the state and send it to the connections subscribed to NAME"},
-          {"set NAME[:t]=TEXT", "the same in one word, e.g. set temp:f=21.5"},
-          {"trigger NAME VALUE", "send a trigger to the connections subscribed to NAME"},
-          {"trigger NAME[:t]=TEXT", "the same in one word"},
-          {"list", "show the states, their subscribers and the connections"},
-          {"mode CONN send MODE", "ask connection CONN to send in MODE (realtime or reliable)"},
-          {"mode CONN receive MODE", "ask connection CONN to receive in MODE"},
-          {"window CONN N", "ask connection CONN to keep at most N unacknowledged messages in flight"},
-          {"quit", "close every connection and exit"},
-          {"help", "show these commands"}},
-         "VALUE is TEXT (a string), :i=42, :b=on|off, :f=1.5 or :s=TEXT. CONN is a connection's number.\n"
-         "Modes and windows are negotiated over EUDP and wait up to 10 s for the answer; over TCP,\n"
-         "delivery is always reliable. Words may be quoted: \"two words\" (with \\\" \\\\ \\n \\r \\t\n"
-         "\\xHH escapes) or 'two words'."});
-    commands.push_back(
-        {"connect",
-         "HOST PORT",
-         "an interactive client",
-         "Connects to a TARN server and reads commands from standard input; every update and trigger\n"
-         "that arrives is printed as it comes. End of input, quit, SIGINT or SIGTERM disconnect.\n"
-         "\n"
-         "A line that fails (an unknown command, a malformed value, a refused mode or window, a failed\n"
-         "send) gets its error line and the session goes on; the exit status is then 1. When the\n"
-         "server closes the connection, or stops answering for 10 s, the exit status is 6.",
-         {kTcp,
-          kEudp,
-          kJson,
-          {"--allow-send", 0, "MODES",
-           "EUDP: the modes the server may ask this side to send in\n"
-           "(realtime, reliable or realtime,reliable; default both)",
-           kModeChoices},
-          {"--allow-receive", 0, "MODES", "EUDP: the same for receiving", kModeChoices},
-          kWait},
-         {{"sub NAME", "subscribe to NAME"},
-          {"unsub NAME", "unsubscribe from NAME"},
-          {"call FID [ARG...]", "call function FID; an ARG without a name is called argN"},
-          {"mode send MODE", "ask the server to send in MODE (realtime or reliable)"},
-          {"mode receive MODE", "ask the server to receive in MODE"},
-          {"window N", "ask the server to keep at most N unacknowledged messages in flight"},
-          {"quit", "disconnect and exit"},
-          {"help", "show these commands"}},
-         "ARG is TEXT, name=TEXT, name:i=42, name:b=on|off, name:f=1.5 or name:s=TEXT. Modes and\n"
-         "windows are negotiated over EUDP and wait up to 10 s for the answer; over TCP, delivery is\n"
-         "always reliable. Words may be quoted: \"two words\" (with \\\" \\\\ \\n \\r \\t \\xHH\n"
-         "escapes) or 'two words'."});
-    commands.push_back(
-        {"call",
-         "HOST PORT FID [ARG...]",
-         "call a function once and exit",
-         "Connects to a TARN server, calls function FID with the arguments, and exits once the call\n"
-         "has been sent. Prints nothing on success. The arguments are checked before connecting.\n"
-         "\n"
-         "ARG is TEXT or name=TEXT (a string), name:i=42 (an integer), name:b=on|off (a boolean),\n"
-         "name:f=1.5 (a float) or name:s=TEXT (a string); an ARG without a name is called argN, N its\n"
-         "position. Put -- before arguments that begin with -.",
-         {kTcp,
-          kEudp,
-          {"--reliable", 'r', nullptr, "EUDP: ask the server to receive this side's messages reliably first",
-           nullptr},
-          kWait},
-         {},
-         nullptr});
-    commands.push_back(
-        {"sub",
-         "HOST PORT NAME...",
-         "print updates and triggers of NAME...",
-         "Connects to a TARN server, subscribes to every NAME and prints each state update and trigger\n"
-         "that arrives, one line each. Once the subscriptions are sent it prints \"ready: subscriptions\n"
-         "sent for NAME...\" on standard error (with --json, a \"ready\" event), so that a script can\n"
-         "wait for that line before it makes the server send. It exits after N messages (--count), after\n"
-         "S seconds (--timeout), when the server closes the connection or stops answering, or on SIGINT\n"
-         "or SIGTERM.",
-         {kTcp,
-          kEudp,
-          {"--reliable", 'r', nullptr, "EUDP: ask the server to send reliably before subscribing", nullptr},
-          kJson,
-          {"--count", 'c', "N", "exit after N updates and triggers", nullptr},
-          {"--timeout", 't', "S",
-           "exit after S seconds (fractions allowed); with --count, running out of\n"
-           "time before N messages is a failure (exit status 5)",
-           nullptr},
-          kWait},
-         {},
-         nullptr});
-    commands.push_back(
-        {"impair",
-         "",
-         "a UDP relay that disturbs EUDP traffic, for testing",
-         "A UDP relay between EUDP clients and an EUDP server that drops, duplicates, reorders and\n"
-         "delays datagrams. Clients connect to the relay's port instead of the server's; the relay\n"
-         "follows the port from which the server answers each connection, so the client keeps talking\n"
-         "through the relay. The same seed gives the same decisions for the same traffic. The relay\n"
-         "speaks IPv4.\n"
-         "\n"
-         "Prints \"impair: relaying ADDR:P to HOST:PORT\" once it listens, and the counts of what it\n"
-         "did when it ends: on SIGINT or SIGTERM, or after --duration.",
-         {{"--listen", 0, "P", "port for the clients (required; 0: any free port, printed at start)",
-           nullptr},
-          {"--bind", 'b', "ADDR", "address for the clients (default 127.0.0.1)", nullptr},
-          {"--to", 0, "HOST:PORT", "the EUDP server's listening address and port (required)", nullptr},
-          {"--loss", 0, "PCT", "drop this percentage of datagrams (0 to 100, fractions allowed)", nullptr},
-          {"--dup", 0, "PCT", "send this percentage of forwarded datagrams twice", nullptr},
-          {"--reorder", 0, "PCT", "hold back this percentage behind the next datagram (at most 20 ms)",
-           nullptr},
-          {"--delay", 0, "MS", "delay every datagram by MS milliseconds", nullptr},
-          {"--jitter", 0, "MS", "add a random -MS..+MS milliseconds to each delay (never below 0)", nullptr},
-          {"--seed", 0, "N", "seed of the random decisions (default 1)", nullptr},
-          {"--data-only", 0, nullptr,
-           "disturb only data, acknowledgements and keep-alives of established\n"
-           "connections; connection requests, DIS and mode/window requests pass",
-           nullptr},
-          {"--duration", 0, "S", "stop after S seconds (fractions allowed)", nullptr}},
-         {},
-         nullptr});
-    commands.push_back({"version",
-                        "",
-                        "print the version",
-                        "Prints the version of the tool: \"tarn 1.2.3\".",
-                        {},
-                        {},
-                        nullptr});
-    commands.push_back(
-        {"help",
-         "[COMMAND]",
-         "show this help, or the help of COMMAND",
-         "Shows the list of commands, or the help of COMMAND (the same as tarn COMMAND --help).",
-         {},
-         {},
-         nullptr});
-    return commands;
+    return {makeDemo(), makeServe(),  makeConnect(), makeCall(),
+            makeSub(),  makeImpair(), makeVersion(), makeHelp()};
 }
 
 void appendLines(std::string& out, const char* text, std::size_t indent) {
