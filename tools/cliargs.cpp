@@ -30,8 +30,8 @@ std::string ParsedArgs::value(const std::string& name, const std::string& fallba
 
 namespace {
 
-const OptionSpec* findLong(const std::vector<OptionSpec>& options, const std::string& name) {
-    for (const OptionSpec& option : options) {
+const OptionEntry* findLong(const std::vector<OptionEntry>& options, const std::string& name) {
+    for (const OptionEntry& option : options) {
         if (name == option.name) {
             return &option;
         }
@@ -39,8 +39,8 @@ const OptionSpec* findLong(const std::vector<OptionSpec>& options, const std::st
     return nullptr;
 }
 
-const OptionSpec* findShort(const std::vector<OptionSpec>& options, char letter) {
-    for (const OptionSpec& option : options) {
+const OptionEntry* findShort(const std::vector<OptionEntry>& options, char letter) {
+    for (const OptionEntry& option : options) {
         if (option.shortName != 0 && option.shortName == letter) {
             return &option;
         }
@@ -54,7 +54,7 @@ bool isPositional(const std::string& arg) {
 
 // One word beginning "--": the option and, for one that takes a value, its value (attached after
 // '=' or the next word, which `i` then passes).
-bool readLong(const std::vector<std::string>& args, std::size_t& i, const std::vector<OptionSpec>& options,
+bool readLong(const std::vector<std::string>& args, std::size_t& i, const std::vector<OptionEntry>& options,
               ParsedArgs& out, std::string& error) {
     std::string name = args[i];
     std::string value;
@@ -64,7 +64,7 @@ bool readLong(const std::vector<std::string>& args, std::size_t& i, const std::v
         value = name.substr(equals + 1);
         name.erase(equals);
     }
-    const OptionSpec* option = findLong(options, name);
+    const OptionEntry* option = findLong(options, name);
     if (!option) {
         error = "unknown option '" + name + "'";
         return false;
@@ -85,11 +85,11 @@ bool readLong(const std::vector<std::string>& args, std::size_t& i, const std::v
 
 // One word of short options: flags bundled ("-jr"), the last of which may take a value, attached
 // ("-c3") or as the next word ("-c 3").
-bool readShort(const std::vector<std::string>& args, std::size_t& i, const std::vector<OptionSpec>& options,
+bool readShort(const std::vector<std::string>& args, std::size_t& i, const std::vector<OptionEntry>& options,
                ParsedArgs& out, std::string& error) {
     const std::string word = args[i];
     for (std::size_t k = 1; k < word.size(); ++k) {
-        const OptionSpec* option = findShort(options, word[k]);
+        const OptionEntry* option = findShort(options, word[k]);
         if (!option) {
             error = std::string("unknown option '-") + word[k] + "'";
             return false;
@@ -114,7 +114,7 @@ bool readShort(const std::vector<std::string>& args, std::size_t& i, const std::
 
 }  // namespace
 
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& options, ParsedArgs& out,
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionEntry>& options, ParsedArgs& out,
                std::string& error) {
     out = ParsedArgs();
     error.clear();
@@ -144,7 +144,7 @@ void printVersion() {
     std::fflush(stdout);
 }
 
-bool beginCommand(const CommandSpec& command, const std::vector<std::string>& args, ParsedArgs& parsed,
+bool beginCommand(const CommandEntry& command, const std::vector<std::string>& args, ParsedArgs& parsed,
                   int& status) {
     std::string error;
     const bool ok = parseArgs(args, allOptions(command), parsed, error);

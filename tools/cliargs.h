@@ -40,14 +40,14 @@ struct ParsedArgs {
 // ("-jr"). A lone "-" and a word such as "-5" (a dash and a digit) are positional words.
 // On a refusal the words after the bad one are still read, so that `out` tells whether --json was
 // asked for; `error` names the first bad word.
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& options, ParsedArgs& out,
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionEntry>& options, ParsedArgs& out,
                std::string& error);
 
 // What every subcommand does first: parses `args` against the command's options; answers --help
 // (on standard output, or standard error with --json, so that standard output stays JSON) and
 // --version; puts errors in JSON form when --json is given; applies --log-level. True when the
 // command goes on; false when it is done, with its exit status in `status`.
-bool beginCommand(const CommandSpec& command, const std::vector<std::string>& args, ParsedArgs& parsed,
+bool beginCommand(const CommandEntry& command, const std::vector<std::string>& args, ParsedArgs& parsed,
                   int& status);
 
 // "tarn 1.2.3" on standard output.

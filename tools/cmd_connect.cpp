@@ -20,10 +20,10 @@ int reportEnd(const Event& event) {
 }  // namespace
 
 int runConnect(const std::vector<std::string>& args) {
-    const CommandSpec& spec = *findCommand("connect");
+    const CommandEntry& entry = *findCommand("connect");
     ParsedArgs parsed;
     int status = kExitOk;
-    if (!beginCommand(spec, args, parsed, status)) {
+    if (!beginCommand(entry, args, parsed, status)) {
         return status;
     }
     Target target;

@@ -7,10 +7,10 @@
 namespace tarncli {
 
 int runCall(const std::vector<std::string>& args) {
-    const CommandSpec& spec = *findCommand("call");
+    const CommandEntry& entry = *findCommand("call");
     ParsedArgs parsed;
     int status = kExitOk;
-    if (!beginCommand(spec, args, parsed, status)) {
+    if (!beginCommand(entry, args, parsed, status)) {
         return status;
     }
     Target target;
@@ -104,10 +104,10 @@ int receiveUpdates(MainLoop& loop, Printer& printer, const Target& target, long 
 }  // namespace
 
 int runSub(const std::vector<std::string>& args) {
-    const CommandSpec& spec = *findCommand("sub");
+    const CommandEntry& entry = *findCommand("sub");
     ParsedArgs parsed;
     int status = kExitOk;
-    if (!beginCommand(spec, args, parsed, status)) {
+    if (!beginCommand(entry, args, parsed, status)) {
         return status;
     }
     Target target;

@@ -23,10 +23,10 @@ void stopServing(StateServer& server, ServeShell& shell, Printer& printer, Event
 }  // namespace
 
 int runServe(const std::vector<std::string>& args) {
-    const CommandSpec& spec = *findCommand("serve");
+    const CommandEntry& entry = *findCommand("serve");
     ParsedArgs parsed;
     int status = kExitOk;
-    if (!beginCommand(spec, args, parsed, status)) {
+    if (!beginCommand(entry, args, parsed, status)) {
         return status;
     }
     ETransport kind = eTransportTCP;

@@ -26,17 +26,17 @@ const char kEnvironmentText[] =
 
 namespace {
 
-const OptionSpec kTcp = {"--tcp", 0, nullptr, "TCP transport (the default)", nullptr};
-const OptionSpec kEudp = {"--eudp", 0, nullptr, "EUDP transport", nullptr};
-const OptionSpec kJson = {"--json", 'j', nullptr, "one JSON object per line", nullptr};
-const OptionSpec kWait = {"--wait", 'w', "S",
-                          "when the server is not up yet, try again until S seconds have\n"
-                          "passed (fractions allowed), saying so once",
-                          nullptr};
+const OptionEntry kTcp = {"--tcp", 0, nullptr, "TCP transport (the default)", nullptr};
+const OptionEntry kEudp = {"--eudp", 0, nullptr, "EUDP transport", nullptr};
+const OptionEntry kJson = {"--json", 'j', nullptr, "one JSON object per line", nullptr};
+const OptionEntry kWait = {"--wait", 'w', "S",
+                           "when the server is not up yet, try again until S seconds have\n"
+                           "passed (fractions allowed), saying so once",
+                           nullptr};
 const char kModeChoices[] = "realtime reliable realtime,reliable";
 
-CommandSpec makeDemo() {
-    return CommandSpec{
+CommandEntry makeDemo() {
+    return CommandEntry{
         "demo",
         "",
         "a server and a client in one process, a scripted session",
@@ -51,8 +51,8 @@ CommandSpec makeDemo() {
         nullptr};
 }
 
-CommandSpec makeServe() {
-    return CommandSpec{
+CommandEntry makeServe() {
+    return CommandEntry{
         "serve",
         "",
         "a server with a table of states, driven from standard input",
@@ -89,8 +89,8 @@ CommandSpec makeServe() {
         "\\xHH escapes) or 'two words'."};
 }
 
-CommandSpec makeConnect() {
-    return CommandSpec{
+CommandEntry makeConnect() {
+    return CommandEntry{
         "connect",
         "HOST PORT",
         "an interactive client",
@@ -123,8 +123,8 @@ CommandSpec makeConnect() {
         "escapes) or 'two words'."};
 }
 
-CommandSpec makeCall() {
-    return CommandSpec{
+CommandEntry makeCall() {
+    return CommandEntry{
         "call",
         "HOST PORT FID [ARG...]",
         "call a function once and exit",
@@ -143,8 +143,8 @@ CommandSpec makeCall() {
         nullptr};
 }
 
-CommandSpec makeSub() {
-    return CommandSpec{
+CommandEntry makeSub() {
+    return CommandEntry{
         "sub",
         "HOST PORT NAME...",
         "print updates and triggers of NAME...",
@@ -168,8 +168,8 @@ CommandSpec makeSub() {
         nullptr};
 }
 
-CommandSpec makeImpair() {
-    return CommandSpec{
+CommandEntry makeImpair() {
+    return CommandEntry{
         "impair",
         "",
         "a UDP relay that disturbs EUDP traffic, for testing",
@@ -200,14 +200,14 @@ CommandSpec makeImpair() {
         nullptr};
 }
 
-CommandSpec makeVersion() {
-    return CommandSpec{
+CommandEntry makeVersion() {
+    return CommandEntry{
         "version", "",     "print the version", "Prints the version of the tool: \"tarn 1.2.3\".", {},
         {},        nullptr};
 }
 
-CommandSpec makeHelp() {
-    return CommandSpec{
+CommandEntry makeHelp() {
+    return CommandEntry{
         "help",
         "[COMMAND]",
         "show this help, or the help of COMMAND",
@@ -217,7 +217,7 @@ CommandSpec makeHelp() {
         nullptr};
 }
 
-std::vector<CommandSpec> makeCommands() {
+std::vector<CommandEntry> makeCommands() {
     return {makeDemo(), makeServe(),  makeConnect(), makeCall(),
             makeSub(),  makeImpair(), makeVersion(), makeHelp()};
 }
@@ -271,13 +271,13 @@ std::string wrapped(const std::string& text, std::size_t width) {
 
 }  // namespace
 
-const std::vector<CommandSpec>& commandSpecs() {
-    static const std::vector<CommandSpec> commands = makeCommands();
+const std::vector<CommandEntry>& commandTable() {
+    static const std::vector<CommandEntry> commands = makeCommands();
     return commands;
 }
 
-const CommandSpec* findCommand(const std::string& name) {
-    for (const CommandSpec& command : commandSpecs()) {
+const CommandEntry* findCommand(const std::string& name) {
+    for (const CommandEntry& command : commandTable()) {
         if (name == command.name) {
             return &command;
         }
@@ -285,8 +285,8 @@ const CommandSpec* findCommand(const std::string& name) {
     return nullptr;
 }
 
-const std::vector<OptionSpec>& commonOptions() {
-    static const std::vector<OptionSpec> options = {
+const std::vector<OptionEntry>& commonOptions() {
+    static const std::vector<OptionEntry> options = {
         {"--help", 'h', nullptr, "show this help and exit", nullptr},
         {"--version", 'V', nullptr, "print the version and exit", nullptr},
         {"--log-level", 0, "LEVEL",
@@ -295,14 +295,14 @@ const std::vector<OptionSpec>& commonOptions() {
     return options;
 }
 
-std::vector<OptionSpec> allOptions(const CommandSpec& command) {
-    std::vector<OptionSpec> options = command.options;
+std::vector<OptionEntry> allOptions(const CommandEntry& command) {
+    std::vector<OptionEntry> options = command.options;
     options.insert(options.end(), commonOptions().begin(), commonOptions().end());
     return options;
 }
 
-const std::vector<ExitStatusSpec>& exitStatuses() {
-    static const std::vector<ExitStatusSpec> statuses = {
+const std::vector<ExitStatusEntry>& exitStatuses() {
+    static const std::vector<ExitStatusEntry> statuses = {
         {0, "ok", "success; also the end by SIGINT or SIGTERM, and sub --timeout without --count"},
         {1, "failed", "a send, a mode or window request, a line of connect's input, or a demo step failed"},
         {2, "usage",
@@ -323,13 +323,13 @@ const std::vector<ExitStatusSpec>& exitStatuses() {
 
 std::string commandNames(const char* separator) {
     std::string names;
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         names += (names.empty() ? "" : separator) + std::string(command.name);
     }
     return names;
 }
 
-std::string optionLabel(const OptionSpec& option) {
+std::string optionLabel(const OptionEntry& option) {
     std::string label = option.shortName ? std::string("-") + option.shortName + ", " : std::string("    ");
     label += option.name;
     if (option.valueName) {
@@ -338,7 +338,7 @@ std::string optionLabel(const OptionSpec& option) {
     return label;
 }
 
-std::string commandHelp(const CommandSpec& command) {
+std::string commandHelp(const CommandEntry& command) {
     std::string out = std::string("usage: tarn ") + command.name;
     out += " [OPTIONS]";
     if (*command.arguments) {
@@ -351,7 +351,7 @@ std::string commandHelp(const CommandSpec& command) {
         appendLines(out, kTargetText, 0);
     }
     out += "\nOptions:\n";
-    for (const OptionSpec& option : allOptions(command)) {
+    for (const OptionEntry& option : allOptions(command)) {
         appendRow(out, optionLabel(option), option.help, 28);
     }
     if (!command.shell.empty()) {
@@ -360,9 +360,9 @@ std::string commandHelp(const CommandSpec& command) {
     return out;
 }
 
-std::string shellHelp(const CommandSpec& command) {
+std::string shellHelp(const CommandEntry& command) {
     std::string out = "Commands (one per line on standard input):\n";
-    for (const ShellCommandSpec& line : command.shell) {
+    for (const ShellCommandEntry& line : command.shell) {
         appendRow(out, line.usage, line.help, 28);
     }
     if (command.shellNotes) {
@@ -371,9 +371,9 @@ std::string shellHelp(const CommandSpec& command) {
     return out;
 }
 
-std::string shellCommandList(const CommandSpec& command) {
+std::string shellCommandList(const CommandEntry& command) {
     std::string list;
-    for (const ShellCommandSpec& line : command.shell) {
+    for (const ShellCommandEntry& line : command.shell) {
         if (std::strcmp(line.usage, "help") != 0) {
             list += (list.empty() ? "" : " | ") + std::string(line.usage);
         }
@@ -385,7 +385,7 @@ std::string toolHelp() {
     std::string out = "usage: tarn COMMAND [OPTIONS] [ARGS]\n\n";
     appendLines(out, kToolSummary, 0);
     out += "\nCommands:\n";
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         std::string label = command.name;
         if (*command.arguments) {
             label += std::string(" ") + command.arguments;
@@ -398,7 +398,7 @@ std::string toolHelp() {
     appendLines(out, kTargetText, 0);
     appendLines(out, kValueText, 0);
     std::string statuses = "Exit status:";
-    for (const ExitStatusSpec& status : exitStatuses()) {
+    for (const ExitStatusEntry& status : exitStatuses()) {
         statuses +=
             std::string(status.status == 0 ? " " : ", ") + std::to_string(status.status) + " " + status.label;
     }

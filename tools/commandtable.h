@@ -12,7 +12,7 @@
 
 namespace tarncli {
 
-struct OptionSpec {
+struct OptionEntry {
     const char* name;       // with its dashes: "--count"
     char shortName;         // 'c' for -c, or 0 for none
     const char* valueName;  // "N" for an option that takes a value, nullptr for a flag
@@ -21,36 +21,36 @@ struct OptionSpec {
 };
 
 // One command of an interactive shell (tarn serve, tarn connect).
-struct ShellCommandSpec {
+struct ShellCommandEntry {
     const char* usage;  // "set NAME VALUE"
     const char* help;   // one line
 };
 
-struct CommandSpec {
-    const char* name;                     // "sub"
-    const char* arguments;                // "HOST PORT NAME...", "" for none
-    const char* summary;                  // one line, for the list of commands
-    const char* description;              // paragraphs separated by a blank line
-    std::vector<OptionSpec> options;      // its own, in the order --help shows them
-    std::vector<ShellCommandSpec> shell;  // what it reads from standard input, if anything
-    const char* shellNotes;               // a paragraph after the shell commands, or nullptr
+struct CommandEntry {
+    const char* name;                      // "sub"
+    const char* arguments;                 // "HOST PORT NAME...", "" for none
+    const char* summary;                   // one line, for the list of commands
+    const char* description;               // paragraphs separated by a blank line
+    std::vector<OptionEntry> options;      // its own, in the order --help shows them
+    std::vector<ShellCommandEntry> shell;  // what it reads from standard input, if anything
+    const char* shellNotes;                // a paragraph after the shell commands, or nullptr
 };
 
-struct ExitStatusSpec {
+struct ExitStatusEntry {
     int status;
     const char* label;    // two words at most: "unknown host"
     const char* meaning;  // lines separated by '\n'
 };
 
 // Every subcommand, in the order the usage lists them.
-const std::vector<CommandSpec>& commandSpecs();
+const std::vector<CommandEntry>& commandTable();
 // Null when there is no such subcommand.
-const CommandSpec* findCommand(const std::string& name);
+const CommandEntry* findCommand(const std::string& name);
 // The options every subcommand takes besides its own: --help, --version, --log-level.
-const std::vector<OptionSpec>& commonOptions();
+const std::vector<OptionEntry>& commonOptions();
 // A command's own options followed by the common ones.
-std::vector<OptionSpec> allOptions(const CommandSpec& command);
-const std::vector<ExitStatusSpec>& exitStatuses();
+std::vector<OptionEntry> allOptions(const CommandEntry& command);
+const std::vector<ExitStatusEntry>& exitStatuses();
 
 // "demo, serve, connect, call, sub, impair, version": every subcommand name.
 std::string commandNames(const char* separator);
@@ -63,15 +63,15 @@ extern const char kJsonErrorText[];    // where --json puts errors and help
 extern const char kEnvironmentText[];  // TARN_LOG_LEVEL
 
 // "-c, --count N", "    --tcp": the option as --help shows it in its first column.
-std::string optionLabel(const OptionSpec& option);
+std::string optionLabel(const OptionEntry& option);
 
 // The full --help text of a subcommand, and of the tool itself (`tarn --help`).
-std::string commandHelp(const CommandSpec& command);
+std::string commandHelp(const CommandEntry& command);
 std::string toolHelp();
 // "sub NAME | unsub NAME | ...": the shell's commands on one line, for an unknown command.
-std::string shellCommandList(const CommandSpec& command);
+std::string shellCommandList(const CommandEntry& command);
 // The shell's commands as a help block, as its `help` command prints them.
-std::string shellHelp(const CommandSpec& command);
+std::string shellHelp(const CommandEntry& command);
 
 }  // namespace tarncli
 

@@ -44,7 +44,7 @@ std::string paragraphs(const char* text) {
     }
 }
 
-std::string optionItem(const OptionSpec& option) {
+std::string optionItem(const OptionEntry& option) {
     std::string label = "\\fB";
     if (option.shortName) {
         label += roff(std::string("-") + option.shortName) + "\\fR, \\fB";
@@ -56,7 +56,7 @@ std::string optionItem(const OptionSpec& option) {
     return ".TP\n" + label + "\n" + roff(option.help) + "\n";
 }
 
-std::string synopsis(const CommandSpec& command) {
+std::string synopsis(const CommandEntry& command) {
     std::string line = ".B tarn " + roff(command.name) + "\n[\\fIOPTIONS\\fR]";
     if (*command.arguments) {
         line += " \\fI" + roff(command.arguments) + "\\fR";
@@ -64,18 +64,18 @@ std::string synopsis(const CommandSpec& command) {
     return line + "\n";
 }
 
-std::string commandSection(const CommandSpec& command) {
+std::string commandSection(const CommandEntry& command) {
     std::string out = ".SS \"tarn " + roff(command.name) + "\"\n";
     out += paragraphs(command.description);
     if (std::strstr(command.arguments, "HOST PORT")) {
         out += ".PP\n" + roff(kTargetText) + "\n";
     }
-    for (const OptionSpec& option : command.options) {
+    for (const OptionEntry& option : command.options) {
         out += optionItem(option);
     }
     if (!command.shell.empty()) {
         out += ".PP\nCommands, one per line on standard input:\n";
-        for (const ShellCommandSpec& line : command.shell) {
+        for (const ShellCommandEntry& line : command.shell) {
             out += ".TP\n\\fB" + roff(line.usage) + "\\fR\n" + roff(line.help) + "\n";
         }
         if (command.shellNotes) {
@@ -86,9 +86,9 @@ std::string commandSection(const CommandSpec& command) {
 }
 
 // The words of every option of a command, for compgen.
-std::string optionWords(const CommandSpec& command) {
+std::string optionWords(const CommandEntry& command) {
     std::string words;
-    for (const OptionSpec& option : allOptions(command)) {
+    for (const OptionEntry& option : allOptions(command)) {
         words += (words.empty() ? "" : " ") + std::string(option.name);
         if (option.shortName) {
             words += std::string(" -") + option.shortName;
@@ -98,9 +98,9 @@ std::string optionWords(const CommandSpec& command) {
 }
 
 // The case arms that complete the value of an option: its choices, or nothing for a free value.
-std::string valueArms(const CommandSpec& command) {
+std::string valueArms(const CommandEntry& command) {
     std::string out;
-    for (const OptionSpec& option : allOptions(command)) {
+    for (const OptionEntry& option : allOptions(command)) {
         if (!option.valueName) {
             continue;
         }
@@ -118,7 +118,7 @@ std::string valueArms(const CommandSpec& command) {
     return out;
 }
 
-std::string commandArm(const CommandSpec& command) {
+std::string commandArm(const CommandEntry& command) {
     std::string out = "        " + std::string(command.name) + ")\n";
     if (std::strcmp(command.name, "help") == 0) {
         out += "            if [[ $COMP_CWORD -eq 2 ]]; then\n";
@@ -150,22 +150,22 @@ std::string manPage() {
     out += ".TH TARN 1 \"\" \"libtarn\" \"User Commands\"\n";
     out += ".SH NAME\ntarn \\- libtarn's command\\-line tool\n";
     out += ".SH SYNOPSIS\n";
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         out += synopsis(command) + ".br\n";
     }
     out += ".SH DESCRIPTION\n" + roff(kToolSummary) + "\n.PP\n" + roff(kTargetText) + "\n.PP\n" +
            roff(kValueText) + "\n";
     out += ".SH COMMANDS\n";
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         out += commandSection(command);
     }
     out += ".SH COMMON OPTIONS\nEvery command takes these as well.\n";
-    for (const OptionSpec& option : commonOptions()) {
+    for (const OptionEntry& option : commonOptions()) {
         out += optionItem(option);
     }
     out += ".SH JSON OUTPUT\n" + roff(kJsonErrorText) + "\n";
     out += ".SH EXIT STATUS\n";
-    for (const ExitStatusSpec& status : exitStatuses()) {
+    for (const ExitStatusEntry& status : exitStatuses()) {
         out += ".TP\n\\fB" + std::to_string(status.status) + "\\fR\n" + roff(status.meaning) + "\n";
     }
     out += ".SH ENVIRONMENT\n" + roff(kEnvironmentText) + "\n";
@@ -185,7 +185,7 @@ std::string bashCompletion() {
     out += "        return\n";
     out += "    fi\n";
     out += "    case ${COMP_WORDS[1]} in\n";
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         out += commandArm(command);
     }
     out += "    esac\n";

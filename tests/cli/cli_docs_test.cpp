@@ -84,11 +84,11 @@ TEST(CliDocs, CompletionIsWhatTheTableMakes) {
 
 TEST(CliDocs, ManPageNamesEveryCommandOptionAndStatus) {
     const std::string page = manPage();
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         EXPECT_NE(page.find(".SS \"tarn " + std::string(command.name) + "\""), std::string::npos)
             << command.name;
         EXPECT_NE(page.find(".B tarn " + std::string(command.name)), std::string::npos) << command.name;
-        for (const OptionSpec& option : allOptions(command)) {
+        for (const OptionEntry& option : allOptions(command)) {
             std::string escaped;
             for (const char c : std::string(option.name)) {
                 escaped += c == '-' ? "\\-" : std::string(1, c);
@@ -96,7 +96,7 @@ TEST(CliDocs, ManPageNamesEveryCommandOptionAndStatus) {
             EXPECT_NE(page.find("\\fB" + escaped + "\\fR"), std::string::npos) << option.name;
         }
     }
-    for (const ExitStatusSpec& status : exitStatuses()) {
+    for (const ExitStatusEntry& status : exitStatuses()) {
         EXPECT_NE(page.find(".TP\n\\fB" + std::to_string(status.status) + "\\fR\n"), std::string::npos);
     }
 }
@@ -147,10 +147,10 @@ std::string guideSection(const std::string& guide, const std::string& name) {
 TEST(CliDocs, UserGuideDocumentsEveryCommandAndOption) {
     const std::string guide = readFile(std::string(TARN_SOURCE_DIR) + "/docs/cli.md");
     ASSERT_FALSE(guide.empty());
-    for (const CommandSpec& command : commandSpecs()) {
+    for (const CommandEntry& command : commandTable()) {
         const std::string section = guideSection(guide, command.name);
         ASSERT_FALSE(section.empty()) << "docs/cli.md has no section '## tarn " << command.name << "'";
-        for (const OptionSpec& option : command.options) {
+        for (const OptionEntry& option : command.options) {
             EXPECT_NE(section.find(std::string("`") + option.name), std::string::npos)
                 << "tarn " << command.name << " " << option.name;
             if (option.shortName) {
@@ -158,17 +158,17 @@ TEST(CliDocs, UserGuideDocumentsEveryCommandAndOption) {
                     << "tarn " << command.name << " -" << option.shortName;
             }
         }
-        for (const ShellCommandSpec& line : command.shell) {
+        for (const ShellCommandEntry& line : command.shell) {
             const std::string usage = line.usage;
             const std::string word = usage.substr(0, usage.find(' '));
             EXPECT_NE(section.find("| `" + word), std::string::npos)
                 << "tarn " << command.name << ": " << usage;
         }
     }
-    for (const OptionSpec& option : commonOptions()) {
+    for (const OptionEntry& option : commonOptions()) {
         EXPECT_NE(guide.find(std::string("`") + option.name), std::string::npos) << option.name;
     }
-    for (const ExitStatusSpec& status : exitStatuses()) {
+    for (const ExitStatusEntry& status : exitStatuses()) {
         EXPECT_NE(guide.find("\n| " + std::to_string(status.status) + " |"), std::string::npos)
             << status.status;
     }

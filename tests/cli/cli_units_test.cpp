@@ -501,7 +501,7 @@ TEST(CliOutput, EventLines) {
 
 namespace {
 
-const std::vector<OptionSpec> kTestOptions = {
+const std::vector<OptionEntry> kTestOptions = {
     {"--count", 'c', "N", "", nullptr},    {"--timeout", 't', "S", "", nullptr},
     {"--json", 'j', nullptr, "", nullptr}, {"--reliable", 'r', nullptr, "", nullptr},
     {"--help", 'h', nullptr, "", nullptr},
@@ -564,8 +564,8 @@ TEST(CliArgs, Refusals) {
 }
 
 TEST(CliArgs, EveryCommandsOptionsAreUnambiguous) {
-    for (const CommandSpec& command : commandSpecs()) {
-        const std::vector<OptionSpec> options = allOptions(command);
+    for (const CommandEntry& command : commandTable()) {
+        const std::vector<OptionEntry> options = allOptions(command);
         for (std::size_t i = 0; i < options.size(); ++i) {
             EXPECT_EQ(std::string(options[i].name).rfind("--", 0), 0u) << options[i].name;
             EXPECT_NE(std::string(options[i].help), "") << options[i].name;
