@@ -145,7 +145,7 @@ void PyConnection::close() {
     // Before the listener has finished handing the connection over, it may not be disconnected
     // yet; the reaper does that once the hand-over is complete.
     if (connection->handoff.isDone()) {
-        py::gil_scoped_release release;
+        ReleaseGil release;
         connection->connection->disconnect();
         connection.reset();
     }

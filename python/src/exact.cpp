@@ -68,7 +68,7 @@ ParameterList paramsArgument(const ParamsArg& argument) {
 template <class Send>
 bool sendWithoutGil(const PyConnection& self, Send send) {
     ConnRef connection = self.get();
-    py::gil_scoped_release release;
+    ReleaseGil release;
     return send(*connection->connection);
 }
 
@@ -167,7 +167,7 @@ void bindConnectionModes(py::class_<PyConnection>& cls) {
             if (connection->transport == nullptr) {
                 throw py::value_error("only a connection made by Connection() can say which modes it allows");
             }
-            py::gil_scoped_release release;
+            ReleaseGil release;
             if (send) {
                 connection->transport->allowSendMode(rt, rl);
             } else {
@@ -188,7 +188,7 @@ void bindConnection(py::module_& m) {
                 const bool tcp = parseTransport(transport.handle());
                 auto* box = new ConnBox(true);
                 {
-                    py::gil_scoped_release release;
+                    ReleaseGil release;
                     box->transport = tcp ? static_cast<ITARNTransport*>(new TCPTransport())
                                          : static_cast<ITARNTransport*>(new EUDPTransport());
                     box->connection = new TARNConnection(box->transport);
@@ -212,7 +212,7 @@ void bindConnection(py::module_& m) {
                client.m_onUpdateState = callableOrNone(onUpdateState, "on_update_state");
                client.m_onStatusChanged = callableOrNone(onStatusChanged, "on_status_changed");
                const bool any = client.m_onTrigger || client.m_onUpdateState || client.m_onStatusChanged;
-               py::gil_scoped_release release;
+               ReleaseGil release;
                return connection->connection->connect(h, p, any ? &client : nullptr);
            },
            py::arg("host"), py::arg("port"), py::kw_only(), py::arg("on_trigger") = py::none(),
@@ -233,7 +233,7 @@ void bindConnection(py::module_& m) {
                 server.m_onStatusChanged = callableOrNone(onStatusChanged, "on_status_changed");
                 const bool any = server.m_onSubscribe || server.m_onUnsubscribe ||
                                  server.m_onCallFunctionId || server.m_onStatusChanged;
-                py::gil_scoped_release release;
+                ReleaseGil release;
                 connection->connection->setServer(any ? &server : nullptr);
             },
             py::kw_only(), py::arg("on_subscribe") = py::none(), py::arg("on_unsubscribe") = py::none(),
@@ -273,7 +273,7 @@ void bindConnection(py::module_& m) {
                 ConnRef connection = self.get();
                 std::string address;
                 {
-                    py::gil_scoped_release release;
+                    ReleaseGil release;
                     address = connection->connection->getPeerAddress();
                 }
                 return address;
@@ -283,7 +283,7 @@ void bindConnection(py::module_& m) {
             "get_peer_port",
             [](const PyConnection& self) {
                 ConnRef connection = self.get();
-                py::gil_scoped_release release;
+                ReleaseGil release;
                 return connection->connection->getPeerPort();
             },
             "The peer's port (0 when there is none).")
@@ -291,7 +291,7 @@ void bindConnection(py::module_& m) {
             "get_local_port",
             [](const PyConnection& self) {
                 ConnRef connection = self.get();
-                py::gil_scoped_release release;
+                ReleaseGil release;
                 return connection->connection->getLocalPort();
             },
             "The local port (0 when there is none).")

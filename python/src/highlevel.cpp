@@ -43,7 +43,7 @@ typename EventQueue<T>::Result waitPop(EventQueue<T>& queue, T& out, Match match
             limited ? std::min(deadline, Clock::now() + kSlice) : Clock::now() + kSlice;
         typename EventQueue<T>::Result result;
         {
-            py::gil_scoped_release release;
+            ReleaseGil release;
             result = queue.pop(out, match, sliceEnd);
         }
         if (result != EventQueue<T>::Result::Empty) {
@@ -90,7 +90,7 @@ const char* serverKind(ServerEvent::Kind kind) {
 struct PyClientCore {
     std::shared_ptr<ClientCore> core;
     ~PyClientCore() {
-        py::gil_scoped_release release;
+        ReleaseGil release;
         core->close();
     }
 };
@@ -98,7 +98,7 @@ struct PyClientCore {
 struct PyServerCore {
     std::shared_ptr<ServerCore> core;
     ~PyServerCore() {
-        py::gil_scoped_release release;
+        ReleaseGil release;
         core->close();
     }
 };
@@ -127,14 +127,14 @@ void bindClientCore(py::module_& m) {
                  allowed.sendReliable = sendReliable;
                  allowed.receiveRealtime = receiveRealtime;
                  allowed.receiveReliable = receiveReliable;
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  return self.core->connect(h, p, allowed);
              })
         .def("subscribe",
              [](PyClientCore& self, py::handle name, bool subscribe) {
                  const std::string n = checkedName(name, "name");
                  checkMessageFits(n, nullptr);
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  return self.core->send(
                      subscribe ? ClientCore::Command::Subscribe : ClientCore::Command::Unsubscribe, n,
                      nullptr);
@@ -146,35 +146,35 @@ void bindClientCore(py::module_& m) {
                  checkCallFits(n, values);
                  ParameterList list;
                  fillList(values, list);
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  return self.core->send(ClientCore::Command::Call, n, &list);
              })
         .def("set_mode",
              [](PyClientCore& self, bool send, py::handle mode) {
                  const EConnMode wanted = static_cast<EConnMode>(parseMode(mode));
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  return send ? self.core->setSendMode(wanted) : self.core->setReceiveMode(wanted);
              })
         .def("set_window_size",
              [](PyClientCore& self, unsigned int size) {
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  return self.core->setWindowSize(size);
              })
         .def("close",
              [](PyClientCore& self) {
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  self.core->close();
              })
         .def_property_readonly("connected", [](PyClientCore& self) { return self.core->isConnected(); })
         .def_property_readonly("tcp", [](PyClientCore& self) { return self.core->isTcp(); })
         .def_property_readonly("local_port",
                                [](PyClientCore& self) {
-                                   py::gil_scoped_release release;
+                                   ReleaseGil release;
                                    return self.core->localPort();
                                })
         .def_property_readonly("peer",
                                [](PyClientCore& self) {
-                                   py::gil_scoped_release release;
+                                   ReleaseGil release;
                                    return self.core->peer();
                                })
         .def_property_readonly("dropped", [](PyClientCore& self) { return self.core->queue().dropped(); })
@@ -213,7 +213,7 @@ void bindServerCore(py::module_& m) {
                  std::string error;
                  bool ok = false;
                  {
-                     py::gil_scoped_release release;
+                     ReleaseGil release;
                      ok = self.core->listen(h, p, error);
                  }
                  if (!ok) {
@@ -230,7 +230,7 @@ void bindServerCore(py::module_& m) {
                  const ParameterValue v = toValue(value, "value");
                  checkValueText(v, "value");
                  checkMessageFits(n, &v);
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  return set ? self.core->set(n, v) : self.core->trigger(n, v, only);
              })
         .def("state",
@@ -264,7 +264,7 @@ void bindServerCore(py::module_& m) {
              })
         .def("close",
              [](PyServerCore& self) {
-                 py::gil_scoped_release release;
+                 ReleaseGil release;
                  self.core->close();
              })
         .def_property_readonly("dropped", [](PyServerCore& self) { return self.core->queue().dropped(); })

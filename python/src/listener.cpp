@@ -135,7 +135,7 @@ public:
     // Runs `use` on the listener under the lock, without the GIL; ValueError when closed.
     template <class Use>
     auto with(Use use) -> decltype(use(std::declval<TARNListener&>())) {
-        py::gil_scoped_release release;
+        ReleaseGil release;
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_pListener == nullptr) {
             throw py::value_error("the listener is closed");
@@ -163,7 +163,7 @@ public:
     PyListener(const PyListener&) = delete;
     PyListener& operator=(const PyListener&) = delete;
     ~PyListener() {
-        py::gil_scoped_release release;
+        ReleaseGil release;
         m_box->close();
     }
 
@@ -237,7 +237,7 @@ void bindListener(py::module_& m) {
         .def(
             "close",
             [](PyListener& self) {
-                py::gil_scoped_release release;
+                ReleaseGil release;
                 self.m_box->close();
             },
             "Stops accepting and frees the listener; harmless twice.")
@@ -246,7 +246,7 @@ void bindListener(py::module_& m) {
         .def(
             "__exit__",
             [](PyListener& self, py::args) {
-                py::gil_scoped_release release;
+                ReleaseGil release;
                 self.m_box->close();
             },
             "Closes the listener.");

@@ -98,7 +98,7 @@ PYBIND11_MODULE(_tarn, m) {
     m.def(
         "_reaper_drain",
         [](int timeoutMs) {
-            py::gil_scoped_release release;
+            tarnpy::ReleaseGil release;
             return tarnpy::Reaper::instance().drain(timeoutMs);
         },
         py::arg("timeout_ms"), "Waits until every closed connection has been freed (for tests).");

@@ -3,6 +3,7 @@
 
 #include <netdb.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -65,6 +66,17 @@ bool pythonAlive() {
 
 void markPythonGone() {
     g_pythonAlive = false;
+}
+
+// The interpreter is finalized by the process's main thread, which keeps the GIL; any other thread
+// that comes back now is a daemon thread that the interpreter would end.
+ReleaseGil::~ReleaseGil() {
+    if (_Py_IsFinalizing() && ::syscall(SYS_gettid) != ::getpid()) {
+        for (;;) {
+            ::pause();
+        }
+    }
+    PyEval_RestoreThread(m_pState);
 }
 
 void reportCallbackError(const char* where, py::error_already_set& error) {
@@ -195,7 +207,7 @@ void shutdownRuntime() {
         registry().clear();
     }
     {
-        py::gil_scoped_release release;
+        ReleaseGil release;
         for (auto& object : open) {
             object->closeForExit();
         }

@@ -44,6 +44,21 @@ void withGil(F&& fn) {
     fn();
 }
 
+// Releases the GIL for a blocking library call, like py::gil_scoped_release, except at the end: a
+// daemon thread that comes back while the interpreter is finalizing waits there for the process to
+// end, instead of being ended by the interpreter from inside this destructor (which would end the
+// whole process).
+class ReleaseGil {
+public:
+    ReleaseGil() : m_pState(PyEval_SaveThread()) {}
+    ~ReleaseGil();
+    ReleaseGil(const ReleaseGil&) = delete;
+    ReleaseGil& operator=(const ReleaseGil&) = delete;
+
+private:
+    PyThreadState* m_pState;
+};
+
 // Reports an exception that a callback raised on a library thread: logged with its traceback to the
 // "tarn" logger, and the thread goes on. Needs the GIL.
 void reportCallbackError(const char* where, py::error_already_set& error);

@@ -254,3 +254,24 @@ def test_the_interpreter_exits_with_everything_still_open(transport):
     assert result.returncode == 0, result.stderr
     assert result.stdout == "open\n"
     assert time.monotonic() - started < 20
+
+
+DAEMON_SCRIPT = textwrap.dedent(
+    """
+    import socket, threading, time, tarn
+    silent = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    silent.bind(("127.0.0.1", 0))
+    connection = tarn.Connection("eudp")
+    # Waits 5 s for an answer that never comes; the interpreter exits meanwhile.
+    threading.Thread(target=connection.connect, args=("127.0.0.1", silent.getsockname()[1]), daemon=True).start()
+    time.sleep(0.2)
+    print("exiting", flush=True)
+    """
+)
+
+
+def test_a_daemon_thread_inside_the_library_at_exit():
+    started = time.monotonic()
+    result = subprocess.run([sys.executable, "-c", DAEMON_SCRIPT], capture_output=True, text=True, timeout=60)
+    assert (result.returncode, result.stdout) == (0, "exiting\n"), result.stderr
+    assert time.monotonic() - started < 20
