@@ -93,6 +93,14 @@ def _allowed(modes: Iterable[str], what: str) -> tuple:
     return ("realtime" in chosen, "reliable" in chosen)
 
 
+def _queue_limit(limit: int) -> int:
+    if isinstance(limit, bool) or not isinstance(limit, int):
+        raise TypeError(f"queue_limit must be an int, not {type(limit).__name__}")
+    if limit < 1:
+        raise ValueError(f"queue_limit must be at least 1, not {limit}")
+    return limit
+
+
 def _check_timeout(timeout: Optional[float]) -> None:
     if timeout is not None and not (isinstance(timeout, (int, float)) and not isinstance(timeout, bool)):
         raise TypeError(f"timeout must be a number of seconds or None, not {type(timeout).__name__}")
@@ -207,7 +215,7 @@ class Client(_Queue):
             socket.getaddrinfo(host, None, socket.AF_INET)
         except socket.gaierror as error:
             raise ConnectError(f"cannot connect to {host}:{port}: unknown host ({error.strerror})") from None
-        self._core = _tarn._ClientCore(self._transport, int(queue_limit))
+        self._core = _tarn._ClientCore(self._transport, _queue_limit(queue_limit))
         if not self._core.connect(host, port, *send, *receive):
             self._core.close()
             reason = "nobody accepted the connection" if self._transport == "tcp" else "no answer within 5 s"
@@ -413,7 +421,7 @@ class Server(_Queue):
             raise TypeError(f"host must be str, not {type(host).__name__}")
         self._host = host
         self._closed = False
-        self._core = _tarn._ServerCore(self._transport, int(queue_limit))
+        self._core = _tarn._ServerCore(self._transport, _queue_limit(queue_limit))
         try:
             self._core.listen(host, port)
         except BaseException:

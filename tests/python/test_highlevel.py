@@ -247,6 +247,8 @@ def test_connect_errors(transport):
         tarn.Client("127.0.0.1", 70000, transport)
     with pytest.raises(ValueError, match="transport"):
         tarn.Client("127.0.0.1", 1, "udp")
+    with pytest.raises(ValueError, match="queue_limit"):
+        tarn.Server(port=0, transport=transport, queue_limit=0)
 
 
 def test_a_taken_port_is_an_os_error(transport):
