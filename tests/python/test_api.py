@@ -100,7 +100,9 @@ def test_importing_from_an_install_prefix(tmp_path):
     found = glob.glob(str(prefix / "**" / "tarn" / "__init__.py"), recursive=True)
     assert len(found) == 1
     site = pathlib.Path(found[0]).parent.parent
-    assert site.relative_to(prefix).as_posix().startswith("lib/python3")
+    # Where README.md says the package goes: <prefix>/lib/pythonX.Y/site-packages/tarn.
+    version = f"{sys.version_info.major}.{sys.version_info.minor}"
+    assert site.relative_to(prefix).as_posix() == f"lib/python{version}/site-packages"
     env = {k: v for k, v in os.environ.items() if k not in ("PYTHONPATH", "LD_LIBRARY_PATH")}
     env["PYTHONPATH"] = str(site)
     script = (
