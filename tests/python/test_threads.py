@@ -247,10 +247,21 @@ EXIT_SCRIPT = textwrap.dedent(
 )
 
 
+def exit_environment():
+    """The environment of a process that exits with library objects still open. At exit the module
+    ends their threads but keeps the objects, which a daemon thread may still be using, until the
+    process ends; so those threads are never joined, which ThreadSanitizer would report as leaked
+    threads. Its other reports (races, deadlocks) stay on."""
+    env = dict(os.environ)
+    if "TSAN_OPTIONS" in env:
+        env["TSAN_OPTIONS"] += ":report_thread_leaks=0"
+    return env
+
+
 def test_the_interpreter_exits_with_everything_still_open(transport):
     started = time.monotonic()
     result = subprocess.run([sys.executable, "-c", EXIT_SCRIPT.format(transport=transport)], capture_output=True,
-                            text=True, timeout=60)
+                            text=True, timeout=60, env=exit_environment())
     assert result.returncode == 0, result.stderr
     assert result.stdout == "open\n"
     assert time.monotonic() - started < 20
@@ -272,6 +283,7 @@ DAEMON_SCRIPT = textwrap.dedent(
 
 def test_a_daemon_thread_inside_the_library_at_exit():
     started = time.monotonic()
-    result = subprocess.run([sys.executable, "-c", DAEMON_SCRIPT], capture_output=True, text=True, timeout=60)
+    result = subprocess.run([sys.executable, "-c", DAEMON_SCRIPT], capture_output=True, text=True, timeout=60,
+                            env=exit_environment())
     assert (result.returncode, result.stdout) == (0, "exiting\n"), result.stderr
     assert time.monotonic() - started < 20
