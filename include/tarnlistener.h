@@ -7,7 +7,11 @@
 // independently of the listener. The listening transport is left behind, disconnected, when the
 // listener is deleted.
 //
-// Threads: listen, start, shutdown and the destructor on the application's thread;
+// Two ways to start: listen() binds on the listener's thread and always returns true, so a port
+// that cannot be bound shows up only later (see listen); bindAndListen() binds on the calling
+// thread first and returns false, starting nothing, when that fails.
+//
+// Threads: listen, bindAndListen, start, shutdown and the destructor on the application's thread;
 // onNewConnection runs on the listener's thread.
 #ifndef TARN_TARNLISTENER_H
 #define TARN_TARNLISTENER_H
@@ -59,8 +63,14 @@ public:
     // (getLocalPort() tells which). The listener takes the connector and deletes it with itself.
     // A port that cannot be bound is not reported: over EUDP the listener then accepts nobody, and
     // over TCP the connector is handed a connection without a socket, whose receive thread ends the
-    // process through an assertion. Make sure the port is free, or use port 0.
+    // process through an assertion. Make sure the port is free, use port 0, or use bindAndListen.
     bool listen(const std::string& address, uint16 port, ITARNConnector* connector);
+    // Binds `address`:`port` on the calling thread, then goes on as listen(). False when the
+    // address cannot be bound (a port already taken, an address that is not this machine's, a
+    // name that does not resolve): then nothing is started and `connector` stays the caller's.
+    // True: the listener has taken the connector, the port is listening before the call returns,
+    // and getLocalPort() tells it at once. For a listener that is not listening yet.
+    bool bindAndListen(const std::string& address, uint16 port, ITARNConnector* connector);
     bool start();
     // Stops accepting: ends the accept thread, waiting up to `timeout` milliseconds (-1 without
     // limit); false when there was no thread. Connections already handed out are not touched.
@@ -77,6 +87,8 @@ public:
 private:
     ETransport m_transportType;
     std::atomic<ITARNTransport*> m_pTransport;  // created by the thread, disconnected by shutdown
+    // Bound by bindAndListen and handed to the next run, which then makes no transport of its own.
+    std::atomic<ITARNTransport*> m_pBound;
     std::string m_address;
     uint16 m_port;
     ITARNConnector* m_pConnector;

@@ -39,6 +39,7 @@ bool RunThread::shutdownCallback() {
 TARNListener::TARNListener(ETransport transport)
     : m_transportType(transport),
       m_pTransport(nullptr),
+      m_pBound(nullptr),
       m_address(),
       m_port(0),
       m_pConnector(nullptr),
@@ -52,6 +53,7 @@ TARNListener::~TARNListener() {
     shutdown(-1);
     delete m_pThread;
     m_pThread = nullptr;
+    delete m_pBound.exchange(nullptr);  // bound, but no run ever took it
     delete m_pConnector;
     m_pConnector = nullptr;
 }
@@ -64,6 +66,26 @@ bool TARNListener::listen(const std::string& address, uint16 port, ITARNConnecto
     m_bRunning = true;
     start();
     return true;
+}
+
+// The transport is made and bound here, on the caller's thread; a run takes it over instead of
+// making its own. An unknown transport kind is refused like an address that cannot be bound.
+bool TARNListener::bindAndListen(const std::string& address, uint16 port, ITARNConnector* connector) {
+    ITARNTransport* transport = nullptr;
+    if (m_transportType == eTransportTCP) {
+        transport = new TCPTransport();
+    } else if (m_transportType == eTransportEUDP) {
+        transport = new EUDPTransport();
+    } else {
+        return false;
+    }
+    if (!transport->listen(sal::HostAddress(address), port)) {
+        delete transport;
+        return false;
+    }
+    delete m_pBound.exchange(transport);
+    m_pTransport = transport;  // getLocalPort() answers from now on
+    return listen(address, port, connector);
 }
 
 // Leaves m_bRunning alone: after a shutdown, a bare start() serves one peer and stops.
@@ -99,23 +121,28 @@ uint16 TARNListener::getLocalPort() const {
 }
 
 void TARNListener::run() {
-    ITARNTransport* transport = nullptr;
-    switch (m_transportType) {
-        case eTransportEUDP:
-            transport = new EUDPTransport();
-            break;
-        case eTransportTCP:
-            transport = new TCPTransport();
-            break;
-        default:
-            SAL_ASSERT_AT(false, kUnit, 89, "void TARNListener::run()");
+    ITARNTransport* transport = m_pBound.exchange(nullptr);  // bound by bindAndListen, if any
+    const bool bound = transport != nullptr;
+    if (!bound) {
+        switch (m_transportType) {
+            case eTransportEUDP:
+                transport = new EUDPTransport();
+                break;
+            case eTransportTCP:
+                transport = new TCPTransport();
+                break;
+            default:
+                SAL_ASSERT_AT(false, kUnit, 89, "void TARNListener::run()");
+        }
     }
     // A transport of an earlier run is overwritten, not deleted.
     m_pTransport = transport;
     SAL_ASSERT_AT(m_pConnector, kUnit, 94, "void TARNListener::run()");
 
     // The result is not looked at: a failed bind surfaces as a failed accept below.
-    transport->listen(sal::HostAddress(m_address), m_port);
+    if (!bound) {
+        transport->listen(sal::HostAddress(m_address), m_port);
+    }
 
     // A shutdown that came after start() but before the transport existed found nothing to close;
     // close it here so that accept returns at once, just as if the shutdown had reached it.
