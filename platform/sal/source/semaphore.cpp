@@ -41,9 +41,13 @@ int BinarySemaphore::take(unsigned int timeoutMs) {
     return 0;
 }
 
+// The waiter is told after the lock is released: told under it, it would wake only to find the
+// lock still held and sleep again until the release.
 void BinarySemaphore::give() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_bGiven = true;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bGiven = true;
+    }
     m_condition.notify_one();
 }
 
@@ -59,8 +63,10 @@ int CountingSemaphore::take(unsigned int timeoutMs) {
 }
 
 void CountingSemaphore::give() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_count;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_count;
+    }
     m_condition.notify_one();
 }
 

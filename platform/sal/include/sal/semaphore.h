@@ -1,6 +1,7 @@
 // Semaphores. Every wait takes a limit in milliseconds (WAIT_FOREVER: no limit; 0: try once) and is
 // measured on the monotonic clock. take() returns 0 when it took the semaphore and 1 when the time
-// ran out. All operations may be called from any thread.
+// ran out. All operations may be called from any thread; a semaphore must outlive every give() on
+// it (the give wakes its waiter after releasing the semaphore's own lock).
 #ifndef SAL_SEMAPHORE_H
 #define SAL_SEMAPHORE_H
 
