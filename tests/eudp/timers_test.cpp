@@ -89,6 +89,21 @@ bool makeReliable(ServerWithRawPeer& peer) {
     return false;
 }
 
+// Offers 999 one-byte messages from a thread of its own, stopping at the first refusal. A quiet
+// spell's keep-alive takes a slot like any datagram: on a slow machine it can come before the ring
+// is full, and then the filler's last sendData is the one that waits for room. Either way the ring
+// ends full; the transport's destructor lets a waiting sendData out, so the thread can be joined
+// once the transport is gone.
+std::thread fillRing(EUDPTransport* pTransport) {
+    return std::thread([pTransport] {
+        for (int i = 0; i < 999; ++i) {
+            if (!pTransport->sendData(reinterpret_cast<const uint8*>("p"), 1)) {
+                return;
+            }
+        }
+    });
+}
+
 TEST(EUDPTimers, ServerSendsOneKeepAliveAfterHalfASecond) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));
@@ -223,37 +238,36 @@ TEST(EUDPTimers, FullSendRingTowardsSilentPeerStillClosesOnTime) {
     ASSERT_TRUE(idle.open(0, false));
     std::int64_t lastHeard = nowMs();
     ASSERT_TRUE(makeReliable(full));
-    for (int i = 0; i < 999; ++i) {
-        ASSERT_TRUE(full.server->sendData(reinterpret_cast<const uint8*>("p"), 1)) << i;
-    }
+    std::thread filler = fillRing(full.server.get());
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*full.server) == 999u; }, 10000));
     EXPECT_EQ(eReliable, full.server->getSendMode());
-    EXPECT_EQ(999u, EUDPTransportTest::sendQueued(*full.server));
 
-    ASSERT_TRUE(waitUntil([&] { return full.server->isClosed(); }, 16000));
+    EXPECT_TRUE(waitUntil([&] { return full.server->isClosed(); }, 16000));
     std::int64_t elapsed = nowMs() - lastHeard;
     RecordProperty("ClosedAfterMs", static_cast<int>(elapsed));
     EXPECT_GE(elapsed, 10000);
     EXPECT_LE(elapsed, 12500);
     EXPECT_TRUE(waitUntil([&] { return idle.server->isClosed(); }, 3000));
 
-    // Destruction must not wait for the blocked keep-alive.
+    // Destruction must not wait for the blocked keep-alive (or the blocked filler).
     std::int64_t start = nowMs();
     full.server.reset();
     EXPECT_LE(nowMs() - start, 3000);
+    filler.join();
 }
 
 TEST(EUDPTimers, DestroyWhileKeepAliveBlockedOnOpenConnection) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));
     ASSERT_TRUE(makeReliable(peer));
-    for (int i = 0; i < 999; ++i) {
-        ASSERT_TRUE(peer.server->sendData(reinterpret_cast<const uint8*>("p"), 1));
-    }
+    std::thread filler = fillRing(peer.server.get());
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 999u; }, 10000));
     // The keep-alive comes after half a second; give it time to block on the full ring.
-    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::aliveTimer(*peer.server).isRunning(); }, 5000));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::aliveTimer(*peer.server).isRunning(); }, 5000));
     std::int64_t start = nowMs();
     peer.server.reset();
     EXPECT_LE(nowMs() - start, 3000);
+    filler.join();
 }
 
 TEST(EUDPTimers, IdlePairStaysConnectedFor30s) {
