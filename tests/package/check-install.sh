@@ -48,11 +48,27 @@ check_tool() {
     }
 }
 
+# Every installed program and shared object (the tool, the bridge, the Python module, whatever
+# this build installs) finds each library it needs with nothing but its own run path.
+check_links() {
+    local prefix=$1 tag=$2
+    local count=0 file missing
+    while IFS= read -r -d '' file; do
+        [ "$(head -c 4 "$file" | tr -d '\0')" = $'\x7fELF' ] || continue
+        missing=$(clean ldd "$file" 2>&1 | grep -F "not found" || true)
+        [ -z "$missing" ] || fail "$tag: ${file#"$prefix"/} does not find: $missing"
+        count=$((count + 1))
+    done < <(find "$prefix" -type f -print0)
+    [ "$count" -ge 4 ] || fail "$tag: only $count programs and libraries installed"
+    echo "$tag: $count installed programs and libraries find all their libraries"
+}
+
 check_prefix() {
     local prefix=$1 tag=$2
     local out=$work/$tag
     mkdir -p "$out"
 
+    check_links "$prefix" "$tag"
     if [ "$tool" = with-tool ]; then
         check_tool "$prefix" "$tag"
     fi
