@@ -102,7 +102,7 @@ inline void measureTcpConnections(int count, long maxKbPerConnection) {
     const std::int64_t accepted = testsupport::nowMs() - start;
     // The accept is counted when the connection is handed over; its last thread may start a
     // moment later.
-    testsupport::waitUntil([&] { return ownThreadCount() - baseThreads >= 3 * count; }, 10000);
+    testsupport::waitUntil([&] { return ownThreadCount() - baseThreads >= count; }, 10000);
     const long peakKb = residentKb();
     const int peakThreads = ownThreadCount();
     EXPECT_EQ(count, peakThreads - baseThreads) << "one receive thread per connection";
