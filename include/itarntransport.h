@@ -10,6 +10,8 @@
 #ifndef TARN_ITARNTRANSPORT_H
 #define TARN_ITARNTRANSPORT_H
 
+#include <cstdint>
+
 #include <sal/hostaddress.h>
 #include <sal/types.h>
 #include <tarn_export.h>
@@ -19,8 +21,9 @@
 // refuses it instead of being undefined.
 enum ETransport : int { eTransportEUDP = 0, eTransportTCP = 1 };
 
-// Delivery mode of one direction.
-enum EConnMode {
+// Delivery mode of one direction. 32 bits wide: a mode byte a peer answers with is kept as it came,
+// sign-extended, even when it is neither letter.
+enum EConnMode : std::int32_t {
     eRealtime = 'T',  // each datagram sent once, never acknowledged; gaps are skipped
     eReliable = 'R'   // acknowledged, in order, resent after a loss; the only mode of TCP
 };

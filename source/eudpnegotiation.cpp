@@ -14,11 +14,10 @@ std::int32_t modeByte(std::uint32_t word, unsigned int index) {
     return static_cast<std::int8_t>(static_cast<std::uint8_t>((word >> (8 * index)) & 0xFF));
 }
 
-// EConnMode holds 0 to 127. A peer of ours only answers 'T' or 'R'; a byte of 128 or more from
-// anything else is kept to its low seven bits rather than made into a value the enumeration
-// cannot hold.
+// An answer byte becomes the mode as it is, sign-extended: 0xD2 is -46, a mode that is neither
+// realtime nor reliable (EConnMode is 32 bits wide, so it holds any such value).
 EConnMode modeFromByte(std::int32_t byte) {
-    return static_cast<EConnMode>(byte & 0x7F);
+    return static_cast<EConnMode>(byte);
 }
 
 }  // namespace

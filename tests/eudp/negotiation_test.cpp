@@ -255,4 +255,42 @@ TEST(EUDPNegotiation, ModeChangesShowInBehaviour) {
     EXPECT_TRUE(peer.raw.quietFor(1200));
 }
 
+TEST(EUDPNegotiation, AnswerBytesAreModesAsTheyCameSignExtended) {
+    // A 'D' request adopts the peer's modes from its answer: bytes 0xD2 and 0xD4 are kept as the
+    // sign-extended values -46 and -44, modes that are neither realtime nor reliable.
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    Bytes seen;
+    EXPECT_TRUE(exchange(
+        peer, [&] { return peer.server->setSendMode(static_cast<EConnMode>('D')); }, seen,
+        eudpDatagram("MAK", modeWord('D', '\xD2', 'D', '\xD4'))));
+    EXPECT_EQ(-46, static_cast<int>(peer.server->getReceiveMode()));
+    EXPECT_EQ(-44, static_cast<int>(peer.server->getSendMode()));
+
+    // This side's own answer to a MOD that leaves both directions echoes those bytes.
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('D', 'D', 'D', 'D'))));
+    Bytes answer;
+    ASSERT_TRUE(peer.next(answer));
+    EXPECT_EQ(hex(eudpDatagram("MAK", modeWord('D', '\xD4', 'D', '\xD2'))), hex(answer));
+
+    // Receiving in neither mode: data is delivered without an acknowledgement, and an empty
+    // datagram is answered with neither ACK nor NOP.
+    // (The CON of open() numbered 0, so the peer's data start at 1.)
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1, Bytes{'x'})));
+    ASSERT_TRUE(
+        testsupport::waitUntil([&] { return EUDPTransportTest::receiveQueued(*peer.server) == 1; }, 2000));
+    uint8 buffer[16] = {};
+    EXPECT_EQ(1, peer.server->receiveData(buffer, sizeof buffer));
+    EXPECT_EQ('x', buffer[0]);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 2)));
+    EXPECT_TRUE(peer.raw.quietFor(500));
+
+    // Sending in neither mode takes the realtime path: sent once, never resent.
+    ASSERT_TRUE(peer.server->sendData(reinterpret_cast<const uint8*>("y"), 1));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ("CMD", eudptest::commandOf(datagram));
+    EXPECT_TRUE(peer.raw.quietFor(1200));
+}
+
 }  // namespace
