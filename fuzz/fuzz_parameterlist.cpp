@@ -1,6 +1,8 @@
-// Fuzzes ParameterList::createFromBinary on an exact heap copy of the input (the last byte being the
-// spare readable one). A list that decodes whole is encoded again, and that encoding must decode to
-// the same list: the format is stable under a round trip once a list has been read.
+// Fuzzes ParameterList::createFromBinary on an exact heap copy of the input (the last two bytes being
+// the spare readable ones: a name's NUL may lie one byte beyond the size, and its value's tag one
+// further). A list that decodes whole is encoded again, and that encoding must decode to the same
+// list: the format is stable under a round trip once a list has been read. The first byte is also
+// decoded alone at a negative size.
 #include <parameterlist.h>
 
 #include <cstddef>
@@ -37,10 +39,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size == 0 || size > 64 * 1024) {
         return 0;
     }
+    // A negative size: the count byte alone is read, from a copy of that one byte.
+    std::vector<char> countOnly(1, static_cast<char>(data[0]));
+    ParameterList negative;
+    check(negative.createFromBinary(countOnly.data(), -1) == (data[0] == 0 ? 1 : 0));
+    unsigned int negativeCount = 0;
+    entries(negative, negativeCount);
+    check(negativeCount == 0);
+    if (size < 2) {
+        return 0;
+    }
+
     std::vector<char> exact(data, data + size);
+    const int counted = static_cast<int>(size) - 2;
     ParameterList list;
-    const int consumed = list.createFromBinary(exact.data(), static_cast<int>(size) - 1);
-    check(consumed >= 0 && consumed <= static_cast<int>(size) + 1);
+    const int consumed = list.createFromBinary(exact.data(), counted);
+    check(consumed >= 0 && consumed <= counted + 2);
 
     unsigned int count = 0;
     const std::string before = entries(list, count);
@@ -53,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::vector<char> encoded(static_cast<std::size_t>(size) * 8 + 16);
         const int written = list.getBinary(encoded.data(), static_cast<int>(encoded.size()));
         check(written > 0);
-        encoded.resize(static_cast<std::size_t>(written) + 1);
+        encoded.resize(static_cast<std::size_t>(written) + 2);
         ParameterList again;
         check(again.createFromBinary(encoded.data(), written) == written);
         unsigned int againCount = 0;

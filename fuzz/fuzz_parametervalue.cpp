@@ -1,6 +1,7 @@
 // Fuzzes ParameterValue::createFromBinary. The input is the encoding plus the one readable byte that
 // callers keep beyond `size`; every decode reads from an exact heap copy, so any read outside it is
-// a finding. A value that decodes is re-encoded and must give back the bytes it came from.
+// a finding. A value that decodes is re-encoded and must give back the bytes it came from. The
+// first byte is also decoded alone at a negative size.
 #include <parameterlist.h>
 
 #include <cstddef>
@@ -64,5 +65,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int tightConsumed =
         tight.createFromBinary(exact.data(), static_cast<int>(size), static_cast<int>(size));
     check(tightConsumed >= 0 && tightConsumed <= static_cast<int>(size) + 1);
+
+    // A negative size: the tag alone is read, from a copy of that one byte. It becomes the type;
+    // only a tag other than 'I', 'F', 'B' and 'S' consumes anything (its one byte).
+    std::vector<char> tagOnly(1, exact[0]);
+    ParameterValue negative(3);
+    const int negativeConsumed =
+        negative.createFromBinary(tagOnly.data(), -1 - static_cast<int>(data[0] & 7));
+    check(negative.getType() == static_cast<std::int8_t>(exact[0]));
+    const bool payloadTag = exact[0] == 'I' || exact[0] == 'F' || exact[0] == 'B' || exact[0] == 'S';
+    check(negativeConsumed == (payloadTag ? 0 : 1));
     return 0;
 }

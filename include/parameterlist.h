@@ -8,8 +8,10 @@
 // needs the caller's lock. Nothing here throws (except a null `const char*` given to the string
 // constructor, refused as std::string refuses it) and nothing logs: failures are results (false, 0).
 //
-// Decoders read one byte beyond `size`: the format lets a string's terminating NUL, and a boolean's
-// value byte, lie one place past the bytes counted. Callers keep that byte readable.
+// Decoders read beyond `size`: the format lets a string's terminating NUL, and a boolean's value
+// byte, lie one place past the bytes counted, and a list entry's value then starts with its tag one
+// place further. A value decoder reads at most `size` + 1 bytes and a list decoder `size` + 2; with a
+// negative `size` both read only the first byte. Callers keep those bytes readable.
 #ifndef TARN_PARAMETERLIST_H
 #define TARN_PARAMETERLIST_H
 
@@ -56,13 +58,15 @@ public:
     int getBinaryValue(char* buffer, int size) const;
 
     // Reads one encoding from `buffer` (`size` bytes counted, one more readable); returns the
-    // bytes consumed, or 0. The tag is taken as the new type before anything is checked.
+    // bytes consumed, or 0. Only `size` 0 returns before the tag is taken as the new type; with a
+    // negative `size` the tag is all that is read (a foreign or 'N' tag then gives 1, the others 0).
     int createFromBinary(char* buffer, int size);
 
-    // As above, where `available` bytes from `buffer` on are readable memory (at least `size` + 1
-    // in the format's terms). Reads never go past `available`; a byte that lies beyond it reads as
-    // missing: a string whose NUL is not in reach is refused and a boolean's missing byte reads
-    // as false. Used by decoders that know the extent of the buffer they own.
+    // As above, where `available` bytes from `buffer` on are readable memory. Reads never go past
+    // `available`; a byte that lies beyond it reads as missing: a tag out of reach gives 0 with the
+    // value unchanged, a string whose NUL is not in reach is refused, and a boolean's missing byte
+    // reads as false. With at least the bytes the two-argument form reads, the results are the
+    // same. Used by decoders that know the extent of the buffer they own.
     int createFromBinary(const char* buffer, int size, int available);
 
 private:
@@ -104,7 +108,8 @@ public:
 
     // Merges one encoding into this list (entries of the same name replaced); returns the bytes
     // consumed, or 0, with what was decoded before a failure left in the list. The count byte is
-    // read as signed. `size` bytes counted, one more readable.
+    // read as signed; only `size` 0 returns before it is read, so a zero count gives 1 even at a
+    // negative `size`. `size` bytes counted, two more readable.
     int createFromBinary(char* buffer, int size);
     // As above with the readable extent given (see ParameterValue::createFromBinary).
     int createFromBinary(const char* buffer, int size, int available);

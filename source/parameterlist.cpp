@@ -32,9 +32,22 @@ int boundedLength(const char* p, int limit) {
     return nul == nullptr ? -1 : static_cast<int>(static_cast<const char*>(nul) - p);
 }
 
-// The two-argument decoders promise their callers one readable byte beyond `size`.
-int availableFor(int size) {
+// What the two-argument decoders may read. Whenever `size` is not 0 the first byte is the caller's;
+// beyond that a value may look at one byte past `size` (a string's NUL, a boolean's byte), and a list
+// at two: a name whose NUL is that first extra byte is followed by its value's tag. A negative `size`
+// lets nothing past the first byte count.
+int readableForValue(int size) {
+    if (size <= 0) {
+        return 1;
+    }
     return size < INT_MAX ? size + 1 : INT_MAX;
+}
+
+int readableForList(int size) {
+    if (size <= 0) {
+        return 1;
+    }
+    return size < INT_MAX - 1 ? size + 2 : INT_MAX;
 }
 
 }  // namespace
@@ -102,7 +115,7 @@ std::string ParameterValue::getAsString() const {
             return out.str();
         }
         case TYPE_FLOAT: {
-            // Widened first: peers print exactly what a default stream makes of the double.
+            // Written as the double it widens to, by a default stream: six significant digits.
             std::ostringstream out;
             out << static_cast<double>(m_floatValue);
             return out.str();
@@ -132,7 +145,7 @@ int ParameterValue::getBinaryValue(char* buffer, int size) const {
             return 5;
         }
         case TYPE_FLOAT: {
-            // The float asks for one byte more room than it writes; peers rely on it.
+            // The float asks for 6 bytes of room although it writes 5, one more than the integer.
             if (size <= 5) {
                 return 0;
             }
@@ -175,14 +188,14 @@ int ParameterValue::getBinaryValue(char* buffer, int size) const {
 }
 
 int ParameterValue::createFromBinary(char* buffer, int size) {
-    return createFromBinary(buffer, size, availableFor(size));
+    return createFromBinary(buffer, size, readableForValue(size));
 }
 
 int ParameterValue::createFromBinary(const char* buffer, int size, int available) {
     if (size == 0) {
         return 0;
     }
-    // A tag out of reach only happens for a value behind a list entry whose name ended past `size`.
+    // Only a caller that overstates `size` leaves the tag out of reach.
     if (available < 1) {
         return 0;
     }
@@ -309,7 +322,7 @@ int ParameterList::getBinary(char* buffer, int size) const {
 }
 
 int ParameterList::createFromBinary(char* buffer, int size) {
-    return createFromBinary(buffer, size, availableFor(size));
+    return createFromBinary(buffer, size, readableForList(size));
 }
 
 int ParameterList::createFromBinary(const char* buffer, int size, int available) {
@@ -327,9 +340,10 @@ int ParameterList::createFromBinary(const char* buffer, int size, int available)
     }
     int position = 1;
     for (;;) {
-        // The name's NUL may lie one byte beyond `size`, as in the string value's reader. A boolean
-        // read at the very end can leave the position one past what is readable: no name there.
-        if (position >= available) {
+        // No name fits once the position has passed `size` (its length could only exceed the room
+        // left), so nothing is read there. Otherwise the name's NUL may lie one byte beyond `size`,
+        // as in the string value's reader.
+        if (static_cast<long long>(size) - position < 0 || position >= available) {
             return 0;
         }
         const int n = boundedLength(buffer + position, available - position);
@@ -338,7 +352,8 @@ int ParameterList::createFromBinary(const char* buffer, int size, int available)
         }
         std::string name(buffer + position, static_cast<std::size_t>(n));
         position += n + 1;
-        // A value that fails to decode is still stored, as whatever the decoder left in it.
+        // A value that fails to decode is still stored, as whatever the decoder left in it. Behind a
+        // name whose NUL was the byte beyond `size` the value's size is -1: its tag is still taken.
         ParameterValue value;
         position += value.createFromBinary(buffer + position, size - position, available - position);
         m_params[name] = value;

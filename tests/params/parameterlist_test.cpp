@@ -3,6 +3,7 @@
 
 #include <parameterlist.h>
 
+#include <climits>
 #include <cstdio>
 #include <random>
 #include <sstream>
@@ -39,6 +40,13 @@ Bytes encode(const ParameterList& list, int size, int* result = nullptr, Bytes* 
 int decodePublic(ParameterList& list, const Bytes& bytes) {
     std::vector<char> exact(bytes.begin(), bytes.end());
     return list.createFromBinary(exact.data(), static_cast<int>(exact.size()) - 1);
+}
+
+// The two-argument decoder on a heap buffer of exactly `bytes`, with `size` given: whatever lies
+// beyond the copy is out of reach, so AddressSanitizer catches any read past it.
+int decodeExact(ParameterList& list, const Bytes& bytes, int size) {
+    std::vector<char> exact(bytes.begin(), bytes.end());
+    return list.createFromBinary(exact.data(), size);
 }
 
 // All entries, in walking order, as "name=text;" pairs.
@@ -279,13 +287,45 @@ TEST(ParameterList, DecodeStopsAtNameWhoseNulIsTooFarOut) {
     EXPECT_EQ("a=1;", entries(viaPublic));
 }
 
-TEST(ParameterList, NameNulOneBeyondSizeIsAcceptedAndItsValueIsOutOfReach) {
-    // Size 11: the NUL of "bcd" is the one byte beyond size. The value decode that follows starts
-    // past everything readable and stores a default value.
-    const Bytes bytes{0x02, 'a', 0, 0x49, 1, 0, 0, 0, 'b', 'c', 'd', 0x00};
+TEST(ParameterList, ValueBehindANameEndingOneBeyondSizeTakesItsTag) {
+    // Size 3: the NUL of "ab" is the byte beyond size, so its value is decoded at size -1. That
+    // takes the tag 'I' as the type and refuses the payload: "ab" holds the integer 0, and the
+    // decode returns 4. Each buffer is a heap copy of exactly the bytes shown.
     ParameterList list;
-    EXPECT_EQ(12, decodePublic(list, bytes));
-    EXPECT_EQ("a=1;bcd=INV;", entries(list));
+    EXPECT_EQ(4, decodeExact(list, Bytes{0x01, 'a', 'b', 0x00, 'I'}, 3));
+    int i = -1;
+    EXPECT_TRUE(list.getParam("ab", i));
+    EXPECT_EQ(0, i);
+    EXPECT_EQ("ab = 0 ", printed(list));
+
+    // A foreign tag consumes its byte: 5, and the entry prints as INV.
+    ParameterList foreign;
+    EXPECT_EQ(5, decodeExact(foreign, Bytes{0x01, 'a', 'b', 0x00, 'Z'}, 3));
+    EXPECT_EQ("ab = INV ", printed(foreign));
+
+    // A boolean there is refused at size -1 but keeps its type: false, "OFF".
+    ParameterList flag;
+    EXPECT_EQ(4, decodeExact(flag, Bytes{0x01, 'a', 'b', 0x00, 'B'}, 3));
+    bool b = true;
+    EXPECT_TRUE(flag.getParam("ab", b));
+    EXPECT_FALSE(b);
+
+    // Behind a whole entry: count 2, "a" = 1, then "bcd" whose NUL is the byte beyond size 11.
+    ParameterList second;
+    EXPECT_EQ(13, decodeExact(second, Bytes{0x02, 'a', 0, 0x49, 1, 0, 0, 0, 'b', 'c', 'd', 0x00, 'N'}, 11));
+    EXPECT_EQ("a=1;bcd=INV;", entries(second));
+}
+
+TEST(ParameterList, NameEndingOneBeyondSizeLastInTheCount) {
+    // The count runs out with that entry: nothing is read after its tag, which makes "xy" an
+    // empty string (the string reader at size -1 refuses, with the type taken).
+    ParameterList list;
+    EXPECT_EQ(4, decodeExact(list, Bytes{0x01, 'x', 'y', 0x00, 'S'}, 3));
+    int i = -1;
+    EXPECT_FALSE(list.getParam("xy", i));  // a string, not a number
+    std::string text = "unset";
+    EXPECT_TRUE(list.getParam("xy", text));
+    EXPECT_EQ("", text);
 }
 
 TEST(ParameterList, ValueFailureStillStoresTheEntry) {
@@ -312,11 +352,14 @@ TEST(ParameterList, NegativeCountDecodesOnUntilANameFails) {
     EXPECT_EQ(0, decodePublic(list, Bytes{0xFF, 'a', 0, 0x49, 1, 0, 0, 0, 'b', 0, 0x42, 1, 'z'}));
     EXPECT_EQ("a=1;b=ON;", entries(list));
 
-    // Count 0x80 with a NUL as the spare byte: an empty name is accepted there, its value lies
-    // out of reach, and the next name fails.
+    // Count 0x80 with a NUL as the byte beyond size: an empty name is accepted there, its value is
+    // decoded at size -1 (the tag 'Z' is taken and consumed), and the next name fails.
     ParameterList other;
-    EXPECT_EQ(0, decodePublic(other, Bytes{0x80, 'a', 0, 0x49, 1, 0, 0, 0, 'b', 0, 0x42, 1, 0x00}));
+    EXPECT_EQ(0, decodeExact(other, Bytes{0x80, 'a', 0, 0x49, 1, 0, 0, 0, 'b', 0, 0x42, 1, 0x00, 'Z'}, 12));
     EXPECT_EQ("=INV;a=1;b=ON;", entries(other));
+    ParameterList flag;
+    EXPECT_EQ(0, decodeExact(flag, Bytes{0x80, 'a', 0, 0x49, 1, 0, 0, 0, 'b', 0, 0x42, 1, 0x00, 'B'}, 12));
+    EXPECT_EQ("=OFF;a=1;b=ON;", entries(flag));
 }
 
 TEST(ParameterList, CountByteAbove127ComesFromUnsignedWriting) {
@@ -374,6 +417,18 @@ TEST(ParameterList, DecodeSizeZeroAndNegative) {
     // A zero count is still answered with 1 at a negative size when its byte can be read.
     std::vector<char> zero{0x00};
     EXPECT_EQ(1, list.createFromBinary(zero.data(), -2, 1));
+}
+
+// Only size 0 returns before the count is read: at a negative size the public form reads the count
+// byte (and nothing else), so a zero count gives 1 and any other count refuses its first name.
+TEST(ParameterList, NegativeSizeReadsTheCountThroughThePublicForm) {
+    ParameterList list;
+    list.addNumeric("k", 1);
+    EXPECT_EQ(1, decodeExact(list, Bytes{0x00}, -1));
+    EXPECT_EQ(1, decodeExact(list, Bytes{0x00}, INT_MIN));
+    EXPECT_EQ(0, decodeExact(list, Bytes{0x01}, -1));
+    EXPECT_EQ(0, decodeExact(list, Bytes{0x80}, -3));
+    EXPECT_EQ("k=1;", entries(list));
 }
 
 TEST(ParameterList, CopiesAreIndependent) {

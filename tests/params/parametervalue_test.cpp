@@ -3,9 +3,11 @@
 
 #include <parameterlist.h>
 
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -360,10 +362,43 @@ TEST(ParameterValue, NegativeSizes) {
     int i = 0;
     ASSERT_TRUE(untouched.getIntValue(i));
     EXPECT_EQ(7, i);
-    // The public form keeps one byte beyond a negative size readable: none at all.
-    char byte = 0x4E;
-    EXPECT_EQ(0, untouched.createFromBinary(&byte, -1));
-    EXPECT_EQ(TYPE_INT, untouched.getType());
+}
+
+// Only size 0 returns before the tag. At a negative size the public form takes the tag as the type
+// and reads nothing else: each decode below reads from a heap copy of the tag byte alone.
+TEST(ParameterValue, NegativeSizeTakesTheTagThroughThePublicForm) {
+    struct Case {
+        std::uint8_t tag;
+        int size;
+        int result;
+    };
+    const Case cases[] = {
+        {0x42, -1, 0},  // boolean: refused at a negative size
+        {0x5A, -1, 1},  // foreign tag: 1, the type alone changes
+        {0xC8, -7, 1},  // foreign tag above 127, sign-extended
+        {0x4E, -1, 1},  // none
+        {0x49, -1, 0},  // integer: no room
+        {0x46, -2, 0},  // float: no room
+        {0x53, -1, 0},  // string: no room for any text
+        {0x42, INT_MIN, 0}, {0x5A, INT_MIN, 1},
+    };
+    for (const Case& c : cases) {
+        ParameterValue value(7);
+        std::unique_ptr<char[]> tag(new char[1]);
+        tag[0] = static_cast<char>(c.tag);
+        EXPECT_EQ(c.result, value.createFromBinary(tag.get(), c.size)) << int(c.tag) << " " << c.size;
+        EXPECT_EQ(static_cast<std::int8_t>(c.tag), value.getType()) << int(c.tag);
+    }
+
+    // The payload fields stay as they were: a refused boolean answers with the old payload.
+    ParameterValue flag(true);
+    std::unique_ptr<char[]> intTag(new char[1]);
+    intTag[0] = 0x49;
+    EXPECT_EQ(0, flag.createFromBinary(intTag.get(), -1));
+    int i = -1;
+    ASSERT_TRUE(flag.getIntValue(i));
+    EXPECT_EQ(0, i);
+    EXPECT_EQ("0", flag.getAsString());
 }
 
 TEST(ParameterValue, FixedPayloadOutOfReachIsRefused) {
