@@ -13,6 +13,7 @@
 #ifndef TARN_TARNPACKET_H
 #define TARN_TARNPACKET_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -28,17 +29,24 @@ enum ETARNCommand {
     CMD_UNSUBSCRIBE = 'X'     // client: name
 };
 
-// The header as it lies at the start of the packet buffer. All three fields are bytes, so the
-// structure has no padding and no alignment; the 2-byte length is little-endian on the wire and is
-// read and written through getLength/setLength.
-struct TARN_EXPORT TARNHeader {
+// The header as it lies at the start of the packet buffer: the version, the command letter and the
+// body length, a 16-bit number in the wire's little-endian byte order. m_pHeader points at the
+// header inside the packet's own buffer, so `m_pHeader->length` is bytes 2 and 3 of the packet.
+struct TARNHeader {
     std::uint8_t version;
     std::uint8_t command;
-    std::uint8_t length[2];
-
-    std::uint16_t getLength() const;
-    void setLength(std::uint16_t value);
+    std::uint16_t length;
 };
+
+static_assert(sizeof(TARNHeader) == 4, "the header is the packet's first 4 bytes");
+static_assert(offsetof(TARNHeader, version) == 0 && offsetof(TARNHeader, command) == 1 &&
+                  offsetof(TARNHeader, length) == 2,
+              "version, command and length lie at bytes 0, 1 and 2");
+// The length field holds the number in the host's order, which is the wire's order only on a
+// little-endian host.
+#if defined(__BYTE_ORDER__) && defined(__ORDER_LITTLE_ENDIAN__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
+#error "TARNHeader::length overlays a little-endian wire field: a little-endian host is needed"
+#endif
 
 class TARN_EXPORT TARNPacket {
 public:
@@ -63,7 +71,7 @@ public:
     // Records the received length in m_length and checks version, header length and body length.
     bool validatePacket(unsigned int receivedLength) const;
 
-    std::uint8_t m_buffer[MAX_LENGTH];
+    alignas(TARNHeader) std::uint8_t m_buffer[MAX_LENGTH];
     mutable std::uint32_t m_length;  // write position while building; received length once validated
     TARNHeader* m_pHeader;           // the header at the start of m_buffer
     mutable std::uint32_t m_readPos;

@@ -13,37 +13,36 @@ Corvane::Utilities::Logging::LogCategory tarnCategory() {
     return Corvane::Utilities::Logging::LogManager::getInstance().getCategory("TARN");
 }
 
+// The body length in the header's bytes 2 and 3, least significant byte first. The header object
+// lives in the buffer, so these are the bytes of m_pHeader->length.
+void storeBodyLength(std::uint8_t* buffer, std::uint32_t length) {
+    tarn::storeLe16(buffer + 2, static_cast<std::uint16_t>(length - TARNPacket::HEADER_LENGTH));
+}
+
+std::uint16_t loadBodyLength(const std::uint8_t* buffer) {
+    return tarn::loadLe16(buffer + 2);
+}
+
 }  // namespace
 
 const unsigned int TARNPacket::HEADER_LENGTH;
 const unsigned int TARNPacket::MAX_LENGTH;
 const std::uint8_t TARNPacket::VERSION;
 
-std::uint16_t TARNHeader::getLength() const {
-    return tarn::loadLe16(length);
-}
-
-void TARNHeader::setLength(std::uint16_t value) {
-    tarn::storeLe16(length, value);
-}
-
 // The buffer starts zeroed, so that a read past the body of a packet that never received anything
 // finds empty text rather than whatever the stack held; a reused receive packet keeps its stale
-// bytes from one message to the next.
-TARNPacket::TARNPacket() : m_buffer(), m_length(HEADER_LENGTH), m_pHeader(nullptr), m_readPos(HEADER_LENGTH) {
-    m_pHeader = new (m_buffer) TARNHeader;
-    m_pHeader->version = VERSION;
-    m_pHeader->command = 0;
-    m_pHeader->setLength(0);
-}
+// bytes from one message to the next. The header object is created in the buffer's first bytes.
+TARNPacket::TARNPacket()
+    : m_buffer(),
+      m_length(HEADER_LENGTH),
+      m_pHeader(new (m_buffer) TARNHeader{VERSION, 0, 0}),
+      m_readPos(HEADER_LENGTH) {}
 
 TARNPacket::TARNPacket(ETARNCommand command)
-    : m_buffer(), m_length(HEADER_LENGTH), m_pHeader(nullptr), m_readPos(HEADER_LENGTH) {
-    m_pHeader = new (m_buffer) TARNHeader;
-    m_pHeader->version = VERSION;
-    m_pHeader->command = static_cast<std::uint8_t>(command & 0xFF);
-    m_pHeader->setLength(0);
-}
+    : m_buffer(),
+      m_length(HEADER_LENGTH),
+      m_pHeader(new (m_buffer) TARNHeader{VERSION, static_cast<std::uint8_t>(command & 0xFF), 0}),
+      m_readPos(HEADER_LENGTH) {}
 
 // Room left for the body. A packet whose m_length was set past the buffer by a received length
 // has none: appending to it could only write outside the buffer.
@@ -64,7 +63,7 @@ bool TARNPacket::appendString(const std::string& text) {
     }
     m_buffer[m_length + text.size()] = 0;
     m_length += static_cast<std::uint32_t>(needed);
-    m_pHeader->setLength(static_cast<std::uint16_t>(m_length - HEADER_LENGTH));
+    storeBodyLength(m_buffer, m_length);
     return true;
 }
 
@@ -82,7 +81,7 @@ bool TARNPacket::appendData(const char* data, unsigned int count) {
         std::memcpy(m_buffer + m_length, data, count);
     }
     m_length += count;
-    m_pHeader->setLength(static_cast<std::uint16_t>(m_length - HEADER_LENGTH));
+    storeBodyLength(m_buffer, m_length);
     return true;
 }
 
@@ -91,7 +90,7 @@ bool TARNPacket::appendParamValue(const ParameterValue& value) {
     char* at = reinterpret_cast<char*>(m_buffer + (room > 0 ? m_length : MAX_LENGTH));
     const int written = value.getBinaryValue(at, static_cast<int>(room));
     m_length += static_cast<std::uint32_t>(written);
-    m_pHeader->setLength(static_cast<std::uint16_t>(m_length - HEADER_LENGTH));
+    storeBodyLength(m_buffer, m_length);
     return written != 0;
 }
 
@@ -100,7 +99,7 @@ bool TARNPacket::appendParamList(const ParameterList& list) {
     char* at = reinterpret_cast<char*>(m_buffer + (room > 0 ? m_length : MAX_LENGTH));
     const int written = list.getBinary(at, static_cast<int>(room));
     m_length += static_cast<std::uint32_t>(written);
-    m_pHeader->setLength(static_cast<std::uint16_t>(m_length - HEADER_LENGTH));
+    storeBodyLength(m_buffer, m_length);
     return written != 0;
 }
 
@@ -166,7 +165,7 @@ bool TARNPacket::validatePacket(unsigned int receivedLength) const {
         tarnCategory().getWarnStream() << "TARN: packet validation failed: header too short";
         return false;
     }
-    if (static_cast<std::uint32_t>(m_pHeader->getLength()) + HEADER_LENGTH != receivedLength) {
+    if (static_cast<std::uint32_t>(loadBodyLength(m_buffer)) + HEADER_LENGTH != receivedLength) {
         tarnCategory().getWarnStream() << "TARN: packet validation failed: wrong packet size";
         return false;
     }

@@ -42,7 +42,14 @@ const char kBadList[] = "TARN: failed to parse parameter list";
 static_assert(!std::is_copy_constructible<TARNPacket>::value, "a packet is never copied");
 static_assert(!std::is_copy_assignable<TARNPacket>::value, "a packet is never assigned");
 static_assert(std::is_trivially_destructible<TARNPacket>::value, "a packet owns no heap memory");
-static_assert(sizeof(TARNHeader) == 4 && alignof(TARNHeader) == 1, "the header overlays the buffer's bytes");
+static_assert(sizeof(TARNHeader) == 4, "the header overlays the buffer's first 4 bytes");
+static_assert(std::is_same<decltype(TARNHeader::length), std::uint16_t>::value,
+              "the length is a 16-bit number");
+static_assert(std::is_same<decltype(TARNHeader::version), std::uint8_t>::value &&
+                  std::is_same<decltype(TARNHeader::command), std::uint8_t>::value,
+              "version and command are bytes");
+static_assert(std::is_standard_layout<TARNHeader>::value && std::is_trivially_copyable<TARNHeader>::value,
+              "the header is a plain structure");
 
 TEST(TARNPacket, FreshPacketIsItsHeader) {
     TARNPacket packet(CMD_SUBSCRIBE);
@@ -71,20 +78,43 @@ TEST(TARNPacket, CommandLetters) {
     EXPECT_EQ("01 47 00 00", hex(packetBytes(unknown)));
 }
 
-TEST(TARNPacket, HeaderLengthIsLittleEndian) {
+TEST(TARNPacket, HeaderLengthIsALittleEndianNumber) {
     TARNPacket packet(CMD_TRIGGER);
-    packet.m_pHeader->setLength(0x1234);
+    packet.m_pHeader->length = 0x1234;
     EXPECT_EQ(0x34, packet.m_buffer[2]);
     EXPECT_EQ(0x12, packet.m_buffer[3]);
     packet.m_buffer[2] = 0xCD;
     packet.m_buffer[3] = 0x05;
-    EXPECT_EQ(0x05CD, packet.m_pHeader->getLength());
+    EXPECT_EQ(0x05CD, packet.m_pHeader->length);
+    // An ordinary unsigned number: arithmetic and comparison as an application would use it.
+    const unsigned int total = packet.m_pHeader->length + TARNPacket::HEADER_LENGTH;
+    EXPECT_EQ(0x05D1u, total);
+    packet.m_pHeader->length += 1;
+    EXPECT_EQ("ce 05", hex(Bytes(packet.m_buffer + 2, packet.m_buffer + 4)));
+}
+
+TEST(TARNPacket, HeaderLengthFollowsAppendsAndValidation) {
+    TARNPacket packet(CMD_TRIGGER);
+    EXPECT_EQ(0, packet.m_pHeader->length);
+    ASSERT_TRUE(packet.appendString("A"));
+    ASSERT_TRUE(packet.appendParamValue(ParameterValue(1)));
+    EXPECT_EQ(7, packet.m_pHeader->length);
+    EXPECT_EQ("01 54 07 00 41 00 49 01 00 00 00", hex(packetBytes(packet)));
+
+    // A length written through the field is what validation checks a received size against.
+    TARNPacket received;
+    std::memcpy(received.m_buffer, packet.m_buffer, packet.m_length);
+    received.m_pHeader->length = 300;
+    EXPECT_FALSE(received.validatePacket(packet.m_length));
+    EXPECT_TRUE(received.validatePacket(304));
+    received.m_pHeader->length = 7;
+    EXPECT_TRUE(received.validatePacket(11));
 }
 
 TEST(TARNPacket, AppendStringAbc) {
     TARNPacket packet(CMD_SUBSCRIBE);
     EXPECT_TRUE(packet.appendString("abc"));
-    EXPECT_EQ(4, packet.m_pHeader->getLength());
+    EXPECT_EQ(4, packet.m_pHeader->length);
     EXPECT_EQ(8u, packet.m_length);
     EXPECT_EQ("01 53 04 00 61 62 63 00", hex(packetBytes(packet)));
 }
@@ -106,13 +136,13 @@ TEST(TARNPacket, LongestStringFitsAndOneMoreIsRefused) {
     TARNPacket fits(CMD_SUBSCRIBE);
     EXPECT_TRUE(fits.appendString(std::string(1487, 'x')));
     EXPECT_EQ(1492u, fits.m_length);
-    EXPECT_EQ(1488, fits.m_pHeader->getLength());
+    EXPECT_EQ(1488, fits.m_pHeader->length);
     EXPECT_EQ(0, fits.m_buffer[1491]);
 
     TARNPacket refused(CMD_SUBSCRIBE);
     EXPECT_FALSE(refused.appendString(std::string(1488, 'x')));
     EXPECT_EQ(4u, refused.m_length);
-    EXPECT_EQ(0, refused.m_pHeader->getLength());
+    EXPECT_EQ(0, refused.m_pHeader->length);
     EXPECT_EQ(1, log.count(Log::eError, "TARN: TARN packet length (1489) exceeds max length (1488)"))
         << log.dump();
     EXPECT_EQ(1u, log.lines().size());
@@ -135,7 +165,7 @@ TEST(TARNPacket, AppendDataAsksForOneSpareByte) {
     TARNPacket accepted(CMD_TRIGGER);
     EXPECT_TRUE(accepted.appendData(data.data(), 1487));
     EXPECT_EQ(1491u, accepted.m_length);
-    EXPECT_EQ(1487, accepted.m_pHeader->getLength());
+    EXPECT_EQ(1487, accepted.m_pHeader->length);
     // One byte left: data of 0 bytes asks for exactly that and is accepted.
     EXPECT_TRUE(accepted.appendData(nullptr, 0));
     EXPECT_EQ(1491u, accepted.m_length);
@@ -190,7 +220,7 @@ TEST(TARNPacket, AppendValueFollowsTheValueRoomRules) {
     EXPECT_EQ(0x46, tight.m_buffer[1487]);
     EXPECT_TRUE(tight.appendParamValue(ParameterValue(-1)));
     EXPECT_EQ(1492u, tight.m_length);
-    EXPECT_EQ(1488, tight.m_pHeader->getLength());
+    EXPECT_EQ(1488, tight.m_pHeader->length);
     EXPECT_FALSE(tight.appendParamValue(ParameterValue()));
     EXPECT_EQ(1492u, tight.m_length);
     EXPECT_TRUE(log.lines().empty()) << log.dump();
