@@ -77,9 +77,14 @@ public:
     // eConnected. `client` is stored whatever the outcome. False when the peer cannot be reached: at
     // once over TCP when nobody listens, after 5 s without an answer over EUDP; then no thread runs and
     // no status is reported, and the connection is still disconnected and deleted as usual.
+    // Reconnecting: over TCP call disconnect() first; over EUDP a link that ended can be connected
+    // again as it is. A receive loop that has ended (reported eDisconnected) or was stopped by
+    // disconnect() is first waited for, also while its eDisconnected callback still runs, so never
+    // call connect() from a thread that callback waits for.
     bool connect(const std::string& host, uint16 port, ITARNClient* client);
 
-    // Starts (or restarts) the receive thread; returns the thread start's result.
+    // Starts (or restarts) the receive thread; returns the thread start's result: false at once
+    // while a receive loop is still going, also one that is just ending.
     bool start();
 
     // Attaches the server callbacks; takes effect with the next packet.
@@ -119,13 +124,16 @@ public:
 
 private:
     bool sendPacket(const class TARNPacket& packet, const char* failure, const std::string& name);
+    void awaitEndingLoop();
+    void endLoop();
 
     ITARNTransport* m_pTransport;
     std::atomic<ITARNClient*> m_pClient;
     std::atomic<ITARNServer*> m_pServer;  // read afresh for every packet
     Corvane::Utilities::Logging::LogCategory m_log;
     RunThreadC* m_pThread;
-    std::atomic<bool> m_bStop;  // written by the application, read by the receive loop
+    std::atomic<bool> m_bStop;        // written by the application, read by the receive loop
+    std::atomic<bool> m_bLoopEnding;  // set by a loop that has stopped receiving, cleared by start()
 };
 
 // Library start-up and shut-down: create and destroy the process's command processor. Call tarnInit

@@ -20,9 +20,6 @@ namespace {
 
 const char* const kUnit = "source/tarnconnection.cpp";
 
-// How long a restart waits for the previous run of the receive loop to finish returning.
-const int kRestartWaitMs = 200;
-
 // Hands one received, validated packet to the callback object its command is meant for.
 void dispatch(const TARNPacket& packet, ITARNClient* client, ITARNServer* server,
               const Log::LogCategory& log) {
@@ -101,7 +98,8 @@ TARNConnection::TARNConnection(ETransport transport)
       m_pServer(nullptr),
       m_log(Log::LogManager::getInstance().getCategory("TARN")),
       m_pThread(nullptr),
-      m_bStop(true) {
+      m_bStop(true),
+      m_bLoopEnding(false) {
     switch (transport) {
         case eTransportEUDP:
             m_pTransport = new EUDPTransport();
@@ -121,7 +119,8 @@ TARNConnection::TARNConnection(ITARNTransport* transport)
       m_pServer(nullptr),
       m_log(Log::LogManager::getInstance().getCategory("TARN")),
       m_pThread(nullptr),
-      m_bStop(true) {}
+      m_bStop(true),
+      m_bLoopEnding(false) {}
 
 // Neither disconnects nor waits for the thread beyond the pause: the application disconnects first.
 TARNConnection::~TARNConnection() {
@@ -141,6 +140,7 @@ TARNConnection::~TARNConnection() {
 
 bool TARNConnection::connect(const std::string& host, uint16 port, ITARNClient* client) {
     m_pClient = client;
+    awaitEndingLoop();
     bool ok = false;
     {
         const sal::HostAddress address(host);
@@ -154,18 +154,29 @@ bool TARNConnection::connect(const std::string& host, uint16 port, ITARNClient* 
     return ok;
 }
 
+// No waiting here: a loop that is still going (even one on its way out after reporting
+// eDisconnected) makes the start fail at once, as the thread's own start does.
 bool TARNConnection::start() {
     m_bStop = false;
     if (m_pThread == nullptr) {
         m_pThread = new RunThreadC(this);
-    } else {
-        // A loop that has just reported eDisconnected is still on its way out of run(); an
-        // application that reconnects in answer to that report would otherwise find the thread
-        // still running and get no receive loop. The thread's shutdown callback does nothing, so
-        // this only waits, and a loop that is really still receiving keeps running.
-        m_pThread->shutdown(kRestartWaitMs);
+    } else if (m_pThread->isRunning()) {
+        return false;
     }
+    // The previous loop has returned, so nothing else writes the flag now.
+    m_bLoopEnding = false;
     return m_pThread->start();
+}
+
+// A reconnect reuses the transport and then starts the loop again. A loop that is ending (it
+// reported eDisconnected, or disconnect() closed the transport under it) no longer receives but may
+// still be inside its eDisconnected callback; it is waited for, so that the start that follows
+// finds the thread free. From the loop's own thread (a reconnect inside that callback) nothing can
+// be waited for, and a loop that is still receiving is left alone.
+void TARNConnection::awaitEndingLoop() {
+    if (m_pThread != nullptr && (m_bStop.load() || m_bLoopEnding.load())) {
+        m_pThread->shutdown(-1);
+    }
 }
 
 void TARNConnection::setServer(ITARNServer* server) {
@@ -229,7 +240,7 @@ bool TARNConnection::callFunctionId(const std::string& name, const ParameterList
     return sendPacket(packet, "TARN: failed to send FID cmd", name);
 }
 
-// The failure line runs the message and the name together with no separator; tools match on it.
+// The failure line runs the message and the name together, with no separator.
 bool TARNConnection::sendPacket(const TARNPacket& packet, const char* failure, const std::string& name) {
     const bool ok = m_pTransport->sendData(packet.m_buffer, packet.m_length);
     if (!ok) {
@@ -267,13 +278,13 @@ uint16 TARNConnection::getLocalPort() const {
 void TARNConnection::run() {
     TARNPacket packet;
     if (m_bStop.load()) {
-        updateStatus(eDisconnected);
+        endLoop();
         return;
     }
     for (;;) {
         const int received = m_pTransport->receiveData(packet.m_buffer, TARNPacket::MAX_LENGTH);
         if (received <= 0) {
-            updateStatus(eDisconnected);
+            endLoop();
             return;
         }
         packet.m_readPos = TARNPacket::HEADER_LENGTH;
@@ -284,10 +295,16 @@ void TARNConnection::run() {
             m_log.getWarnStream() << "TARN: discarding invalid packet";
         }
         if (m_bStop.load()) {
-            updateStatus(eDisconnected);
+            endLoop();
             return;
         }
     }
+}
+
+// The loop's one way out: from here on it does not touch the transport.
+void TARNConnection::endLoop() {
+    m_bLoopEnding = true;
+    updateStatus(eDisconnected);
 }
 
 void tarnInit() {

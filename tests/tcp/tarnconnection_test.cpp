@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include <tarnconnection.h>
@@ -343,6 +346,171 @@ TEST(TarnConnectionTcp, DeletingWithoutDisconnectStillEndsTheLoop) {
     delete connection;  // against the rules, but the host process survives it
     EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected"}), events.list());
     EXPECT_TRUE(peer.waitClosed(5000));
+}
+
+namespace {
+
+// A client whose eDisconnected callback takes its time: it records the report, then holds the
+// receive thread until release() (or for a fixed spell), then records that it returned.
+class SlowClient final : public ITARNClient {
+public:
+    explicit SlowClient(Events& events, int holdMs = -1) : m_events(events), m_holdMs(holdMs) {}
+    void onTrigger(const std::string& name, const ParameterValue& value) override {
+        m_events.add("client:trigger " + name + " " + describe(value));
+    }
+    void onUpdateState(const std::string&, const ParameterValue&) override {}
+    void onStatusChanged(EConnStatus status) override {
+        if (status == eConnected) {
+            m_events.add("client:connected");
+            return;
+        }
+        m_events.add("client:disconnected");
+        if (m_holdMs >= 0) {
+            // The application's own slow work in the callback, not a wait for a condition.
+            std::this_thread::sleep_for(std::chrono::milliseconds(m_holdMs));
+        } else {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_released.wait(lock, [&] { return m_bReleased; });
+        }
+        m_events.add("client:callback returned");
+    }
+    void release() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bReleased = true;
+        m_released.notify_all();
+    }
+
+private:
+    Events& m_events;
+    int m_holdMs;
+    std::mutex m_mutex;
+    std::condition_variable m_released;
+    bool m_bReleased = false;
+};
+
+// Margin under the 200 ms that a start() waiting for a loop would take at least.
+const std::int64_t kAtOnceMs = 180;
+
+}  // namespace
+
+TEST(TarnConnectionTcp, StartOnARunningConnectionFailsAtOnce) {
+    Connected c;
+    ASSERT_TRUE(c.events.waitFor("client:connected", 5000));
+    const std::int64_t start = nowMs();
+    EXPECT_FALSE(c.connection->start());
+    EXPECT_LT(nowMs() - start, kAtOnceMs);
+    // The loop that runs is the one it was: the next packet arrives once.
+    ASSERT_TRUE(c.peer.sendAll(frame(packet('T', concat({cstr("x"), intValue(1)})))));
+    ASSERT_TRUE(c.events.waitFor("client:trigger x I:1", 5000));
+    EXPECT_FALSE(c.events.waitSize(3, 200));
+}
+
+TEST(TarnConnectionTcp, StartWhileTheLoopIsStillInItsDisconnectedCallbackFailsAtOnce) {
+    Events events;
+    SlowClient client(events);
+    RawTcpListener listener;
+    TARNConnection connection(eTransportTCP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", listener.port(), &client));
+    RawTcp peer(listener.accept(5000));
+    ASSERT_TRUE(peer.valid());
+    peer.close();
+    ASSERT_TRUE(events.waitFor("client:disconnected", 5000));
+    const std::int64_t start = nowMs();
+    EXPECT_FALSE(connection.start());
+    EXPECT_LT(nowMs() - start, kAtOnceMs);
+    client.release();
+    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+    connection.disconnect();
+}
+
+TEST(TarnConnectionTcp, ReconnectWaitsForTheOldLoopToReturnFromItsCallback) {
+    // The peer goes away; the application disconnects and connects again while the old loop is
+    // still in its eDisconnected callback. connect() lets that callback finish before it starts
+    // the loop again, so the new link is served.
+    Events events;
+    SlowClient client(events, 600);
+    RawTcpListener first;
+    TARNConnection connection(eTransportTCP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", first.port(), &client));
+    {
+        RawTcp peer(first.accept(5000));
+        ASSERT_TRUE(peer.valid());
+    }
+    ASSERT_TRUE(events.waitFor("client:disconnected", 5000));
+    connection.disconnect();
+    RawTcpListener second;
+    ASSERT_TRUE(connection.connect("127.0.0.1", second.port(), &client));
+    RawTcp peer(second.accept(5000));
+    ASSERT_TRUE(peer.valid());
+    ASSERT_TRUE(peer.sendAll(frame(packet('T', concat({cstr("again"), intValue(2)})))));
+    ASSERT_TRUE(events.waitFor("client:trigger again I:2", 5000)) << ::testing::PrintToString(events.list());
+    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
+                                        "client:connected", "client:trigger again I:2"}),
+              events.list());
+    connection.disconnect();
+    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+}
+
+TEST(TarnConnectionTcp, ConnectRightAfterDisconnectWaitsForTheStoppedLoop) {
+    // disconnect() closes the transport under a loop that is still receiving; connect() follows at
+    // once and waits until that loop has reported and returned.
+    Events events;
+    SlowClient client(events, 400);
+    RawTcpListener first;
+    TARNConnection connection(eTransportTCP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", first.port(), &client));
+    RawTcp firstPeer(first.accept(5000));
+    ASSERT_TRUE(firstPeer.valid());
+    connection.disconnect();
+    RawTcpListener second;
+    ASSERT_TRUE(connection.connect("127.0.0.1", second.port(), &client));
+    RawTcp peer(second.accept(5000));
+    ASSERT_TRUE(peer.valid());
+    ASSERT_TRUE(peer.sendAll(frame(packet('U', concat({cstr("s"), intValue(3)})))));
+    ASSERT_TRUE(peer.sendAll(frame(packet('T', concat({cstr("t"), intValue(4)})))));
+    ASSERT_TRUE(events.waitFor("client:trigger t I:4", 5000)) << ::testing::PrintToString(events.list());
+    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
+                                        "client:connected", "client:trigger t I:4"}),
+              events.list());
+    connection.disconnect();
+    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+}
+
+TEST(TarnConnectionEudp, ReconnectAfterTheLinkEndedWaitsForTheOldLoop) {
+    // Over EUDP a link that the peer ended (DIS) is connected again as it is, without disconnect().
+    // A raw UDP peer plays the server: it answers each CON with an ACK of the same number.
+    Events events;
+    SlowClient client(events, 600);
+    RawUdp server;
+    TARNConnection connection(eTransportEUDP);
+    std::uint16_t clientPort = 0;
+    std::thread answering([&] {
+        Bytes datagram;
+        std::uint16_t from = 0;
+        for (int answered = 0; answered < 2 && server.receive(datagram, from, 10000);) {
+            if (datagram.size() >= 8 && datagram[1] == 'C' && datagram[2] == 'O' && datagram[3] == 'N') {
+                server.sendTo(eudpDatagram("ACK", le32(datagram, 4)), from);
+                clientPort = from;
+                ++answered;
+            }
+        }
+    });
+    ASSERT_TRUE(connection.connect("127.0.0.1", server.port(), &client));
+    const std::uint16_t firstPort = connection.getLocalPort();
+    ASSERT_TRUE(server.sendTo(eudpDatagram("DIS", 0), firstPort));
+    ASSERT_TRUE(events.waitFor("client:disconnected", 5000));
+    const bool reconnected = connection.connect("127.0.0.1", server.port(), &client);
+    answering.join();
+    ASSERT_TRUE(reconnected);
+    ASSERT_NE(firstPort, clientPort);
+    ASSERT_TRUE(
+        server.sendTo(eudpDatagram("CMD", 0, packet('T', concat({cstr("e"), intValue(5)}))), clientPort));
+    ASSERT_TRUE(events.waitFor("client:trigger e I:5", 5000)) << ::testing::PrintToString(events.list());
+    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
+                                        "client:connected", "client:trigger e I:5"}),
+              events.list());
+    connection.disconnect();
+    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
 }
 
 TEST(TarnConnectionTcpDeathTest, UnknownTransportKindIsRefused) {
