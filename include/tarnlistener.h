@@ -5,7 +5,8 @@
 // Ownership: the listener owns its thread and its connector (deleted with the listener). Each
 // connection handed to onNewConnection belongs to the application from then on and lives on
 // independently of the listener. The listening transport is left behind, disconnected, when the
-// listener is deleted.
+// listener is deleted; so is a peer's transport that accept returned while the listener was
+// shutting down (never handed out, its link stays open).
 //
 // Two ways to start: listen() binds on the listener's thread and always returns true, so a port
 // that cannot be bound shows up only later (see listen); bindAndListen() binds on the calling

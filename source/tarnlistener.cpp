@@ -47,8 +47,7 @@ TARNListener::TARNListener(ETransport transport)
       m_pThread(nullptr),
       m_bShutdownRequested(false) {}
 
-// The listening transport stays behind, disconnected: applications rely on it outliving the
-// listener, so it is deliberately not deleted here.
+// The listening transport stays behind, disconnected: the listener deliberately never deletes it.
 TARNListener::~TARNListener() {
     shutdown(-1);
     delete m_pThread;
@@ -154,8 +153,9 @@ void TARNListener::run() {
         ITARNTransport* const accepted = transport->accept();
         if (!m_bRunning.load()) {
             tarnLog().getInfoStream() << "TARN: listener is shut down";
-            // A peer accepted at this moment is dropped unused; deleting it closes its link.
-            delete accepted;
+            // A peer accepted at this moment is dropped unused, and its transport is left as it
+            // is, not deleted: its link stays open (over EUDP it keeps answering the peer), as the
+            // listening transport of a finished run stays behind.
             return;
         }
         if (accepted == nullptr) {

@@ -5,13 +5,16 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include <eudptransport.h>
 #include <tarnconnection.h>
 #include <tarnlistener.h>
+#include <tcptransport.h>
 
 #include "tcptestutil.h"
 #include "testsupport.h"
@@ -247,8 +250,8 @@ TEST(TarnListenerTcp, BareStartAfterShutdownEndsAfterItsFirstPeer) {
     ASSERT_TRUE(peer.valid());
     ASSERT_TRUE(log.waitFor(Log::eInfo, "TARN: listener is shut down", 5000));
     ASSERT_TRUE(waitUntil([&] { return log.count(Log::eInfo, "TARN: listener is shut down") == 2; }, 5000));
-    // The peer was dropped unused, and the connector never heard of it.
-    EXPECT_TRUE(peer.waitClosed(5000));
+    // The peer was dropped unused: the connector never heard of it, and its link stays open.
+    EXPECT_FALSE(peer.waitClosed(500));
     EXPECT_EQ(0u, app.events.size());
     // The run is over: the thread can be started again.
     EXPECT_TRUE(listener.shutdown(1000));
@@ -325,6 +328,147 @@ TEST(TarnListenerTcp, AFailedAcceptEndsTheLoopWithTheErrorLineAndNoRetry) {
     ASSERT_TRUE(app.events.waitFor("server0:connected", 5000));
     ASSERT_TRUE(peer.sendAll(frame(packet('S', cstr("x")))));
     EXPECT_TRUE(app.events.waitFor("server0:subscribe x", 5000));
+}
+
+namespace {
+
+// A listener that lets a test act inside its shutdown: the accept loop has been told to stop, but
+// its listening transport is still open, so a peer that connects now is accepted into a loop that
+// is shutting down.
+class ShutdownHookListener final : public TARNListener {
+public:
+    using TARNListener::TARNListener;
+    bool shutdownCallback() override {
+        std::function<void()> hook;
+        hook.swap(duringShutdown);  // once only: the destructor shuts down again
+        if (hook) {
+            hook();
+        }
+        return TARNListener::shutdownCallback();
+    }
+    std::function<void()> duringShutdown;
+};
+
+// Records when a connection reports eConnected.
+class TimedServer final : public ITARNServer {
+public:
+    void onSubscribe(const std::string& name) override { events.add("subscribe " + name); }
+    void onUnsubscribe(const std::string&) override {}
+    void onCallFunctionId(const std::string&, const ParameterList&) override {}
+    void onStatusChanged(EConnStatus status) override {
+        if (status == eConnected) {
+            connectedAtMs = nowMs();
+        }
+        events.add(status == eConnected ? "connected" : "disconnected");
+    }
+    Events events;
+    std::atomic<std::int64_t> connectedAtMs{0};
+};
+
+// Starts the connection itself inside onNewConnection, as an application may.
+class StartingConnector final : public ITARNConnector {
+public:
+    explicit StartingConnector(TimedServer& server) : m_server(server) {}
+    ~StartingConnector() override {
+        for (auto* connection : m_connections) {
+            connection->disconnect();
+            delete connection;
+        }
+    }
+    void onNewConnection(TARNConnection* connection) override {
+        m_connections.push_back(connection);
+        connection->setServer(&m_server);
+        startedAtMs = nowMs();
+        started = connection->start();
+    }
+    std::atomic<std::int64_t> startedAtMs{0};
+    std::atomic<bool> started{false};
+
+private:
+    TimedServer& m_server;
+    std::vector<TARNConnection*> m_connections;
+};
+
+}  // namespace
+
+TEST(TarnListenerTcp, APeerAcceptedDuringShutdownIsLeftConnected) {
+    Application app;
+    LogCapture log;
+    auto listener = std::make_unique<ShutdownHookListener>(eTransportTCP);
+    listener->listen("127.0.0.1", 0, new Connector(app));
+    const uint16 port = waitForPort(*listener);
+    ASSERT_NE(0, port);
+    std::unique_ptr<RawTcp> peer;
+    listener->duringShutdown = [&] {
+        peer.reset(new RawTcp(RawTcp::connectTo(port)));
+        EXPECT_TRUE(log.waitFor(Log::eInfo, "TARN: listener is shut down", 5000)) << log.dump();
+    };
+    EXPECT_TRUE(listener->shutdown(-1));
+    ASSERT_TRUE(peer && peer->valid());
+    EXPECT_EQ(1, log.count(Log::eInfo, "TARN: listener is shut down"));
+    // Never handed out, and not closed either: no end of stream, also once the listener is gone.
+    EXPECT_FALSE(peer->waitClosed(500));
+    listener.reset();
+    EXPECT_TRUE(peer->sendAll(frame(packet('S', cstr("anyone")))));
+    EXPECT_FALSE(peer->waitClosed(500));
+    EXPECT_EQ(0u, app.events.size());
+}
+
+TEST(TarnListenerEudp, APeerAcceptedDuringShutdownKeepsItsLink) {
+    Application app;
+    LogCapture log;
+    auto listener = std::make_unique<ShutdownHookListener>(eTransportEUDP);
+    listener->listen("127.0.0.1", 0, new Connector(app));
+    const uint16 port = waitForPort(*listener);
+    ASSERT_NE(0, port);
+    RawUdp peer;
+    std::uint16_t serverPort = 0;
+    listener->duringShutdown = [&] {
+        ASSERT_TRUE(peer.sendTo(eudpDatagram("CON", 7), port));
+        Bytes ack;
+        ASSERT_TRUE(peer.receive(ack, serverPort, 5000));
+        EXPECT_EQ(hex(eudpDatagram("ACK", 7)), hex(ack));
+        EXPECT_TRUE(log.waitFor(Log::eInfo, "TARN: listener is shut down", 5000)) << log.dump();
+    };
+    EXPECT_TRUE(listener->shutdown(-1));
+    listener.reset();
+    ASSERT_NE(0, serverPort);
+    ASSERT_NE(port, serverPort);
+    // The accepted transport runs on: its receiver answers a keep-alive (an empty data datagram)
+    // with NOP, and its own keep-alive timer is armed.
+    ASSERT_TRUE(peer.sendTo(eudpDatagram("CMD", 8), serverPort));
+    bool nop = false;
+    bool keepAlive = false;
+    const std::int64_t deadline = nowMs() + 5000;
+    while ((!nop || !keepAlive) && nowMs() < deadline) {
+        Bytes datagram;
+        std::uint16_t from = 0;
+        if (peer.receive(datagram, from, 100) && from == serverPort && datagram.size() == 8) {
+            nop = nop || hex(datagram) == hex(eudpDatagram("NOP", 0));
+            keepAlive = keepAlive || (datagram[1] == 'C' && datagram[2] == 'M' && datagram[3] == 'D');
+        }
+    }
+    EXPECT_TRUE(nop);
+    EXPECT_TRUE(keepAlive);
+    EXPECT_EQ(0u, app.events.size());
+}
+
+TEST(TarnListenerTcp, AStartInsideOnNewConnectionDelaysNothing) {
+    TimedServer server;
+    TARNListener listener(eTransportTCP);
+    auto* connector = new StartingConnector(server);
+    listener.listen("127.0.0.1", 0, connector);
+    const uint16 port = waitForPort(listener);
+    RawTcp peer = RawTcp::connectTo(port);
+    ASSERT_TRUE(peer.valid());
+    ASSERT_TRUE(server.events.waitFor("connected", 5000));
+    EXPECT_TRUE(connector->started.load());
+    // The listener's own start() then fails at once, and eConnected follows without a pause.
+    EXPECT_LT(server.connectedAtMs.load() - connector->startedAtMs.load(), 180);
+    ASSERT_TRUE(peer.sendAll(frame(packet('S', cstr("s")))));
+    ASSERT_TRUE(server.events.waitFor("subscribe s", 5000));
+    EXPECT_EQ((std::vector<std::string>{"connected", "subscribe s"}), server.events.list());
+    EXPECT_TRUE(listener.shutdown(-1));
 }
 
 TEST(TarnListenerTcpDeathTest, UnknownTransportKindFailsOnTheThread) {
