@@ -2,6 +2,7 @@
 
 #include <sal/assert.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <iterator>
@@ -226,8 +227,12 @@ int ParameterValue::createFromBinary(const char* buffer, int size, int available
             m_boolValue = available >= 2 && buffer[1] != 0;
             return 2;
         case TYPE_STRING: {
-            // The NUL may lie one byte beyond `size`: `size` n + 1 is accepted and gives n + 2.
-            const int n = boundedLength(buffer + 1, available - 1);
+            // The NUL may lie one byte beyond `size`: `size` n + 1 is accepted and gives n + 2. A
+            // text without a NUL at or before that byte is refused, so the scan stops there.
+            if (size < 0) {
+                return 0;
+            }
+            const int n = boundedLength(buffer + 1, std::min(available - 1, size));
             if (n < 0 || size <= n) {
                 return 0;
             }
@@ -346,7 +351,9 @@ int ParameterList::createFromBinary(const char* buffer, int size, int available)
         if (static_cast<long long>(size) - position < 0 || position >= available) {
             return 0;
         }
-        const int n = boundedLength(buffer + position, available - position);
+        // The scan goes no further than that byte: a name without a NUL by then is refused.
+        const long long end = std::min(static_cast<long long>(available), static_cast<long long>(size) + 1);
+        const int n = boundedLength(buffer + position, static_cast<int>(end - position));
         if (n < 0 || size - position < n) {
             return 0;
         }

@@ -460,6 +460,25 @@ TEST(TARNPacket, ValueDecodingReadsTheStaleByteBehindTheBody) {
     EXPECT_EQ(6u, packet.m_readPos);
 }
 
+TEST(TARNPacket, ListEntryWhoseNameEndsBehindTheBodyTakesTheNextStaleByteAsItsTag) {
+    LogCapture log;
+    TARNPacket packet;
+    // An earlier message leaves a NUL at offset 9 and 'I' at offset 10.
+    ASSERT_TRUE(receive(packet, Bytes{0x01, 0x46, 0x07, 0x00, 'f', 0x00, 0x01, 'x', 'y', 0x00, 'I'}));
+    // A call whose list entry "ab" ends with the body: its NUL is the stale byte one behind the
+    // body, and its value, decoded at size -1, takes the next stale byte 'I' as its type and
+    // refuses the payload. The list decode consumes 4 bytes and reports nothing.
+    ASSERT_TRUE(receive(packet, Bytes{0x01, 0x46, 0x05, 0x00, 'f', 0x00, 0x01, 'a', 'b'}));
+    EXPECT_EQ("f", packet.getString());
+    ParameterList list;
+    packet.getParameterList(list);
+    EXPECT_EQ(10u, packet.m_readPos);
+    int i = -1;
+    EXPECT_TRUE(list.getParam("ab", i));
+    EXPECT_EQ(0, i);
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
 TEST(TARNPacket, ValueReadPastTheBodyUsesNegativeSize) {
     LogCapture log;
     TARNPacket packet;
