@@ -36,6 +36,10 @@ struct TARNHeader {
     std::uint8_t version;
     std::uint8_t command;
     std::uint16_t length;
+
+    // The same field through accessors, for code written when the length was a pair of bytes.
+    std::uint16_t getLength() const { return length; }
+    void setLength(std::uint16_t value) { length = value; }
 };
 
 static_assert(sizeof(TARNHeader) == 4, "the header is the packet's first 4 bytes");

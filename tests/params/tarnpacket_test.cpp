@@ -91,6 +91,11 @@ TEST(TARNPacket, HeaderLengthIsALittleEndianNumber) {
     EXPECT_EQ(0x05D1u, total);
     packet.m_pHeader->length += 1;
     EXPECT_EQ("ce 05", hex(Bytes(packet.m_buffer + 2, packet.m_buffer + 4)));
+    // The accessors reach the same field.
+    EXPECT_EQ(0x05CE, packet.m_pHeader->getLength());
+    packet.m_pHeader->setLength(0x0102);
+    EXPECT_EQ(0x0102, packet.m_pHeader->length);
+    EXPECT_EQ("02 01", hex(Bytes(packet.m_buffer + 2, packet.m_buffer + 4)));
 }
 
 TEST(TARNPacket, HeaderLengthFollowsAppendsAndValidation) {
