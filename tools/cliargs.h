@@ -23,7 +23,8 @@ enum ExitStatus {
     kExitNoConnection = 4,  // connection refused (TCP) or no answer within 5 s (EUDP)
     kExitTimeout = 5,       // sub: --timeout passed before --count messages arrived
     kExitClosed = 6,        // the peer closed the connection, or stopped answering
-    kExitListen = 7         // serve, impair: the address and port cannot be bound
+    kExitListen = 7,        // serve, impair: the address and port cannot be bound
+    kExitNoBridge = 127     // bridge: tarn-bridge is not there, or cannot be run
 };
 
 struct ParsedArgs {

@@ -18,6 +18,8 @@ int runConnect(const std::vector<std::string>& args);
 int runCall(const std::vector<std::string>& args);
 int runSub(const std::vector<std::string>& args);
 int runVersion(const std::vector<std::string>& args);
+// Runs tarn-bridge with `args` in the place of this process; returns only when it cannot.
+int runBridge(const std::vector<std::string>& args);
 
 // What connectClient returns when a signal ended the wait for a server: the command then ends
 // with status 0, as on any other SIGINT or SIGTERM.

@@ -200,6 +200,54 @@ CommandEntry makeImpair() {
         nullptr};
 }
 
+CommandEntry makeBridge() {
+    return CommandEntry{
+        "bridge",
+        "",
+        "TARN servers on an MQTT broker (runs tarn-bridge)",
+        "Runs tarn-bridge, the MQTT bridge, with the same words, in the place of this process: its\n"
+        "exit status and the signals sent to it are its own. It connects to every --device as a TARN\n"
+        "client and to one MQTT broker, publishes every update of a state named by --sub retained on\n"
+        "ROOT/DEVICE/state/NAME, every trigger on ROOT/DEVICE/trigger/NAME and each device's link on\n"
+        "ROOT/DEVICE/status (online or offline); a JSON object of parameters published on\n"
+        "ROOT/DEVICE/call/FID calls FID, and a refused call is answered on ROOT/DEVICE/error.\n"
+        "\n"
+        "SIGINT or SIGTERM publish offline for every device and the bridge, and stop it with status 0;\n"
+        "its other statuses are 2 (usage) and 3 (the broker refused the log-in, or TLS could not be set\n"
+        "up). Its errors begin \"tarn-bridge: \". Only a first word -h, --help, -V or --version is\n"
+        "answered by tarn itself.\n"
+        "\n"
+        "tarn-bridge is looked for beside tarn, then in the directory tarn is installed into. It is\n"
+        "built only where libmosquitto is found; without it, tarn bridge says so and exits with 127.",
+        {{"--device", 0, "NAME=ADDR",
+          "a TARN server, ADDR being [tcp://|eudp://]HOST:PORT (tcp:// is the\n"
+          "default); required, repeat for more devices",
+          nullptr},
+         {"--sub", 0, "NAME...", "states to subscribe to on the device given last", nullptr},
+         {"--sub-file", 0, "PATH", "the same, one name a line", nullptr},
+         {"--broker", 0, "HOST:PORT", "the MQTT broker (default 127.0.0.1:1883)", nullptr},
+         {"--topic-root", 0, "ROOT", "first topic levels (default tarn)", nullptr},
+         {"--name", 0, "NAME", "the bridge's own level: ROOT/NAME/status, its last will (default\nbridge)",
+          nullptr},
+         {"--raw", 0, nullptr, "values as plain text instead of {\"type\":...,\"value\":...}", nullptr},
+         {"--qos", 0, "N", "quality of service of every publication: 0, 1 (default) or 2", "0 1 2"},
+         {"--json", 0, nullptr, "log one JSON object a line instead of readable lines", nullptr},
+         {"--config", 0, "FILE", "options from a file, one a line, without the leading --", nullptr},
+         {"--client-id", 0, "ID", "the MQTT client id (default tarn-bridge-PID)", nullptr},
+         {"--username", 0, "U", "user name for the broker's log-in", nullptr},
+         {"--password", 0, "P", "password for the broker's log-in", nullptr},
+         {"--cafile", 0, "F", "TLS to the broker, trusting the certificates in F", nullptr},
+         {"--capath", 0, "D", "TLS to the broker, trusting the certificates in directory D", nullptr},
+         {"--cert", 0, "F", "client certificate for TLS (with --key)", nullptr},
+         {"--key", 0, "F", "the client certificate's private key", nullptr},
+         {"--tls-insecure", 0, nullptr, "TLS without checking the broker's host name", nullptr},
+         {"--keepalive", 0, "S", "MQTT keep-alive in seconds, 5 to 65535 (default 30)", nullptr},
+         {"--retry-max", 0, "S", "longest pause between tries to reach a device, 1 to 3600 s\n(default 10)",
+          nullptr}},
+        {},
+        nullptr};
+}
+
 CommandEntry makeVersion() {
     return CommandEntry{
         "version", "",     "print the version", "Prints the version of the tool: \"tarn 1.2.3\".", {},
@@ -218,8 +266,8 @@ CommandEntry makeHelp() {
 }
 
 std::vector<CommandEntry> makeCommands() {
-    return {makeDemo(), makeServe(),  makeConnect(), makeCall(),
-            makeSub(),  makeImpair(), makeVersion(), makeHelp()};
+    return {makeDemo(),   makeServe(),  makeConnect(), makeCall(), makeSub(),
+            makeImpair(), makeBridge(), makeVersion(), makeHelp()};
 }
 
 void appendLines(std::string& out, const char* text, std::size_t indent) {
@@ -308,7 +356,9 @@ const std::vector<ExitStatusEntry>& exitStatuses() {
         {2, "usage",
          "usage: unknown command or option, missing or extra argument, malformed value, port out of\n"
          "range, message too large"},
-        {3, "unknown host", "unknown host, or a bind address that does not resolve (every command)"},
+        {3, "unknown host",
+         "unknown host, or a bind address that does not resolve (every command); from tarn bridge:\n"
+         "the broker refused the log-in, or TLS could not be set up"},
         {4, "cannot connect",
          "cannot connect: refused (TCP, at once) or no answer within 5 s (EUDP), also once --wait\n"
          "has run out"},
@@ -317,7 +367,10 @@ const std::vector<ExitStatusEntry>& exitStatuses() {
          "the server closed the connection or stopped answering for 10 s (connect, sub)"},
         {7, "cannot listen",
          "serve, impair: the address and port cannot be bound (in use, or not an address of this\n"
-         "machine)"}};
+         "machine)"},
+        {127, "no bridge",
+         "bridge: tarn-bridge is neither beside tarn nor in the directory tarn is installed into\n"
+         "(it is built only where libmosquitto is found), or it cannot be run"}};
     return statuses;
 }
 

@@ -35,6 +35,11 @@ int dispatch(const std::vector<std::string>& words) {
         tarncli::printVersion();
         return tarncli::kExitOk;
     }
+    if (command == "bridge") {
+        // Before anything of the tool's own is set up: the bridge inherits the process as it
+        // was started, signal dispositions included.
+        return tarncli::runBridge(args);
+    }
     int (*run)(const std::vector<std::string>&) = nullptr;
     if (command == "demo") {
         run = tarncli::runDemo;

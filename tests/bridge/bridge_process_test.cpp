@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "child.h"
@@ -16,11 +18,15 @@ std::string typed(const std::string& type, const std::string& value) {
     return "{\"type\":\"" + type + "\",\"value\":" + value + "}";
 }
 
+// How the bridge is started: tarn-bridge itself, or `tarn bridge`, which runs it in its place.
+enum class Launch { Direct, ThroughTool };
+
 // tarn-bridge with --json against the broker, with the given devices and options.
 class BridgeProcess {
 public:
-    BridgeProcess(const Broker& broker, std::vector<std::string> args)
-        : m_process(bridgeProgram(), withBroker(broker, args)) {}
+    BridgeProcess(const Broker& broker, std::vector<std::string> args, Launch launch = Launch::Direct)
+        : m_process(launch == Launch::Direct ? bridgeProgram() : tarnTool(),
+                    withBroker(broker, args, launch)) {}
 
     Child& process() { return m_process; }
     // Waits for a log line holding `part`; lines already read count too, once each, since the
@@ -55,8 +61,12 @@ public:
     }
 
 private:
-    static std::vector<std::string> withBroker(const Broker& broker, std::vector<std::string> args) {
+    static std::vector<std::string> withBroker(const Broker& broker, std::vector<std::string> args,
+                                               Launch launch) {
         args.insert(args.begin(), {"--broker", broker.address(), "--json"});
+        if (launch == Launch::ThroughTool) {
+            args.insert(args.begin(), "bridge");
+        }
         return args;
     }
     Child m_process;
@@ -380,18 +390,20 @@ TEST_F(BridgeTest, LastWillWhenTheBridgeDies) {
     EXPECT_TRUE(watcher.waitForLine("0 tarn/gw1/status offline"));
 }
 
-class BridgeCleanStop : public BridgeTest, public ::testing::WithParamInterface<int> {};
+// Each stopping signal, sent to tarn-bridge itself and to `tarn bridge`.
+class BridgeCleanStop : public BridgeTest, public ::testing::WithParamInterface<std::tuple<int, Launch>> {};
 
 TEST_P(BridgeCleanStop, PublishesOfflineForEveryDeviceAndItself) {
     Serve one("tcp");
     Serve two("eudp");
     BridgeProcess bridge(
-        m_broker, {"--device", deviceArg("one", "tcp", one), "--device", deviceArg("two", "eudp", two)});
+        m_broker, {"--device", deviceArg("one", "tcp", one), "--device", deviceArg("two", "eudp", two)},
+        std::get<1>(GetParam()));
     ASSERT_TRUE(bridge.waitForBroker("connected"));
     ASSERT_TRUE(bridge.waitForDevice("one", "online"));
     ASSERT_TRUE(bridge.waitForDevice("two", "online"));
     Subscriber watcher(m_broker, "tarn/+/status");
-    EXPECT_EQ(bridge.stop(GetParam()), 0);
+    EXPECT_EQ(bridge.stop(std::get<0>(GetParam())), 0);
     EXPECT_TRUE(bridge.waitForLog("\"event\":\"stopped\""));
     // Retained, so a subscriber that comes afterwards sees the bridge and both devices offline.
     Subscriber after(m_broker, "tarn/+/status");
@@ -412,7 +424,57 @@ TEST_P(BridgeCleanStop, PublishesOfflineForEveryDeviceAndItself) {
     EXPECT_EQ(line, "0 tarn/bridge/status marker");
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, BridgeCleanStop, ::testing::Values(SIGINT, SIGTERM));
+INSTANTIATE_TEST_SUITE_P(Signals, BridgeCleanStop,
+                         ::testing::Combine(::testing::Values(SIGINT, SIGTERM),
+                                            ::testing::Values(Launch::Direct, Launch::ThroughTool)),
+                         [](const ::testing::TestParamInfo<std::tuple<int, Launch>>& param) {
+                             return std::string(std::get<0>(param.param) == SIGINT ? "Sigint" : "Sigterm") +
+                                    (std::get<1>(param.param) == Launch::Direct ? "Direct" : "ThroughTool");
+                         });
+
+// `tarn bridge` runs the same bridge: states mapped and updated, a call from MQTT reaching the
+// device, and a clean stop on SIGTERM with exit status 0.
+TEST_F(BridgeTest, ThroughTheToolStatesCallsAndAStop) {
+    Serve serve("eudp");
+    serve.send("set temp:f=21.5");
+    BridgeProcess bridge(m_broker, {"--device", deviceArg("lab", "eudp", serve), "--sub", "temp"},
+                         Launch::ThroughTool);
+    ASSERT_TRUE(bridge.waitForLog("\"event\":\"started\""));
+    ASSERT_TRUE(bridge.waitForBroker("connected"));
+    ASSERT_TRUE(bridge.waitForDevice("lab", "online"));
+    ASSERT_TRUE(serve.process().waitForLine("[1] subscribe temp", kWaitMs));
+    Subscriber watcher(m_broker, "tarn/lab/#");
+    std::string seen;
+    EXPECT_TRUE(watcher.waitForMessage("tarn/lab/state/temp " + typed("float", "21.5"), seen)) << seen;
+    serve.send("set temp:f=22.25");
+    EXPECT_TRUE(watcher.waitForLine("0 tarn/lab/state/temp " + typed("float", "22.25")));
+    ASSERT_TRUE(publish(m_broker, "tarn/lab/call/setpoint", R"({"level":3})"));
+    EXPECT_TRUE(serve.process().waitForLine("[1] call setpoint level:i=3", kWaitMs));
+    EXPECT_TRUE(bridge.waitForLog("\"event\":\"call\",\"device\":\"lab\""));
+
+    EXPECT_EQ(bridge.stop(SIGTERM), 0);
+    EXPECT_TRUE(bridge.waitForLog("\"event\":\"stopped\""));
+    Subscriber after(m_broker, "tarn/+/status");
+    for (const char* expected : {"1 tarn/bridge/status offline", "1 tarn/lab/status offline"}) {
+        std::vector<std::string> skipped;
+        EXPECT_TRUE(after.waitForLine(expected, kWaitMs, &skipped)) << expected;
+        after.process().putBack(skipped);
+    }
+    Subscriber retained(m_broker, "tarn/lab/state/temp");
+    EXPECT_TRUE(retained.waitForLine("1 tarn/lab/state/temp " + typed("float", "22.25")));
+}
+
+// The bridge's own exit statuses and errors come through `tarn bridge` unchanged.
+TEST(BridgeThroughTool, UsageErrorIsTheBridgesOwn) {
+    TempDir dir;
+    const std::string errors = dir.path() + "/stderr";
+    Child bridge(tarnTool(), {"bridge", "--device", "lab"}, errors);
+    EXPECT_EQ(bridge.wait(kWaitMs), 2);
+    std::ifstream in(errors);
+    std::string line;
+    std::getline(in, line);
+    EXPECT_EQ(line, "tarn-bridge: --device takes NAME=[tcp://|eudp://]HOST:PORT, not 'lab'");
+}
 
 TEST(BridgeUsage, RefusesBadArguments) {
     const std::vector<std::vector<std::string>> cases = {

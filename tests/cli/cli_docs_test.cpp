@@ -125,6 +125,9 @@ TEST(CliDocs, CompletionCompletesCommandsOptionsAndValues) {
     EXPECT_EQ(complete({"tarn", "connect", "--allow-send", "real"}), "realtime realtime,reliable");
     EXPECT_EQ(complete({"tarn", "serve", "-p", ""}), "");  // a port is anybody's guess
     EXPECT_EQ(complete({"tarn", "impair", "--d"}), "--dup --delay --data-only --duration");
+    EXPECT_EQ(complete({"tarn", "b"}), "bridge");
+    EXPECT_EQ(complete({"tarn", "bridge", "--t"}), "--topic-root --tls-insecure");
+    EXPECT_EQ(complete({"tarn", "bridge", "--device", "lab=127.0.0.1:5555", "--qos", ""}), "0 1 2");
     EXPECT_EQ(complete({"tarn", "call", "-"}),
               "--tcp --eudp --reliable -r --wait -w --help -h --version -V --log-level");
 }

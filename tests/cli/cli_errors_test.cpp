@@ -70,9 +70,9 @@ TEST(CliUsage, EverySubcommandHasHelp) {
 TEST(CliUsage, UnknownCommand) {
     const Result r = run({"frob"});
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(
-        errorOf(r),
-        "unknown command 'frob' (demo, serve, connect, call, sub, impair, version, help; see tarn --help)");
+    EXPECT_EQ(errorOf(r),
+              "unknown command 'frob' (demo, serve, connect, call, sub, impair, bridge, version, help; see "
+              "tarn --help)");
 }
 
 TEST(CliUsage, UnknownOptionAndMissingValues) {

@@ -27,7 +27,8 @@ bool startsWith(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
 }
 
-const std::vector<std::string> kCommands = {"demo", "serve", "connect", "call", "sub", "impair", "version"};
+const std::vector<std::string> kCommands = {"demo", "serve",  "connect", "call",
+                                            "sub",  "impair", "bridge",  "version"};
 
 }  // namespace
 

@@ -31,7 +31,7 @@ const char* toolPath() {
     return TARN_TOOL_PATH;
 }
 
-ToolProcess::ToolProcess(const std::vector<std::string>& args) {
+ToolProcess::ToolProcess(const std::vector<std::string>& args, const std::string& program) {
     // Writing to a child that has already ended must fail, not end the test.
     std::signal(SIGPIPE, SIG_IGN);
     int in[2];
@@ -45,7 +45,8 @@ ToolProcess::ToolProcess(const std::vector<std::string>& args) {
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    std::vector<std::string> words = {toolPath()};
+    const std::string path = program.empty() ? std::string(toolPath()) : program;
+    std::vector<std::string> words = {path};
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& word : words) {
@@ -53,7 +54,7 @@ ToolProcess::ToolProcess(const std::vector<std::string>& args) {
     }
     argv.push_back(nullptr);
     pid_t pid = -1;
-    if (posix_spawn(&pid, toolPath(), &actions, nullptr, argv.data(), environ) == 0) {
+    if (posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ) == 0) {
         m_pid = pid;
     }
     posix_spawn_file_actions_destroy(&actions);

@@ -17,12 +17,14 @@ const char* toolPath();
 
 class ToolProcess {
 public:
-    explicit ToolProcess(const std::vector<std::string>& args);
+    // `program` is the tool under test unless another path is given.
+    explicit ToolProcess(const std::vector<std::string>& args, const std::string& program = std::string());
     ~ToolProcess();  // kills a process still running and reaps it
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
 
     bool started() const { return m_pid > 0; }
+    pid_t pid() const { return m_pid; }
 
     // Writes `line` and a line end to the child's standard input.
     bool send(const std::string& line);

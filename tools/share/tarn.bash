@@ -4,7 +4,7 @@ _tarn() {
     local prev=${COMP_WORDS[COMP_CWORD-1]}
     COMPREPLY=()
     if [[ $COMP_CWORD -eq 1 ]]; then
-        COMPREPLY=($(compgen -W "demo serve connect call sub impair version help --help -h --version -V" -- "$cur"))
+        COMPREPLY=($(compgen -W "demo serve connect call sub impair bridge version help --help -h --version -V" -- "$cur"))
         return
     fi
     case ${COMP_WORDS[1]} in
@@ -120,6 +120,51 @@ _tarn() {
                 COMPREPLY=($(compgen -W "--listen --bind -b --to --loss --dup --reorder --delay --jitter --seed --data-only --duration --help -h --version -V --log-level" -- "$cur"))
             fi
             ;;
+        bridge)
+            case $prev in
+                --device)
+                    return ;;
+                --sub)
+                    return ;;
+                --sub-file)
+                    return ;;
+                --broker)
+                    return ;;
+                --topic-root)
+                    return ;;
+                --name)
+                    return ;;
+                --qos)
+                    COMPREPLY=($(compgen -W "0 1 2" -- "$cur"))
+                    return ;;
+                --config)
+                    return ;;
+                --client-id)
+                    return ;;
+                --username)
+                    return ;;
+                --password)
+                    return ;;
+                --cafile)
+                    return ;;
+                --capath)
+                    return ;;
+                --cert)
+                    return ;;
+                --key)
+                    return ;;
+                --keepalive)
+                    return ;;
+                --retry-max)
+                    return ;;
+                --log-level)
+                    COMPREPLY=($(compgen -W "none error warning info debug" -- "$cur"))
+                    return ;;
+            esac
+            if [[ $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--device --sub --sub-file --broker --topic-root --name --raw --qos --json --config --client-id --username --password --cafile --capath --cert --key --tls-insecure --keepalive --retry-max --help -h --version -V --log-level" -- "$cur"))
+            fi
+            ;;
         version)
             case $prev in
                 --log-level)
@@ -132,7 +177,7 @@ _tarn() {
             ;;
         help)
             if [[ $COMP_CWORD -eq 2 ]]; then
-                COMPREPLY=($(compgen -W "demo serve connect call sub impair version help" -- "$cur"))
+                COMPREPLY=($(compgen -W "demo serve connect call sub impair bridge version help" -- "$cur"))
             fi
             return ;;
     esac
