@@ -143,8 +143,8 @@ void PyConnection::close() {
         return;
     }
     // Before the listener has finished handing the connection over, it may not be disconnected
-    // yet; the reaper does that once the hand-over is complete.
-    if (connection->handoff.isDone()) {
+    // yet; the hand-over disconnects it as it completes.
+    if (connection->handoff.closeWhenDone(connection->connection)) {
         ReleaseGil release;
         connection->connection->disconnect();
         connection.reset();

@@ -139,9 +139,27 @@ void Reaper::stop() {
 // ---- hand-over and owned connections ------------------------------------------------------------
 
 void Handoff::complete() {
+    TARNConnection* toClose = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_done) {
+            return;
+        }
+        m_done = true;
+        std::swap(toClose, m_pToClose);
+        m_changed.notify_all();
+    }
+    if (toClose != nullptr) {
+        toClose->disconnect();
+    }
+}
+
+bool Handoff::closeWhenDone(TARNConnection* connection) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_done = true;
-    m_changed.notify_all();
+    if (!m_done) {
+        m_pToClose = connection;
+    }
+    return m_done;
 }
 
 bool Handoff::isDone() const {

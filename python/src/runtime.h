@@ -103,17 +103,22 @@ void shutdownRuntime();
 // Hand-over of a connection from the listener's thread. The listener still starts the connection
 // and reports eConnected after onNewConnection returned; the connection may be deleted only after
 // that. Connections made by the application have nothing to wait for.
+// A close asked for before the hand-over is complete is carried out (a disconnect) when it completes.
 class Handoff {
 public:
     explicit Handoff(bool done) : m_done(done) {}
     void complete();
     bool isDone() const;
     void wait();
+    // True when the hand-over is complete, so the caller disconnects `connection` itself; otherwise
+    // complete() disconnects it.
+    bool closeWhenDone(TARNConnection* connection);
 
 private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_done;
+    TARNConnection* m_pToClose = nullptr;
 };
 
 // A TARNConnection owned by the module. The last reference hands it to the reaper, which waits for
