@@ -246,7 +246,7 @@ void shutdownRuntime() {
 bool canBind(const std::string& host, std::uint16_t port, bool tcp, std::string& reason) {
     addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));
-    hints.ai_family = AF_INET;
+    hints.ai_family = AF_UNSPEC;  // an IPv4 or IPv6 address, as the library's sockets take
     hints.ai_socktype = tcp ? SOCK_STREAM : SOCK_DGRAM;
     hints.ai_flags = AI_PASSIVE;
     addrinfo* found = nullptr;

@@ -212,7 +212,7 @@ class Client(_Queue):
         self._host = host
         self._port = port
         try:
-            socket.getaddrinfo(host, None, socket.AF_INET)
+            socket.getaddrinfo(host, None)
         except socket.gaierror as error:
             raise ConnectError(f"cannot connect to {host}:{port}: unknown host ({error.strerror})") from None
         self._core = _tarn._ClientCore(self._transport, _queue_limit(queue_limit))

@@ -266,6 +266,38 @@ def test_server_on_one_interface(transport):
             assert repr(client).startswith(f"<tarn.Client {transport} 127.0.0.1:{server.port}")
 
 
+def ipv6_loopback_available():
+    try:
+        with socket.socket(socket.AF_INET6, socket.SOCK_DGRAM) as probe:
+            probe.bind(("::1", 0))
+        return True
+    except OSError:
+        return False
+
+
+@pytest.mark.skipif(not ipv6_loopback_available(), reason="this machine has no IPv6 loopback")
+def test_ipv6_server_and_client(transport):
+    with tarn.Server(port=0, transport=transport, host="::1") as server:
+        with tarn.Client("::1", server.port, transport=transport) as client:
+            # Over EUDP the peer is the connection's own port, which the handshake chose.
+            assert client.peer.startswith("::1:")
+            assert client.peer == f"::1:{server.port}" or transport == "eudp"
+            connected = server.next_event(timeout=10)
+            assert connected.kind == "connected" and connected.peer == f"::1:{client.local_port}"
+            client.subscribe("v")
+            assert server.next_event(timeout=10).kind == "subscribe"
+            server.set("v", 7)
+            assert client.next_event(timeout=10) == tarn.Event("update", "v", 7, "int")
+            client.call("go", level=1)
+            call = server.next_call(timeout=10)
+            assert call.name == "go" and call.params == {"level": 1}
+    # An IPv4 client does not reach a server that listens on the IPv6 loopback only.
+    with tarn.Server(port=0, transport=transport, host="::1") as server:
+        with pytest.raises(tarn.ConnectError):
+            with tarn.Client("127.0.0.1", server.port, transport=transport):
+                pass
+
+
 def test_queue_limit_drops_the_oldest(transport):
     with tarn.Server(port=0, transport=transport) as server:
         with tarn.Client("127.0.0.1", server.port, transport, queue_limit=3) as client:
