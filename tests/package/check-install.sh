@@ -46,6 +46,15 @@ check_tool() {
         tail -20 "$out/tarn-demo.log"
         fail "$tag: installed tarn demo failed"
     }
+    # Where the bridge is installed, `tarn bridge` runs it in the tool's place: the bridge's own
+    # usage error comes back, with its status.
+    if [ -x "$prefix/bin/tarn-bridge" ]; then
+        local status=0
+        clean "$prefix/bin/tarn" bridge --no-such-option >"$out/tarn-bridge.log" 2>&1 || status=$?
+        grep -qx "tarn-bridge: --no-such-option needs a value" "$out/tarn-bridge.log" ||
+            fail "$tag: tarn bridge did not run the installed bridge: $(cat "$out/tarn-bridge.log")"
+        [ "$status" -ne 0 ] || fail "$tag: tarn bridge with a bad option ended with status 0"
+    fi
 }
 
 # Every installed program and shared object (the tool, the bridge, the Python module, whatever
