@@ -72,6 +72,14 @@ public:
     // True: the listener has taken the connector, the port is listening before the call returns,
     // and getLocalPort() tells it at once. For a listener that is not listening yet.
     bool bindAndListen(const std::string& address, uint16 port, ITARNConnector* connector);
+    // Accepts on `transport`, a listening transport that the application made and bound (its
+    // listen() returned true), of any kind: a transport from an add-on library, say. The accept
+    // loop and everything it does with a peer are listen()'s. shutdown() disconnects the transport;
+    // it stays the application's, to be deleted only after the listener. False, with nothing
+    // started and the connector still the caller's, for a null transport or a listener that is
+    // still accepting; on true the listener takes the connector. The kind given at construction is
+    // not used.
+    bool listenOn(ITARNTransport* transport, ITARNConnector* connector);
     bool start();
     // Stops accepting: ends the accept thread, waiting up to `timeout` milliseconds (-1 without
     // limit); false when there was no thread. Connections already handed out are not touched.
@@ -90,6 +98,7 @@ private:
     std::atomic<ITARNTransport*> m_pTransport;  // created by the thread, disconnected by shutdown
     // Bound by bindAndListen and handed to the next run, which then makes no transport of its own.
     std::atomic<ITARNTransport*> m_pBound;
+    bool m_bBoundIsOurs;  // false for a transport given to listenOn: never deleted here
     std::string m_address;
     uint16 m_port;
     ITARNConnector* m_pConnector;

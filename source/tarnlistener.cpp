@@ -40,6 +40,7 @@ TARNListener::TARNListener(ETransport transport)
     : m_transportType(transport),
       m_pTransport(nullptr),
       m_pBound(nullptr),
+      m_bBoundIsOurs(true),
       m_address(),
       m_port(0),
       m_pConnector(nullptr),
@@ -52,7 +53,10 @@ TARNListener::~TARNListener() {
     shutdown(-1);
     delete m_pThread;
     m_pThread = nullptr;
-    delete m_pBound.exchange(nullptr);  // bound, but no run ever took it
+    ITARNTransport* const unused = m_pBound.exchange(nullptr);  // bound, but no run ever took it
+    if (m_bBoundIsOurs) {
+        delete unused;
+    }
     delete m_pConnector;
     m_pConnector = nullptr;
 }
@@ -82,9 +86,27 @@ bool TARNListener::bindAndListen(const std::string& address, uint16 port, ITARNC
         delete transport;
         return false;
     }
-    delete m_pBound.exchange(transport);
+    ITARNTransport* const unused = m_pBound.exchange(transport);
+    if (m_bBoundIsOurs) {
+        delete unused;
+    }
+    m_bBoundIsOurs = true;
     m_pTransport = transport;  // getLocalPort() answers from now on
     return listen(address, port, connector);
+}
+
+// The application's transport is handed to the run as a bound one is; it is never deleted here.
+bool TARNListener::listenOn(ITARNTransport* transport, ITARNConnector* connector) {
+    if (transport == nullptr || (m_pThread != nullptr && m_pThread->isRunning())) {
+        return false;
+    }
+    ITARNTransport* const unused = m_pBound.exchange(transport);
+    if (m_bBoundIsOurs) {
+        delete unused;
+    }
+    m_bBoundIsOurs = false;
+    m_pTransport = transport;
+    return listen(m_address, m_port, connector);
 }
 
 // Leaves m_bRunning alone: after a shutdown, a bare start() serves one peer and stops.
