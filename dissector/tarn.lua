@@ -797,6 +797,22 @@ end
 
 tarn:register_heuristic("tcp", heuristic_tcp)
 eudp:register_heuristic("udp", heuristic_udp)
+-- TARN over TLS: once the TLS layer has decrypted the records (with a key log file), their content
+-- is the TCP framing, recognised by its first frame on any port; "Decode As" on tls.port names a
+-- port. The TCP conversation stays the TLS layer's, which hands over every later record itself.
+local function heuristic_tls(tvb, pinfo, tree)
+    if tvb:len() >= 2 + HEADER then
+        local length = tvb(0, 2):le_uint()
+        if length >= HEADER and length <= MAX_MESSAGE and plausible_message(tvb, 2, length) then
+            tarn.dissector(tvb, pinfo, tree)
+            return true
+        end
+    end
+    return false
+end
+
+tarn:register_heuristic("tls", heuristic_tls)
+DissectorTable.get("tls.port"):add_for_decode_as(tarn)
 
 -- ---- preferences and registration --------------------------------------------------------------
 

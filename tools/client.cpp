@@ -5,12 +5,13 @@
 
 #include <sal/hostaddress.h>
 
+#include "tls_options.h"
 #include "values.h"
 
 namespace tarncli {
 
 const char* transportName(ETransport kind) {
-    return kind == eTransportEUDP ? "eudp" : "tcp";
+    return kind == eTransportEUDP ? "eudp" : (kind == kTransportTls ? "tls" : "tcp");
 }
 
 ClientSession::ClientSession(ETransport kind, EventQueue& queue, int id)
@@ -29,6 +30,9 @@ void ClientSession::createConnection() {
         m_pEudp->allowSendMode(m_allow[0], m_allow[1]);
         m_pEudp->allowReceiveMode(m_allow[2], m_allow[3]);
         m_pConnection = new TARNConnection(m_pEudp);
+    } else if (m_kind == kTransportTls) {
+        m_pTls = newTlsClientTransport(m_tlsHost);
+        m_pConnection = new TARNConnection(m_pTls);
     } else {
         m_pConnection = new TARNConnection(eTransportTCP);
     }
@@ -40,6 +44,7 @@ void ClientSession::deleteConnection() {
     delete m_pConnection;
     m_pConnection = nullptr;
     m_pEudp = nullptr;
+    m_pTls = nullptr;
 }
 
 void ClientSession::allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime,
@@ -59,6 +64,12 @@ ClientSession::ConnectResult ClientSession::connect(const std::string& host, std
     if (!address.isValid()) {
         return ConnectResult::UnknownHost;
     }
+    if (m_kind == kTransportTls && host != m_tlsHost && !m_bConnected) {
+        // The server's certificate is checked against the host as written: a fresh transport.
+        m_tlsHost = host;
+        deleteConnection();
+        createConnection();
+    }
     if (m_bTried && !m_bConnected && m_pConnection) {
         // A connection whose connect failed runs nothing; a fresh one makes the next try.
         deleteConnection();
@@ -75,6 +86,10 @@ ClientSession::ConnectResult ClientSession::connect(const std::string& host, std
 
 std::string ClientSession::describe(ConnectResult result, const std::string& host, std::uint16_t port) const {
     const std::string where = hostPort(host, port) + " over " + transportName(m_kind);
+    if (m_kind == kTransportTls && result != ConnectResult::Connected &&
+        result != ConnectResult::UnknownHost) {
+        return "cannot connect to " + where + ": " + tlsConnectError(m_pTls);
+    }
     switch (result) {
         case ConnectResult::UnknownHost:
             return "unknown host '" + host + "'";

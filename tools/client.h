@@ -71,6 +71,8 @@ private:
     std::string m_peer;
     TARNConnection* m_pConnection = nullptr;
     EUDPTransport* m_pEudp = nullptr;  // owned by m_pConnection
+    ITARNTransport* m_pTls = nullptr;  // owned by m_pConnection; --tls only
+    std::string m_tlsHost;             // the host the TLS transport checks the server against
     bool m_bConnected = false;
     bool m_bTried = false;
     bool m_allow[4] = {true, true, true, true};  // send realtime, send reliable, receive ...

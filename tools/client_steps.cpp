@@ -6,6 +6,7 @@
 #include <charconv>
 
 #include "commands.h"
+#include "tls_options.h"
 #include "values.h"
 
 namespace tarncli {
@@ -46,6 +47,10 @@ int parseTarget(const char* command, const char* needs, const ParsedArgs& parsed
     std::string error;
     if (!transportOf(parsed, target.kind, error)) {
         return usageError(command, error);
+    }
+    const int tls = parseTlsOptions(command, parsed, false, target.kind);
+    if (tls != kExitOk) {
+        return tls;
     }
     if (parsed.has("--wait")) {
         target.waitText = parsed.value("--wait");

@@ -10,6 +10,7 @@
 #include "commands.h"
 #include "report.h"
 #include "shells.h"
+#include "tls_options.h"
 
 namespace tarncli {
 
@@ -167,13 +168,27 @@ int runDemo(const std::vector<std::string>& args) {
         return usageError("demo", "unexpected argument '" + parsed.positionals[0] + "'");
     }
     Printer narrator(Format::Human);
-    narrator.line("tarn demo: a TARN server and a client in one process, over TCP and then over EUDP.");
+    const bool tls = parsed.has("--tls");
+    narrator.line(std::string("tarn demo: a TARN server and a client in one process, over ") +
+                  (tls ? "TLS" : "TCP") + " and then over EUDP.");
     narrator.line(
         "Lines \"$\" start a tool, lines \"server>\" and \"client>\" are typed into tarn serve and");
     narrator.line("tarn connect, and lines \"server:\" and \"client:\" are what those print.");
 
-    std::unique_ptr<ServerSide> sides[2] = {std::unique_ptr<ServerSide>(new ServerSide(eTransportTCP)),
-                                            std::unique_ptr<ServerSide>(new ServerSide(eTransportEUDP))};
+    if (tls) {
+        std::string error;
+        if (!useDemoIdentity(error)) {
+            printError("demo: " + error);
+            return kExitFailure;
+        }
+        narrator.line(
+            "With --tls the TCP part runs over TLS 1.3: a throw-away certificate for localhost and");
+        narrator.line(
+            "127.0.0.1, made in memory, stands in for serve's --cert and --key and connect's --ca.");
+    }
+    std::unique_ptr<ServerSide> sides[2] = {
+        std::unique_ptr<ServerSide>(new ServerSide(tls ? kTransportTls : eTransportTCP)),
+        std::unique_ptr<ServerSide>(new ServerSide(eTransportEUDP))};
     for (auto& side : sides) {
         if (side->server.listen("127.0.0.1", 0) != StateServer::ListenResult::Listening) {
             printError(std::string("demo: cannot listen on 127.0.0.1 over ") +

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "report.h"
 #include "shells.h"
+#include "tls_options.h"
 
 namespace tarncli {
 
@@ -34,6 +35,10 @@ int runServe(const std::vector<std::string>& args) {
     std::string error;
     if (!transportOf(parsed, kind, error)) {
         return usageError("serve", error);
+    }
+    status = parseTlsOptions("serve", parsed, true, kind);
+    if (status != kExitOk) {
+        return status;
     }
     if (!parsed.positionals.empty()) {
         return usageError("serve", "unexpected argument '" + parsed.positionals[0] + "'");

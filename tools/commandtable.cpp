@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "tls_options.h"
+
 namespace tarncli {
 
 const char kToolSummary[] =
@@ -266,8 +268,10 @@ CommandEntry makeHelp() {
 }
 
 std::vector<CommandEntry> makeCommands() {
-    return {makeDemo(),   makeServe(),  makeConnect(), makeCall(), makeSub(),
-            makeImpair(), makeBridge(), makeVersion(), makeHelp()};
+    std::vector<CommandEntry> commands = {makeDemo(),   makeServe(),  makeConnect(), makeCall(), makeSub(),
+                                          makeImpair(), makeBridge(), makeVersion(), makeHelp()};
+    addTlsOptions(commands);
+    return commands;
 }
 
 void appendLines(std::string& out, const char* text, std::size_t indent) {

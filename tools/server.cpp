@@ -6,6 +6,7 @@
 #include <sal/hostaddress.h>
 #include <tcptransport.h>
 
+#include "tls_options.h"
 #include "values.h"
 
 namespace tarncli {
@@ -117,6 +118,8 @@ StateServer::ListenResult StateServer::listen(const std::string& address, std::u
     ITARNTransport* listening = nullptr;
     if (m_kind == eTransportEUDP) {
         listening = new EUDPTransport();
+    } else if (m_kind == kTransportTls) {
+        listening = newTlsListeningTransport();
     } else {
         listening = new TCPTransport();
     }

@@ -119,8 +119,8 @@ TEST(CliDocs, CompletionCompletesCommandsOptionsAndValues) {
     EXPECT_EQ(complete({"tarn", "s"}), "serve sub");
     EXPECT_EQ(complete({"tarn", "i"}), "impair");
     EXPECT_EQ(complete({"tarn", "help", "c"}), "connect call");
-    EXPECT_EQ(complete({"tarn", "sub", "--c"}), "--count");
-    EXPECT_EQ(complete({"tarn", "sub", "127.0.0.1", "--t"}), "--tcp --timeout");
+    EXPECT_EQ(complete({"tarn", "sub", "--c"}), "--count --cert --ca");
+    EXPECT_EQ(complete({"tarn", "sub", "127.0.0.1", "--t"}), "--tcp --timeout --tls");
     EXPECT_EQ(complete({"tarn", "serve", "--log-level", "w"}), "warning");
     EXPECT_EQ(complete({"tarn", "connect", "--allow-send", "real"}), "realtime realtime,reliable");
     EXPECT_EQ(complete({"tarn", "serve", "-p", ""}), "");  // a port is anybody's guess
@@ -128,8 +128,10 @@ TEST(CliDocs, CompletionCompletesCommandsOptionsAndValues) {
     EXPECT_EQ(complete({"tarn", "b"}), "bridge");
     EXPECT_EQ(complete({"tarn", "bridge", "--t"}), "--topic-root --tls-insecure");
     EXPECT_EQ(complete({"tarn", "bridge", "--device", "lab=127.0.0.1:5555", "--qos", ""}), "0 1 2");
-    EXPECT_EQ(complete({"tarn", "call", "-"}),
-              "--tcp --eudp --reliable -r --wait -w --help -h --version -V --log-level");
+    EXPECT_EQ(
+        complete({"tarn", "call", "-"}),
+        "--tcp --eudp --reliable -r --wait -w --tls --cert --key --ca --insecure --help -h --version -V "
+        "--log-level");
 }
 
 namespace {
