@@ -16,6 +16,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -30,6 +31,7 @@
 #include "scale.h"
 #include "tarnbench.h"
 #include "tarnfixture.h"
+#include "tlsbench.h"
 
 namespace Log = Corvane::Utilities::Logging;
 using namespace bench;
@@ -174,7 +176,8 @@ void progress(const std::string& what, const RttRun& run) {
 
 class Plan {
 public:
-    Plan(Results& results, TarnServer& tcp, TarnServer& eudp) : m_r(results), m_tcp(tcp), m_eudp(eudp) {}
+    Plan(Results& results, TarnServer& tcp, TarnServer& eudp, TarnServer* tls)
+        : m_r(results), m_tcp(tcp), m_eudp(eudp), m_pTls(tls) {}
 
     void streams(int rep) {
         for (std::uint32_t payload : m_r.config.payloads) {
@@ -210,6 +213,10 @@ public:
                     return tarnRoundTrips(m_tcp, eTransportTCP, EudpSetup(), payload, n, warm, limit);
                 });
             });
+        if (m_pTls != nullptr) {
+            rtt("tarn-tls", "TARN TLS",
+                [&] { return tarnRoundTrips(*m_pTls, eTransportTCP, EudpSetup(), payload, n, warm, limit); });
+        }
         alternate(
             rep,
             [&] { rtt("raw-udp", "raw UDP", [&] { return rawUdpRoundTrips(call, reply, n, warm, limit); }); },
@@ -235,6 +242,10 @@ public:
         if (c.runStreams) {
             for (std::uint32_t payload : c.payloads) {
                 add("TCP stream", key("tarn-tcp", payload), key("raw-tcp", payload), false, 0.9);
+                add("TLS stream (against TARN TCP)", key("tarn-tls", payload), key("tarn-tcp", payload),
+                    false, 0.5);
+                add("TLS stream (against raw TCP)", key("tarn-tls", payload), key("raw-tcp", payload), false,
+                    0.5);
                 add("EUDP realtime stream", key("tarn-eudp-rt", payload), key("raw-udp", payload), false,
                     0.7);
                 for (std::uint32_t window : c.windows) {
@@ -251,6 +262,8 @@ public:
         if (c.runRoundTrips) {
             const std::uint32_t p = c.rttPayload;
             add("TCP round trip", key("tarn-tcp", p), key("raw-tcp", p), true, 1.15);
+            add("TLS round trip (against TARN TCP)", key("tarn-tls", p), key("tarn-tcp", p), true, 1.5);
+            add("TLS round trip (against raw TCP)", key("tarn-tls", p), key("raw-tcp", p), true, 1.5);
             add("EUDP realtime round trip", key("tarn-eudp-rt", p), key("raw-udp", p), true, 1.5);
             add("EUDP reliable round trip", key("tarn-eudp-rel", p), key("enet", p), true, 1.0);
         }
@@ -282,6 +295,10 @@ private:
                 stream("tarn-tcp", "TARN TCP", payload,
                        [&] { return tarnStream(m_tcp, eTransportTCP, EudpSetup(), payload, n, limit); });
             });
+        if (m_pTls != nullptr) {
+            stream("tarn-tls", "TARN TLS", payload,
+                   [&] { return tarnStream(*m_pTls, eTransportTCP, EudpSetup(), payload, n, limit); });
+        }
         alternate(
             rep,
             [&] { stream("raw-udp", "raw UDP", payload, [&] { return rawUdpStream(length, n, limit); }); },
@@ -351,6 +368,7 @@ private:
     Results& m_r;
     TarnServer& m_tcp;
     TarnServer& m_eudp;
+    TarnServer* m_pTls;  // null without libtarn_tls
 };
 
 // A series none of whose runs completed means a scenario that does not work at all, and so does a
@@ -414,11 +432,12 @@ int main(int argc, char** argv) {
     {
         TarnServer tcp(eTransportTCP);
         TarnServer eudp(eTransportEUDP);
-        if (!tcp.start() || !eudp.start()) {
+        std::unique_ptr<TarnServer> tls = makeTlsServer();
+        if (!tcp.start() || !eudp.start() || (tls && !tls->start())) {
             std::fprintf(stderr, "tarn-bench: the TARN listeners did not come up\n");
             return 1;
         }
-        Plan plan(results, tcp, eudp);
+        Plan plan(results, tcp, eudp, tls.get());
         for (int rep = 0; rep < c.repetitions; ++rep) {
             if (c.runStreams) {
                 std::fprintf(stderr, "[%d/%d] streams\n", rep + 1, c.repetitions);

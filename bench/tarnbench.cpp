@@ -162,7 +162,8 @@ struct Pair {
 
 bool openPair(TarnServer& server, ETransport transport, ITARNClient* client, const EndWatch& clientEnd,
               Pair& pair, std::string& note) {
-    pair.client = new TARNConnection(transport);
+    ITARNTransport* const own = server.newClientTransport();
+    pair.client = own != nullptr ? new TARNConnection(own) : new TARNConnection(transport);
     if (!pair.client->connect("127.0.0.1", server.port(), client)) {
         note = "connect failed";
         return false;

@@ -37,10 +37,7 @@ private:
 TarnServer::TarnServer(ETransport transport) : m_transport(transport) {}
 
 TarnServer::~TarnServer() {
-    if (m_pListener != nullptr) {
-        m_pListener->shutdown(-1);
-        delete m_pListener;  // deletes the connector too
-    }
+    stopListening();
     std::vector<Owned> connections;
     std::vector<Answerer*> answerers;
     for (const Accepted& accepted : m_accepted) {
@@ -52,15 +49,29 @@ TarnServer::~TarnServer() {
 }
 
 bool TarnServer::start() {
+    m_port = listenWith(new Connector(this));
+    return m_port != 0;
+}
+
+uint16 TarnServer::listenWith(ITARNConnector* connector) {
     m_pListener = new TARNListener(m_transport);
-    m_pListener->listen("127.0.0.1", 0, new Connector(this));
-    for (int i = 0; i < 500 && m_port == 0; ++i) {
-        m_port = m_pListener->getLocalPort();
-        if (m_port == 0) {
+    m_pListener->listen("127.0.0.1", 0, connector);
+    uint16 port = 0;
+    for (int i = 0; i < 500 && port == 0; ++i) {
+        port = m_pListener->getLocalPort();
+        if (port == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
-    return m_port != 0;
+    return port;
+}
+
+void TarnServer::stopListening() {
+    if (m_pListener != nullptr) {
+        m_pListener->shutdown(-1);
+        delete m_pListener;  // deletes the connector too
+        m_pListener = nullptr;
+    }
 }
 
 // Runs on the listener's thread, before the connection is started: the answerer sees every call

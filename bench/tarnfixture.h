@@ -69,7 +69,7 @@ struct Accepted {
 class TarnServer {
 public:
     explicit TarnServer(ETransport transport);
-    ~TarnServer();
+    virtual ~TarnServer();
     TarnServer(const TarnServer&) = delete;
     TarnServer& operator=(const TarnServer&) = delete;
 
@@ -79,6 +79,17 @@ public:
 
     // The next accepted connection, waiting up to `timeoutMs`; false when none came.
     bool nextAccepted(Accepted& accepted, int timeoutMs);
+
+    // The transport of a new client end; null lets the connection make one of the server's kind.
+    // A server on another transport (TLS, bench/tlsbench.h) gives its own.
+    virtual ITARNTransport* newClientTransport() { return nullptr; }
+
+protected:
+    // Starts accepting, handing each connection to `connector`; returns the bound port, 0 when
+    // none came within a few seconds. Overridden with the listener of another transport.
+    virtual uint16 listenWith(ITARNConnector* connector);
+    // Stops accepting (before the accepted connections are closed).
+    virtual void stopListening();
 
 private:
     class Connector;

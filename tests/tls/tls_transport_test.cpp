@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include <tarnlistener.h>
+
 #include "tlstestsupport.h"
 
 using namespace tlstest;
@@ -384,4 +386,29 @@ TEST(TlsTransport, IPv6AndTheDualStackAnyAddress) {
         EXPECT_EQ(receive(*accepted, 64, &result), message);
         client.disconnect();
     }
+}
+
+TEST(TlsTransport, ListenOnTakesAnyBoundTransportAndLeavesItToItsOwner) {
+    struct Keep : ITARNConnector {
+        void onNewConnection(TARNConnection* connection) override { connection_ = connection; }
+        TARNConnection* connection_ = nullptr;
+    };
+    TARNListener listener(eTransportTCP);
+    Keep refused;
+    EXPECT_FALSE(listener.listenOn(nullptr, &refused));  // nothing started; the connector stays ours
+    TLSTransport transport(serverConfig());
+    ASSERT_TRUE(transport.listen(sal::HostAddress("127.0.0.1"), 0));
+    Keep* const keep = new Keep;
+    ASSERT_TRUE(listener.listenOn(&transport, keep));
+    EXPECT_EQ(listener.getLocalPort(), transport.getLocalPort());
+    EXPECT_FALSE(listener.listenOn(&transport, &refused));  // still accepting
+    TlsClient client(clientConfig());
+    ASSERT_TRUE(client.connect(transport.getLocalPort()));
+    ASSERT_TRUE(waitUntil([&] { return keep->connection_ != nullptr; }, 5000));
+    TARNConnection* const accepted = keep->connection_;
+    EXPECT_TRUE(listener.shutdown(-1));
+    accepted->disconnect();
+    delete accepted;
+    // The transport is still ours and usable after the listener is done with it.
+    EXPECT_EQ(transport.accept(), nullptr);  // disconnected by the shutdown
 }
