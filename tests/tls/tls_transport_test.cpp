@@ -3,6 +3,7 @@
 // authentication with the client's subject in onNewConnection, and the key log.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -391,12 +392,13 @@ TEST(TlsTransport, IPv6AndTheDualStackAnyAddress) {
 TEST(TlsTransport, ListenOnTakesAnyBoundTransportAndLeavesItToItsOwner) {
     struct Keep : ITARNConnector {
         void onNewConnection(TARNConnection* connection) override { connection_ = connection; }
-        TARNConnection* connection_ = nullptr;
+        std::atomic<TARNConnection*> connection_{nullptr};  // set on the accept thread
     };
+    // The transport stays ours and must outlive the listener, so it is made first.
+    TLSTransport transport(serverConfig());
     TARNListener listener(eTransportTCP);
     Keep refused;
     EXPECT_FALSE(listener.listenOn(nullptr, &refused));  // nothing started; the connector stays ours
-    TLSTransport transport(serverConfig());
     ASSERT_TRUE(transport.listen(sal::HostAddress("127.0.0.1"), 0));
     Keep* const keep = new Keep;
     ASSERT_TRUE(listener.listenOn(&transport, keep));
