@@ -4,7 +4,8 @@
 # Installs BUILD_DIR into a scratch prefix and, with nothing in the environment but PATH (no
 # LD_LIBRARY_PATH), builds and runs three separate consumers against it: a CMake project
 # (find_package), a pkg-config build with README's lines, and a GoogleTest project whose
-# tests are discovered at build time. Runs the installed `tarn` too. Then moves the prefix
+# tests are discovered at build time; where libtarn_tls is installed, a TLS consumer built both
+# ways as well. Runs the installed `tarn` too. Then moves the prefix
 # elsewhere and does it all again there.
 set -euo pipefail
 build=$1 work=$2 source=$3 cxx=$4 version=$5 tool=$6
@@ -72,6 +73,31 @@ check_links() {
     echo "$tag: $count installed programs and libraries find all their libraries"
 }
 
+# A TLS handshake and one frame through the installed libtarn_tls, built both ways.
+check_tls() {
+    local prefix=$1 tag=$2
+    local out=$work/$tag
+    clean cmake -S "$source/consumer-tls" -B "$out/tls-build" -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_CXX_COMPILER="$cxx" >"$out/tls-configure.log" 2>&1 &&
+        clean cmake --build "$out/tls-build" >"$out/tls-build.log" 2>&1 || {
+        cat "$out/tls-configure.log" "$out/tls-build.log" 2>/dev/null
+        fail "$tag: CMake consumer of tarn::tls does not build"
+    }
+    mkdir -p "$out/tls-pkg"
+    (cd "$out/tls-pkg" && clean PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" bash -e -c \
+        "$cxx -std=c++17 '$source/consumer-tls/main.cpp' \$(pkg-config --cflags --libs tarn-tls) -pthread -o app") \
+        >"$out/tls-pkg.log" 2>&1 || {
+        cat "$out/tls-pkg.log"
+        fail "$tag: pkg-config consumer of tarn-tls does not build"
+    }
+    local program
+    for program in "$out/tls-build/tarn-tls-consumer" "$out/tls-pkg/app"; do
+        clean "$program" >"$out/tls-run.log" 2>&1 || true
+        grep -qx "tls consumer ok" "$out/tls-run.log" ||
+            fail "$tag: ${program#"$out"/} printed $(cat "$out/tls-run.log")"
+    done
+}
+
 check_prefix() {
     local prefix=$1 tag=$2
     local out=$work/$tag
@@ -130,6 +156,11 @@ check_prefix() {
     }
     grep -q "100% tests passed, 0 tests failed out of 3" "$out/gtest-run.log" ||
         fail "$tag: GoogleTest consumer did not run its three tests: $(cat "$out/gtest-run.log")"
+    # 4. libtarn_tls, where this build installs it: tarn::tls from the CMake package, and the
+    #    tarn-tls pkg-config module as README's pkg-config line has it for tarn.
+    if [ -e "$prefix/$libdir/pkgconfig/tarn-tls.pc" ]; then
+        check_tls "$prefix" "$tag"
+    fi
     echo "$tag: tarn, CMake, pkg-config and GoogleTest consumers run from $prefix"
 }
 
