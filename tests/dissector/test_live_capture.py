@@ -16,6 +16,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -39,6 +40,19 @@ def read_bytes(path):
         return f.read()
 
 
+def wait_until_capturing(dumpcap, pcap):
+    """Sends marker datagrams on lo until the capture file grows; False on dumpcap's end or time-out."""
+    initial = os.path.getsize(pcap) if os.path.exists(pcap) else 0
+    deadline = time.monotonic() + CAPTURE_START_TIMEOUT
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as marker:
+        while dumpcap.poll() is None and time.monotonic() < deadline:
+            marker.sendto(b"capture marker", ("127.0.0.1", 9))
+            time.sleep(0.05)  # dumpcap writes its file out about every 100 ms
+            if os.path.exists(pcap) and os.path.getsize(pcap) > initial:
+                return True
+    return False
+
+
 def run_inside_namespace(pcap, transcript, tool):
     """In the namespace (or on the host): capture on lo around one run of the demo."""
     if os.environ.get("TARN_OWN_NETNS"):
@@ -55,6 +69,13 @@ def run_inside_namespace(pcap, transcript, tool):
             sys.stderr.write(read_bytes(log_path).decode("utf-8", "replace"))
             return CAPTURE_FAILED
         time.sleep(0.05)
+    # "Capturing on" comes before the filter takes packets in: the demo starts only once a marker
+    # datagram (to the discard port, outside the demo's conversations) has reached the file.
+    if not wait_until_capturing(dumpcap, pcap):
+        dumpcap.kill()
+        dumpcap.wait()
+        sys.stderr.write("dumpcap wrote no packet within %d s\n" % CAPTURE_START_TIMEOUT)
+        return CAPTURE_FAILED
     try:
         with open(transcript, "wb") as out:
             demo = subprocess.run([tool, "demo"], stdout=out, stderr=subprocess.STDOUT, timeout=DEMO_TIMEOUT)

@@ -109,22 +109,21 @@ TEST(TcpSocket, ReceiveWaitsForTheFullCountAcrossSegments) {
     for (std::size_t i = 0; i < message.size(); ++i) {
         message[i] = static_cast<std::uint8_t>(i * 7 + 1);
     }
-    std::thread sender([&peer, &message] {
-        // Four pieces with pauses: each arrives in its own segment.
-        const std::size_t cuts[] = {0, 1, 50, 299, 300};
-        for (int i = 0; i < 4; ++i) {
-            peer.sendAll(Bytes(message.begin() + static_cast<long>(cuts[i]),
-                               message.begin() + static_cast<long>(cuts[i + 1])));
-            std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        }
-    });
     Bytes received(300, 0);
-    const std::int64_t start = nowMs();
-    EXPECT_EQ(300, socket->receive(received.data(), 300));
-    const std::int64_t elapsed = nowMs() - start;
-    sender.join();
+    std::atomic<int> result{-1};
+    std::thread receiver([&] { result = socket->receive(received.data(), 300); });
+    // Four pieces, each after the receiver has had time to take the one before in its own
+    // segment; until the last piece is sent the receive must still be waiting.
+    const std::size_t cuts[] = {0, 1, 50, 299, 300};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_FALSE(waitUntil([&] { return result.load() != -1; }, 40))
+            << "returned after " << i << " pieces";
+        EXPECT_TRUE(peer.sendAll(Bytes(message.begin() + static_cast<long>(cuts[i]),
+                                       message.begin() + static_cast<long>(cuts[i + 1]))));
+    }
+    receiver.join();
+    EXPECT_EQ(300, result.load());
     EXPECT_EQ(message, received);
-    EXPECT_GE(elapsed, 100);  // it really waited for the later pieces
 }
 
 TEST(TcpSocket, ReceiveReturnsZeroOnOrderlyClose) {
@@ -270,15 +269,12 @@ TEST(TcpSocket, ConnectFailures) {
     EXPECT_FALSE(unresolved.connect(HostAddress("no-such-host.invalid"), 80));
     EXPECT_FALSE(unresolved.connect(HostAddress(), 80));
 
-    // A port that was just released has no listener: the connection is refused.
-    uint16 freePort;
-    {
-        TcpSocket probe;
-        ASSERT_TRUE(probe.bind(kLoopback, 0));
-        freePort = probe.getLocalPort();
-    }
+    // A port held by a bound socket that does not listen: the connection is refused, and no other
+    // program can take the port meanwhile.
+    TcpSocket probe;
+    ASSERT_TRUE(probe.bind(kLoopback, 0));
     TcpSocket refused;
-    EXPECT_FALSE(refused.connect(kLoopback, freePort));
+    EXPECT_FALSE(refused.connect(kLoopback, probe.getLocalPort()));
 }
 
 TEST(TcpSocket, BindFailures) {

@@ -194,7 +194,16 @@ TEST(Timer, PeriodAccuracyAndNoDrift) {
     const std::int64_t maximum = sorted.back();
     std::printf("timer jitter over %d expiries of 10 ms: median lateness %lld us, max %lld us\n", kFires,
                 static_cast<long long>(median), static_cast<long long>(maximum));
-    EXPECT_LT(median, 4000);
+    // On the anchored grid each expiry's lateness is its own, so it falls from one expiry to the
+    // next about as often as it rises, however loaded the machine. A drifting schedule carries
+    // each lateness into the next, so on a quiet machine it only grows (by the wake-up delay,
+    // tens of microseconds an expiry) and falls only where it passes a whole period. How large
+    // the lateness is belongs to the benchmarks, not to this check.
+    int falls = 0;
+    for (std::size_t i = 1; i < lateness.size(); ++i) {
+        falls += lateness[i] < lateness[i - 1] ? 1 : 0;
+    }
+    EXPECT_GE(falls, kFires / 10);
 }
 
 TEST(Timer, StartWhileRunningDoesNotPostpone) {
@@ -220,19 +229,24 @@ TEST(Timer, StopThenStartRestartsTheWait) {
         firedAt = nowMs();
         ++calls;
     });
-    ASSERT_TRUE(timer.start(200000, true));
-    // Restarted every 20 ms for half a second: the 200 ms never run out.
+    constexpr int kWaitMs = 1000;
+    ASSERT_TRUE(timer.start(kWaitMs * 1000, true));
+    // Restarted over and over for half a second: the wait never runs out, and the expiry comes a
+    // full wait after the last start (a start that kept the first deadline would fire half a
+    // second early).
     const std::int64_t begin = nowMs();
     std::int64_t lastStart = begin;
-    while (nowMs() - begin < 500) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    int restarts = 0;
+    while (nowMs() - begin < 500 || restarts < 10) {
+        EXPECT_FALSE(waitUntil([&] { return calls.load() != 0; }, 20));
         timer.stop();
         lastStart = nowMs();
-        ASSERT_TRUE(timer.start(200000, true));
+        ASSERT_TRUE(timer.start(kWaitMs * 1000, true));
+        ++restarts;
     }
     EXPECT_EQ(0, calls.load());
-    ASSERT_TRUE(waitUntil([&] { return calls.load() == 1; }, 5000));
-    EXPECT_GE(firedAt.load() - lastStart, 200);
+    ASSERT_TRUE(waitUntil([&] { return calls.load() == 1; }, 10000));
+    EXPECT_GE(firedAt.load() - lastStart, kWaitMs);
     EXPECT_FALSE(waitUntil([&] { return calls.load() > 1; }, 300));
 }
 
@@ -681,14 +695,25 @@ TEST(Timer, RepeatingTimerOffersEveryExpiryInline) {
     std::atomic<int> attempts{0};
     InlineCallback* pCallback = new InlineCallback([&] { return ++attempts % 2 == 0; });
     timer.setCallback(pCallback);
-    ASSERT_TRUE(timer.start(5000, false));
-    ASSERT_TRUE(waitUntil([&] { return attempts.load() >= 6; }, 10000));
+    // A period far longer than one call, so that each declined expiry's call is over before the
+    // next expiry is offered inline; the check is taken while the timer still runs, since a stop
+    // may drop the call of an expiry declined just before it.
+    ASSERT_TRUE(timer.start(100000, false));
+    const auto everyDeclinedRanOnce = [&] {
+        std::lock_guard<std::mutex> lock(pCallback->mutex);
+        const std::size_t offered = pCallback->inlineThreads.size();
+        return offered >= 6 && pCallback->callThreads.size() == offered / 2;
+    };
+    EXPECT_TRUE(waitUntil(everyDeclinedRanOnce, 20000));
     timer.stop();
     timer.waitUntilIdle();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     std::lock_guard<std::mutex> lock(pCallback->mutex);
-    // Every other attempt declined, and each of those ran call() once on a worker.
-    EXPECT_EQ(pCallback->inlineThreads.size() / 2, pCallback->callThreads.size());
+    for (const std::string& name : pCallback->inlineThreads) {
+        EXPECT_EQ("sal-timer", name);
+    }
+    for (const std::string& name : pCallback->callThreads) {
+        EXPECT_EQ("sal-timer-work", name);
+    }
 }
 
 // An inline run counts as the callback running: waitUntilIdle and the destructor wait for it, and a

@@ -6,10 +6,12 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 namespace testsupport {
 
@@ -30,6 +32,28 @@ std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
+}
+
+int currentThreadId() {
+    return static_cast<int>(::syscall(SYS_gettid));
+}
+
+namespace {
+
+// The state letter of /proc/self/task/<id>/stat: after the name in parentheses, which may itself
+// hold spaces or parentheses.
+char threadState(int threadId) {
+    std::ifstream in("/proc/self/task/" + std::to_string(threadId) + "/stat");
+    std::string line;
+    std::getline(in, line);
+    const std::size_t close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '?';
+}
+
+}  // namespace
+
+bool waitUntilBlocked(int threadId, int timeoutMs) {
+    return waitUntil([threadId] { return threadState(threadId) == 'S'; }, timeoutMs);
 }
 
 LogCapture::LogCapture(Level level) : m_previousLevel(Log::LogManager::getInstance().getLevel()) {
@@ -183,6 +207,19 @@ int RawTcpListener::accept(int timeoutMs) {
         return -1;
     }
     return ::accept(m_fd, nullptr, nullptr);
+}
+
+ClosedTcpPort::ClosedTcpPort() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
+    sockaddr_in address = loopback(0);
+    if (m_fd >= 0 && ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        m_port = boundPort(m_fd);
+    }
+}
+
+ClosedTcpPort::~ClosedTcpPort() {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+    }
 }
 
 RawTcp::~RawTcp() { close(); }

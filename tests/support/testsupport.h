@@ -24,6 +24,13 @@ bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
 // Milliseconds since an arbitrary fixed point of the monotonic clock.
 std::int64_t nowMs();
 
+// The kernel's id of the calling thread.
+int currentThreadId();
+
+// Waits until thread `threadId` of this process sleeps in the kernel, that is, is blocked in a
+// call; for a test that must act only once another thread waits inside a blocking call.
+bool waitUntilBlocked(int threadId, int timeoutMs);
+
 // Installs a sink that records every line (and raises the level to `level`) for its lifetime;
 // restores the default output and level when destroyed.
 class LogCapture {
@@ -86,6 +93,21 @@ public:
     std::uint16_t port() const { return m_port; }
     // Accepts one connection within timeoutMs; returns its descriptor or -1.
     int accept(int timeoutMs);
+
+private:
+    int m_fd;
+    std::uint16_t m_port;
+};
+
+// A TCP port on 127.0.0.1 held by a bound socket that does not listen: connections to it are
+// refused for the holder's lifetime, and no other socket can take the port meanwhile.
+class ClosedTcpPort {
+public:
+    ClosedTcpPort();
+    ~ClosedTcpPort();
+    ClosedTcpPort(const ClosedTcpPort&) = delete;
+    ClosedTcpPort& operator=(const ClosedTcpPort&) = delete;
+    std::uint16_t port() const { return m_port; }
 
 private:
     int m_fd;

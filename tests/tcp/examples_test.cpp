@@ -157,7 +157,8 @@ TEST(TarnExamples, ClientAndServerTalkAndBothEndCleanly) {
 }
 
 TEST(TarnExamples, ClientWithoutServerFailsWithAMessage) {
-    const std::string port = std::to_string(tcptest::unusedPort());
+    const testsupport::ClosedTcpPort closed;
+    const std::string port = std::to_string(closed.port());
     Child client({kDir + "/tarn-example-client", "127.0.0.1", port});
     ASSERT_TRUE(client.started());
     EXPECT_EQ(1, client.finish(30000)) << client.output;

@@ -116,7 +116,7 @@ TEST(TarnConnectionTcp, ConnectWhereNobodyListensFailsWithoutThreadOrStatus) {
     RecordingClient client(events);
     LogCapture log;
     TARNConnection connection(eTransportTCP);
-    EXPECT_FALSE(connection.connect("127.0.0.1", unusedPort(), &client));
+    EXPECT_FALSE(connection.connect("127.0.0.1", testsupport::ClosedTcpPort().port(), &client));
     // No thread: a receive loop on the unconnected socket would end at once and report.
     connection.disconnect();
     EXPECT_FALSE(events.waitSize(1, 150));
@@ -244,7 +244,7 @@ TEST(TarnConnectionTcp, UpdateStatusGoesToClientThenServer) {
     connection.updateStatus(eDisconnected);
     EXPECT_EQ(std::vector<std::string>{"server:disconnected"}, events.list());
 
-    EXPECT_FALSE(connection.connect("127.0.0.1", unusedPort(), &client));
+    EXPECT_FALSE(connection.connect("127.0.0.1", testsupport::ClosedTcpPort().port(), &client));
     connection.updateStatus(eConnected);
     EXPECT_EQ((std::vector<std::string>{"server:disconnected", "client:connected", "server:connected"}),
               events.list());

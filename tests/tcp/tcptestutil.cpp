@@ -195,9 +195,4 @@ bool quietFor(int fd, int ms) {
     return ::poll(&entry, 1, ms) == 0;
 }
 
-std::uint16_t unusedPort() {
-    testsupport::RawTcpListener probe;
-    return probe.port();  // free again once the probe closes
-}
-
 }  // namespace tcptest

@@ -92,9 +92,6 @@ bool quietFor(int fd, int ms);
 std::uint16_t localPortOf(int fd);
 std::uint16_t peerPortOf(int fd);
 
-// A port on 127.0.0.1 that nobody listens on at the moment of the call.
-std::uint16_t unusedPort();
-
 }  // namespace tcptest
 
 #endif  // TARN_TESTS_TCP_TCPTESTUTIL_H

@@ -209,8 +209,13 @@ TEST(TcpTransport, DisconnectWakesABlockedAcceptWithATransportWithoutSocket) {
     TCPTransport listening;
     ASSERT_TRUE(listening.listen(kLoopback, 0));
     ITARNTransport* accepted = reinterpret_cast<ITARNTransport*>(1);
-    std::thread acceptor([&] { accepted = listening.accept(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::atomic<int> acceptorId{0};
+    std::thread acceptor([&] {
+        acceptorId = currentThreadId();
+        accepted = listening.accept();
+    });
+    EXPECT_TRUE(waitUntil([&] { return acceptorId.load() != 0; }, 5000));
+    EXPECT_TRUE(waitUntilBlocked(acceptorId.load(), 5000));  // inside accept()
     listening.disconnect();
     acceptor.join();
     // Only a transport that was already closed answers null; a woken accept hands out a transport
@@ -257,7 +262,7 @@ TEST(TcpTransport, ListenOnATakenPortFails) {
 
 TEST(TcpTransport, ConnectWhereNobodyListensFails) {
     TCPTransport client;
-    EXPECT_FALSE(client.connect(kLoopback, unusedPort()));
+    EXPECT_FALSE(client.connect(kLoopback, testsupport::ClosedTcpPort().port()));
 }
 
 TEST(TcpTransport, UnconnectedTransportHasNoPeer) {

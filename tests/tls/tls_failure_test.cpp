@@ -290,7 +290,7 @@ TEST(TlsFailure, APortInUseIsRefused) {
 TEST(TlsFailure, NobodyListeningIsAFailedConnect) {
     LogCapture log;
     TlsClient client(clientConfig());
-    EXPECT_FALSE(client.connect(freePort()));
+    EXPECT_FALSE(client.connect(testsupport::ClosedTcpPort().port()));
     EXPECT_TRUE(logHas(log, Log::eError, "TARN/TLS: cannot connect to 127.0.0.1:", {"Connection refused"}));
 }
 

@@ -356,7 +356,7 @@ TEST(TlsTransport, LastErrorSaysWhyConnectFailed) {
     EXPECT_FALSE(transport.connect(sal::HostAddress("127.0.0.1"), server.port()));
     EXPECT_EQ(transport.getLastError().find("TLS handshake failed: "), 0u) << transport.getLastError();
     EXPECT_NE(transport.getLastError().find("certificate verify failed"), std::string::npos);
-    EXPECT_FALSE(transport.connect(sal::HostAddress("127.0.0.1"), freePort()));
+    EXPECT_FALSE(transport.connect(sal::HostAddress("127.0.0.1"), testsupport::ClosedTcpPort().port()));
     EXPECT_EQ(transport.getLastError(), "Connection refused");
 }
 

@@ -316,7 +316,8 @@ std::string Child::errors() {
 }
 
 std::uint16_t freePort() {
-    return tcptest::unusedPort();
+    testsupport::RawTcpListener probe;
+    return probe.port();  // released again when the probe closes
 }
 
 }  // namespace tlstest
