@@ -151,8 +151,8 @@ TlsLink::EStep TlsLink::handshakeStep(std::string& error) {
     return eFailed;
 }
 
-bool TlsLink::runHandshake(int timeoutMs, std::string& error) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+bool TlsLink::runHandshake(std::chrono::steady_clock::time_point deadline, int timeoutMs,
+                           std::string& error) {
     for (;;) {
         const EStep step = handshakeStep(error);
         if (step == eDone) {

@@ -10,6 +10,7 @@
 #include <openssl/ssl.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -39,8 +40,9 @@ public:
 
     // One step of the handshake; on eFailed `error` holds OpenSSL's reason.
     EStep handshakeStep(std::string& error);
-    // Steps until done, failed, or `timeoutMs` has passed.
-    bool runHandshake(int timeoutMs, std::string& error);
+    // Steps until done, failed, or `deadline` has passed; the failure then names `timeoutMs`, the
+    // time the whole connect was given.
+    bool runHandshake(std::chrono::steady_clock::time_point deadline, int timeoutMs, std::string& error);
 
     // Client, after the handshake: over TLS 1.3 a server checks the client's certificate only after
     // the client has finished, so a client that was asked for one waits up to `timeoutMs` for the

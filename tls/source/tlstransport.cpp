@@ -31,6 +31,13 @@ const int kBacklog = 64;
 std::mutex g_registryMutex;
 std::map<const TARNConnection*, TLSTransport*> g_registry;
 
+// Milliseconds from now to `deadline`, 0 once it has passed.
+int msLeft(std::chrono::steady_clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return left.count() < 0 ? 0 : static_cast<int>(left.count());
+}
+
 void setOption(int fd, int level, int name) {
     const int on = 1;
     setsockopt(fd, level, name, &on, sizeof on);
@@ -245,12 +252,10 @@ bool TLSTransport::connect(const sal::HostAddress& address, uint16 port) {
         error = "cannot check the server's name " + expected;
         link.reset();
     }
-    const int spentMs = static_cast<int>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
-            .count());
-    const int leftMs = std::max(0, self.config.handshakeTimeoutMs - spentMs);
-    if (!link || !link->runHandshake(leftMs, error) ||
-        !link->awaitServerVerdict(std::min(leftMs, 2000), error)) {
+    // The TCP connect and the handshake share one time limit.
+    const auto deadline = start + std::chrono::milliseconds(self.config.handshakeTimeoutMs);
+    if (!link || !link->runHandshake(deadline, self.config.handshakeTimeoutMs, error) ||
+        !link->awaitServerVerdict(std::min(msLeft(deadline), 2000), error)) {
         self.lastError = "TLS handshake failed: " + error;
         tlsLog().getErrorStream() << "TARN/TLS: handshake with " << peer << " failed: " << error;
         return false;
