@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <new>
 
 #include <eudppacket.h>
@@ -167,7 +168,7 @@ public:
         EUDPTransport* m_pTransport;
     };
 
-    EUDPTransport();  // listening or client object
+    EUDPTransport();                                                      // listening or client object
     EUDPTransport(const sal::HostAddress& address, unsigned short port);  // per-peer, from accept()
     ~EUDPTransport() override;
     EUDPTransport(const EUDPTransport&) = delete;
@@ -236,6 +237,16 @@ private:
     void handleModeRequest(std::uint32_t word);
     void handlePeerDisconnect();
 
+    // One received datagram (`received` is what the receive returned), handled as the receiver
+    // thread handles it, in whichever thread read it; false once the connection is over.
+    bool handleDatagram(EUDPPacket& packet, int received, uint16 fromPort);
+    // receiverThread's loop when the socket's readiness watch is there: the thread sleeps on the
+    // watch, and reads whatever is waiting when it holds the reading turn.
+    void receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet);
+    // receiveData's wait while nothing is delivered: the caller takes the reading turn and reads
+    // the socket itself.
+    void readWhileWaiting();
+
     std::atomic<sal::UdpSocket*> m_pSocket;
     sal::HostAddress m_peerAddress;
     std::atomic<uint16> m_peerPort;
@@ -281,6 +292,15 @@ private:
     // datagram itself instead of queueing it for that thread.
     std::atomic<bool> m_bSenderActive;
     std::atomic<bool> m_bTimedOut{false};  // set by onAliveTimer, read by applications
+    // The reading turn: whoever holds m_readLock may read the socket and handle what it reads, so
+    // datagrams are handled one at a time in arrival order whichever thread reads them. The
+    // receiver thread holds it while it handles what woke it; a receiveData caller with nothing
+    // to take holds it while it waits, and the receiver thread's watch is disarmed meanwhile.
+    std::mutex m_readLock;
+    // The socket the receiver thread watches, while it does (null before it starts, after it
+    // ends, and when the system refused a watch): a waiting caller reads only this one.
+    sal::UdpSocket* m_pReadSocket{nullptr};
+    std::atomic<bool> m_bReaderWaiting{false};  // a receiveData caller waits for the turn
 };
 
 #endif  // TARN_EUDPTRANSPORT_H

@@ -38,76 +38,132 @@ bool applyModeRequest(std::uint8_t requested, const std::atomic<bool>& allowReal
 
 void EUDPTransport::receiverThread() {
     EUDPPacket packet;
-    sal::HostAddress fromAddress;
-    uint16 fromPort = 0;
     // Set by connect() or accept() before this thread was started; fixed while it runs.
     sal::UdpSocket* pSocket = m_pSocket.load();
 
-    while (!m_bClosed.load()) {
-        int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
-        // sal answers -1 once the socket is closed from another thread (disconnect, the final
-        // timer, the destructor) and 0 for an empty datagram: both end the connection here.
-        if (received <= 0) {
-            if (!m_bClosed.load()) {
-                m_bClosed.store(true);
-                if (m_sendAliveTimer.isRunning()) {
-                    m_sendAliveTimer.stop();
-                }
-                if (m_aliveTimer.isRunning()) {
-                    m_aliveTimer.stop();
-                }
+    bool bWatched = false;
+    if (!m_bClosed.load()) {
+        std::lock_guard<std::mutex> lock(m_readLock);
+        bWatched = pSocket->armWatch();
+        m_pReadSocket = bWatched ? pSocket : nullptr;
+    }
+    if (bWatched) {
+        receiveInTurn(pSocket, packet);
+    } else {
+        // Without a watch this thread is the only reader and blocks in the receive itself.
+        sal::HostAddress fromAddress;
+        uint16 fromPort = 0;
+        while (!m_bClosed.load()) {
+            int received =
+                pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
+            if (!handleDatagram(packet, received, fromPort)) {
+                break;
             }
-            break;
-        }
-        if (!packet.validatePacket(static_cast<std::uint32_t>(received))) {
-            logLine(eWarning) << "dropping invalid packet";
-            continue;
-        }
-
-        // Any valid datagram, whatever it says, shows that the peer is alive.
-        resetTimers();
-        std::uint32_t word = packet.getValue();
-        std::int32_t seq = static_cast<std::int32_t>(word) % ModuloValue::MODULUS;
-
-        switch (packet.getCommand()) {
-            case NOP:
-                break;
-            case ACK:
-                handleAck(seq, fromPort);
-                break;
-            case NAK:
-                handleNak(seq);
-                break;
-            case DIS:
-                handlePeerDisconnect();
-                break;
-            case CMD:
-                handleData(packet, seq);
-                break;
-            case MOD:
-                handleModeRequest(word);
-                break;
-            case MAK:
-                m_modeAck.store(word);
-                m_modeSem.give();
-                break;
-            case WIN:
-                // Taken as it stands: 0 stops reliable sending, and nothing caps it at the ring.
-                m_windowSize.store(word);
-                sendPacket(WAK, word, 0);
-                break;
-            case WAK:
-                m_windowAck.store(word);
-                m_windowSem.give();
-                break;
-            default:  // CON, which accept() answers, never this thread
-                logLine(eWarning) << "unknown/unexpected command (ignoring)";
-                break;
         }
     }
 
     m_sendWakeSem.give();
     m_receiveSem.give();
+}
+
+// Woken by the watch, the thread takes the turn and handles everything waiting, in order, then
+// arms the watch again. It hands the turn over early when a receiveData caller asks for it; that
+// caller disarms the watch and arms it again as it leaves, so whatever arrives while nobody waits
+// in receiveData still wakes this thread.
+void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
+    sal::HostAddress fromAddress;
+    uint16 fromPort = 0;
+    bool bOpen = true;
+    while (bOpen) {
+        const bool bWoken = pSocket->waitReadable();
+        std::lock_guard<std::mutex> lock(m_readLock);
+        if (!bWoken) {
+            bOpen = handleDatagram(packet, -1, 0);  // a failed wait ends it like a failed receive
+        }
+        while (bOpen) {
+            if (m_bClosed.load()) {
+                bOpen = false;
+                break;
+            }
+            int received =
+                pSocket->tryReceiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
+            if (received == sal::UdpSocket::WOULD_BLOCK) {
+                break;
+            }
+            bOpen = handleDatagram(packet, received, fromPort);
+            if (m_bReaderWaiting.load()) {
+                break;
+            }
+        }
+        if (bOpen) {
+            pSocket->armWatch();
+        } else {
+            m_pReadSocket = nullptr;
+        }
+    }
+}
+
+bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, uint16 fromPort) {
+    // sal answers -1 once the socket is closed from another thread (disconnect, the final
+    // timer, the destructor) and 0 for an empty datagram: both end the connection here.
+    if (received <= 0) {
+        if (!m_bClosed.load()) {
+            m_bClosed.store(true);
+            if (m_sendAliveTimer.isRunning()) {
+                m_sendAliveTimer.stop();
+            }
+            if (m_aliveTimer.isRunning()) {
+                m_aliveTimer.stop();
+            }
+        }
+        return false;
+    }
+    if (!packet.validatePacket(static_cast<std::uint32_t>(received))) {
+        logLine(eWarning) << "dropping invalid packet";
+        return !m_bClosed.load();
+    }
+
+    // Any valid datagram, whatever it says, shows that the peer is alive.
+    resetTimers();
+    std::uint32_t word = packet.getValue();
+    std::int32_t seq = static_cast<std::int32_t>(word) % ModuloValue::MODULUS;
+
+    switch (packet.getCommand()) {
+        case NOP:
+            break;
+        case ACK:
+            handleAck(seq, fromPort);
+            break;
+        case NAK:
+            handleNak(seq);
+            break;
+        case DIS:
+            handlePeerDisconnect();
+            break;
+        case CMD:
+            handleData(packet, seq);
+            break;
+        case MOD:
+            handleModeRequest(word);
+            break;
+        case MAK:
+            m_modeAck.store(word);
+            m_modeSem.give();
+            break;
+        case WIN:
+            // Taken as it stands: 0 stops reliable sending, and nothing caps it at the ring.
+            m_windowSize.store(word);
+            sendPacket(WAK, word, 0);
+            break;
+        case WAK:
+            m_windowAck.store(word);
+            m_windowSem.give();
+            break;
+        default:  // CON, which accept() answers, never this thread
+            logLine(eWarning) << "unknown/unexpected command (ignoring)";
+            break;
+    }
+    return !m_bClosed.load();
 }
 
 void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
@@ -233,7 +289,10 @@ void EUDPTransport::handleModeRequest(std::uint32_t word) {
 }
 
 int EUDPTransport::receiveData(uint8* buffer, uint bufferSize) {
-    m_receiveSem.take();
+    if (m_receiveSem.take(0) != 0) {
+        readWhileWaiting();
+        m_receiveSem.take();
+    }
     m_receiveMutex.take();
     bool consume = true;
     if (m_receiveBuffer.isEmpty()) {
@@ -260,4 +319,40 @@ int EUDPTransport::receiveData(uint8* buffer, uint bufferSize) {
     }
     m_receiveMutex.give();
     return static_cast<int>(length);
+}
+
+// Instead of sleeping until the receiver thread has read and handled a message for it, the caller
+// reads the socket itself and handles each datagram exactly as that thread would (answers, window,
+// timers, delivery), until a message is delivered or the connection ends: one thread less is woken
+// per message. It waits for the turn if the receiver thread holds it, which hands it over after
+// the datagram in hand. Without a receiver thread watching the socket (not connected, ended, or no
+// watch to be had) the caller only waits, as before.
+void EUDPTransport::readWhileWaiting() {
+    std::unique_lock<std::mutex> lock(m_readLock, std::try_to_lock);
+    if (!lock.owns_lock()) {
+        m_bReaderWaiting.store(true);
+        lock.lock();
+        m_bReaderWaiting.store(false);
+    }
+    sal::UdpSocket* pSocket = m_pReadSocket;
+    if (pSocket == nullptr) {
+        return;
+    }
+    pSocket->disarmWatch();
+    EUDPPacket packet;
+    sal::HostAddress fromAddress;
+    uint16 fromPort = 0;
+    while (!m_bClosed.load() && m_receiveSem.getCount() == 0) {
+        int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
+        if (!handleDatagram(packet, received, fromPort)) {
+            break;
+        }
+    }
+    // When the connection is over the receiver thread is woken at once, datagram or not, and ends
+    // as it always does (giving the count that this caller's take then finds).
+    if (m_bClosed.load()) {
+        pSocket->wakeWatcher();
+    } else {
+        pSocket->armWatch();
+    }
 }

@@ -187,6 +187,9 @@ EUDPTransport::~EUDPTransport() {
     m_receiveMutex.give();
     m_sendMutex.take();
     m_sendMutex.give();
+    // A reader that waited in receiveData last touched the socket (its watch) under m_readLock.
+    m_readLock.lock();
+    m_readLock.unlock();
 
     delete pSocket;
     m_pSocket.store(nullptr);

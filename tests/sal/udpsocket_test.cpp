@@ -410,3 +410,151 @@ TEST(UdpSocket, FamilySpecificBindReachesOnlyItsFamily) {
 }
 
 }  // namespace
+
+namespace {
+
+// A thread that sleeps in waitReadable() and counts its returns.
+class Watcher {
+public:
+    explicit Watcher(UdpSocket& socket)
+        : m_thread([this, &socket] {
+              while (!m_bStop.load()) {
+                  m_bResult.store(socket.waitReadable());
+                  m_returns.fetch_add(1);
+                  if (!m_bResult.load()) {
+                      return;
+                  }
+                  while (!m_bStop.load() && !m_bGo.exchange(false)) {
+                      std::this_thread::yield();
+                  }
+              }
+          }) {}
+    ~Watcher() { stop(); }
+    Watcher(const Watcher&) = delete;
+    Watcher& operator=(const Watcher&) = delete;
+    int returns() const { return m_returns.load(); }
+    void waitAgain() { m_bGo.store(true); }
+    void stop() {
+        m_bStop.store(true);
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+private:
+    std::atomic<bool> m_bStop{false};
+    std::atomic<bool> m_bGo{false};
+    std::atomic<bool> m_bResult{false};
+    std::atomic<int> m_returns{0};
+    std::thread m_thread;
+};
+
+}  // namespace
+
+TEST(UdpSocket, TryReceiveFromNeverWaits) {
+    auto socket = makeBound();
+    char buffer[64];
+    HostAddress from;
+    uint16 fromPort = 0;
+    EXPECT_EQ(UdpSocket::WOULD_BLOCK, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
+
+    RawUdp peer;
+    ASSERT_TRUE(peer.sendTo(testsupport::bytesOf("abc"), socket->getLocalPort()));
+    int received = UdpSocket::WOULD_BLOCK;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            received = socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort);
+            return received != UdpSocket::WOULD_BLOCK;
+        },
+        5000));
+    EXPECT_EQ(3, received);
+    EXPECT_EQ(0, std::memcmp(buffer, "abc", 3));
+    EXPECT_EQ(peer.port(), fromPort);
+    EXPECT_EQ(UdpSocket::WOULD_BLOCK, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
+
+    socket->close();
+    EXPECT_EQ(-1, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
+}
+
+TEST(UdpSocket, WaitReadableWithoutWatchFails) {
+    auto socket = makeBound();
+    EXPECT_FALSE(socket->disarmWatch());
+    EXPECT_FALSE(socket->waitReadable());
+}
+
+TEST(UdpSocket, ArmedWatchReportsOneArrivalAndDisarms) {
+    auto socket = makeBound();
+    ASSERT_TRUE(socket->armWatch());
+    Watcher watcher(*socket);
+    RawUdp peer;
+    ASSERT_TRUE(peer.sendTo(testsupport::bytesOf("1"), socket->getLocalPort()));
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 1; }, 5000));
+
+    // Disarmed by the report: a second datagram, and the first still unread, wake nobody.
+    watcher.waitAgain();
+    ASSERT_TRUE(peer.sendTo(testsupport::bytesOf("2"), socket->getLocalPort()));
+    EXPECT_FALSE(waitUntil([&] { return watcher.returns() != 1; }, 200));
+
+    // Arming again reports what is already waiting.
+    ASSERT_TRUE(socket->armWatch());
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 2; }, 5000));
+    char buffer[8];
+    HostAddress from;
+    uint16 fromPort = 0;
+    EXPECT_EQ(1, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
+    EXPECT_EQ('1', buffer[0]);
+    socket->close();  // lets the watcher's last wait (if armed) end; it is disarmed, so arm it
+    watcher.waitAgain();
+    ASSERT_TRUE(socket->armWatch());
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 3; }, 5000));
+    watcher.stop();
+}
+
+TEST(UdpSocket, DisarmedWatchSleepsThroughArrivalsUntilArmed) {
+    auto socket = makeBound();
+    ASSERT_TRUE(socket->armWatch());
+    ASSERT_TRUE(socket->disarmWatch());
+    Watcher watcher(*socket);
+    RawUdp peer;
+    ASSERT_TRUE(peer.sendTo(testsupport::bytesOf("x"), socket->getLocalPort()));
+    EXPECT_FALSE(waitUntil([&] { return watcher.returns() != 0; }, 200));
+    ASSERT_TRUE(socket->armWatch());
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 1; }, 5000));
+    watcher.waitAgain();
+    ASSERT_TRUE(socket->wakeWatcher());
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 2; }, 5000));
+    watcher.stop();
+}
+
+TEST(UdpSocket, WakeWatcherReturnsWithoutDatagram) {
+    auto socket = makeBound();
+    ASSERT_TRUE(socket->armWatch());
+    ASSERT_TRUE(socket->disarmWatch());
+    Watcher watcher(*socket);
+    ASSERT_TRUE(socket->wakeWatcher());
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 1; }, 5000));
+    char buffer[8];
+    HostAddress from;
+    uint16 fromPort = 0;
+    EXPECT_EQ(UdpSocket::WOULD_BLOCK, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
+    // The report disarmed it again.
+    watcher.waitAgain();
+    EXPECT_FALSE(waitUntil([&] { return watcher.returns() != 1; }, 200));
+    ASSERT_TRUE(socket->wakeWatcher());
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 2; }, 5000));
+    watcher.stop();
+}
+
+TEST(UdpSocket, CloseWakesArmedWatcher) {
+    auto socket = makeBound();
+    ASSERT_TRUE(socket->armWatch());
+    Watcher watcher(*socket);
+    EXPECT_FALSE(waitUntil([&] { return watcher.returns() != 0; }, 100));
+    socket->close();
+    ASSERT_TRUE(waitUntil([&] { return watcher.returns() == 1; }, 5000));
+    char buffer[8];
+    HostAddress from;
+    uint16 fromPort = 0;
+    EXPECT_EQ(-1, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
+    watcher.stop();
+}

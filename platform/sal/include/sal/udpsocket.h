@@ -11,7 +11,9 @@
 // racing with a blocked receive can never hit a reused descriptor.
 //
 // Threads: sendTo may be called from several threads at once (each datagram leaves whole); one
-// thread receives.
+// thread receives at a time. Two threads may take turns at receiving through the readiness watch
+// (armWatch, disarmWatch, waitReadable): one sleeps in waitReadable while the other reads, and the
+// turn passes by arming and disarming; the caller serialises the receives and the arming.
 //
 // An unbound socket gets an ephemeral port from the system on its first sendTo.
 #ifndef SAL_UDPSOCKET_H
@@ -42,6 +44,22 @@ public:
     // or once the socket is closed. `from` and `fromPort` receive the sender.
     int receiveFrom(void* buffer, int size, HostAddress& from, uint16& fromPort);
 
+    // receiveFrom that never blocks: WOULD_BLOCK when no datagram is waiting.
+    static const int WOULD_BLOCK = -2;
+    int tryReceiveFrom(void* buffer, int size, HostAddress& from, uint16& fromPort);
+
+    // The readiness watch, for one thread that waits while another may be reading. waitReadable()
+    // blocks until the watch is armed and a datagram is waiting (or the socket is closed), and
+    // every such return disarms the watch. armWatch() arms it, reporting at once what is already
+    // waiting; disarmWatch() takes it away, so that waitReadable() sleeps on whatever arrives.
+    // armWatch() false: the system refused the watch (no descriptor to spare). waitReadable() false:
+    // there is no watch, or the wait failed.
+    bool armWatch();
+    bool disarmWatch();
+    bool waitReadable();
+    // Arms the watch so that waitReadable() returns at once, datagram or not.
+    bool wakeWatcher();
+
     void close();  // idempotent
     bool isClosed() const { return m_bClosed.load(std::memory_order_acquire); }
 
@@ -53,8 +71,12 @@ public:
     int getDescriptor() const { return m_fd; }
 
 private:
+    int receive(void* buffer, int size, HostAddress& from, uint16& fromPort, int flags);
+    bool setWatch(unsigned int events);
+
     int m_fd;
-    int m_family;  // AF_INET6 (dual-stack) or AF_INET, fixed at creation
+    int m_family;                // AF_INET6 (dual-stack) or AF_INET, fixed at creation
+    std::atomic<int> m_watchFd;  // the readiness watch (an epoll set), made by the first armWatch
     std::atomic<bool> m_bClosed;
 };
 
