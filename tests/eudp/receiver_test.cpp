@@ -1,8 +1,10 @@
 // The receiver thread on the wire: ordering and delivery in both modes, duplicates, gaps, ACK and
 // NAK bookkeeping, answers to MOD and WIN, DIS, and receiveData.
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -447,6 +449,107 @@ TEST(EUDPReceiver, ReceiveFailureClosesAndStopsTimers) {
     EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
     std::uint8_t buffer[8];
     EXPECT_EQ(0, peer.server->receiveData(buffer, sizeof buffer));
+}
+
+// A reader waiting in receiveData reads the socket itself, and what arrives while it is away is
+// read by the receiver thread; bursts make the receiver thread hand over in the middle of what is
+// waiting. Whoever reads, every datagram is handled once and in order: the peer sees one ACK per
+// datagram, in order, and the reader gets every message in order.
+TEST(EUDPReceiver, WaitingReaderAndReceiverThreadTakeTurnsInOrder) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReceiveReliable(peer);
+    const int kCount = 600;
+    std::vector<std::string> received;
+    std::thread reader([&] {
+        for (int i = 0; i < kCount; ++i) {
+            received.push_back(receiveText(*peer.server));
+            if (received.back().empty() || received.back()[0] == '<') {
+                return;  // the link ended: the test has failed already
+            }
+            if (i % 7 == 3) {
+                // Away for a while, so that the receiver thread reads what comes meanwhile.
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+    });
+    bool ok = true;
+    for (int i = 0; i < kCount && ok;) {
+        const int burst = 1 + i % 5;
+        for (int j = 0; j < burst && i + j < kCount; ++j) {
+            ok = ok && peer.sendToServer(eudpDatagram("CMD", static_cast<std::uint32_t>(1 + i + j),
+                                                      bytesOf("m" + std::to_string(i + j))));
+        }
+        for (int j = 0; j < burst && i < kCount && ok; ++j, ++i) {
+            Bytes answer;
+            ok = peer.next(answer);
+            EXPECT_TRUE(ok);
+            EXPECT_EQ(hex(eudpDatagram("ACK", static_cast<std::uint32_t>(1 + i))), hex(answer));
+        }
+    }
+    if (!ok) {
+        peer.server->disconnect();  // lets the reader out
+    }
+    reader.join();
+    ASSERT_TRUE(ok);
+    ASSERT_EQ(static_cast<std::size_t>(kCount), received.size());
+    for (int i = 0; i < kCount; ++i) {
+        EXPECT_EQ("m" + std::to_string(i), received[static_cast<std::size_t>(i)]);
+    }
+    EXPECT_TRUE(peer.raw.quietFor(200));  // nothing answered twice
+}
+
+// The same ends when the waiting reader is the one that reads them.
+TEST(EUDPReceiver, EmptyDatagramReadByAWaitingReaderEndsTheLinkWithOneCount) {
+    LogCapture log;
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    std::atomic<int> first(-2);
+    std::thread reader([&] {
+        std::uint8_t buffer[64];
+        first = peer.server->receiveData(buffer, sizeof buffer);
+    });
+    EXPECT_FALSE(waitUntil([&] { return first.load() != -2; }, 200));
+    ASSERT_TRUE(peer.sendToServer(Bytes()));
+    EXPECT_TRUE(waitUntil([&] { return first.load() != -2; }, 3000));
+    reader.join();
+    EXPECT_EQ(0, first.load());
+    EXPECT_TRUE(peer.server->isClosed());
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 2000));
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 2000));
+    EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+
+    std::atomic<int> second(-2);
+    std::thread again([&] {
+        std::uint8_t buffer[64];
+        second = peer.server->receiveData(buffer, sizeof buffer);
+    });
+    EXPECT_FALSE(waitUntil([&] { return second.load() != -2; }, 300));
+    EUDPTransportTest::receiveSem(*peer.server).give();
+    EXPECT_TRUE(waitUntil([&] { return second.load() != -2; }, 2000));
+    again.join();
+    EXPECT_EQ(0, second.load());
+}
+
+TEST(EUDPReceiver, SocketClosedUnderAWaitingReaderEndsTheLink) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open(0, false));
+    std::atomic<int> first(-2);
+    std::thread reader([&] {
+        std::uint8_t buffer[64];
+        first = peer.server->receiveData(buffer, sizeof buffer);
+    });
+    EXPECT_FALSE(waitUntil([&] { return first.load() != -2; }, 200));
+    EUDPTransportTest::socket(*peer.server)->close();  // as if the socket failed
+    EXPECT_TRUE(waitUntil([&] { return first.load() != -2; }, 3000));
+    reader.join();
+    EXPECT_EQ(0, first.load());
+    EXPECT_TRUE(peer.server->isClosed());
+    EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 2000));
+    EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
+    EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
 }
 
 }  // namespace
