@@ -18,7 +18,7 @@
 // it; applications rarely need it by name.
 class TARN_EXPORT TCPTransport : public ITARNTransport {
 public:
-    TCPTransport();                            // a new socket with no-delay and keep-alive
+    TCPTransport();                                 // a new socket with no-delay and keep-alive
     explicit TCPTransport(sal::TcpSocket* socket);  // adopts an accepted socket (may be null)
     ~TCPTransport() override;
     TCPTransport(const TCPTransport&) = delete;

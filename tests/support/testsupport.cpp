@@ -57,11 +57,11 @@ bool waitUntilBlocked(int threadId, int timeoutMs) {
 }
 
 LogCapture::LogCapture(Level level) : m_previousLevel(Log::LogManager::getInstance().getLevel()) {
-    Log::LogManager::getInstance().setSink([this](Level lineLevel, const std::string& category,
-                                                  const std::string& text) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(Line{lineLevel, category, text});
-    });
+    Log::LogManager::getInstance().setSink(
+        [this](Level lineLevel, const std::string& category, const std::string& text) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back(Line{lineLevel, category, text});
+        });
     Log::LogManager::getInstance().setLevel(level);
 }
 
@@ -162,8 +162,8 @@ RawUdp::~RawUdp() {
 
 bool RawUdp::sendTo(const Bytes& datagram, std::uint16_t port) {
     sockaddr_in address = loopback(port);
-    const ssize_t n = ::sendto(m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&address),
-                               sizeof(address));
+    const ssize_t n = ::sendto(m_fd, datagram.data(), datagram.size(), 0,
+                               reinterpret_cast<sockaddr*>(&address), sizeof(address));
     return n == static_cast<ssize_t>(datagram.size());
 }
 
@@ -174,8 +174,8 @@ bool RawUdp::receive(Bytes& datagram, std::uint16_t& fromPort, int timeoutMs) {
     datagram.assign(65536, 0);
     sockaddr_in from;
     socklen_t length = sizeof(from);
-    const ssize_t n = ::recvfrom(m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&from),
-                                 &length);
+    const ssize_t n =
+        ::recvfrom(m_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
     if (n < 0) {
         return false;
     }
@@ -184,7 +184,9 @@ bool RawUdp::receive(Bytes& datagram, std::uint16_t& fromPort, int timeoutMs) {
     return true;
 }
 
-bool RawUdp::quietFor(int ms) { return !readable(m_fd, ms); }
+bool RawUdp::quietFor(int ms) {
+    return !readable(m_fd, ms);
+}
 
 RawTcpListener::RawTcpListener() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
     int on = 1;
@@ -222,7 +224,9 @@ ClosedTcpPort::~ClosedTcpPort() {
     }
 }
 
-RawTcp::~RawTcp() { close(); }
+RawTcp::~RawTcp() {
+    close();
+}
 
 void RawTcp::close() {
     if (m_fd >= 0) {
@@ -280,7 +284,8 @@ bool RawTcp::receiveFrame(Bytes& body, int timeoutMs) {
     if (!receiveExactly(header, 2, timeoutMs)) {
         return false;
     }
-    const std::size_t length = static_cast<std::size_t>(header[0]) | (static_cast<std::size_t>(header[1]) << 8);
+    const std::size_t length =
+        static_cast<std::size_t>(header[0]) | (static_cast<std::size_t>(header[1]) << 8);
     return receiveExactly(body, length, timeoutMs);
 }
 
@@ -340,6 +345,8 @@ std::string hex(const Bytes& bytes) {
     return out;
 }
 
-Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes bytesOf(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
 
 }  // namespace testsupport

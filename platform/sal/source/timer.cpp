@@ -17,12 +17,12 @@
 //
 // One scheduler thread keeps a min-heap of deadlines for all timers of the process. When an expiry
 // comes due it first offers it to the callback's inline attempt, which does short work right there;
-// everything else goes to a pool of worker threads, which run the callbacks. The pool starts with one worker and
-// grows by one whenever expiries are waiting, no worker is free and no worker has picked up an
-// expiry for a few milliseconds: then every worker is stuck in a callback (a callback may block for
-// a long time). A backlog of quick callbacks that the workers are working through does not grow the
-// pool. Extra workers retire after a few idle seconds. The service is created on first use and never
-// destroyed, so no timer used during static destruction can find it gone.
+// everything else goes to a pool of worker threads, which run the callbacks. The pool starts with one worker
+// and grows by one whenever expiries are waiting, no worker is free and no worker has picked up an expiry for
+// a few milliseconds: then every worker is stuck in a callback (a callback may block for a long time). A
+// backlog of quick callbacks that the workers are working through does not grow the pool. Extra workers
+// retire after a few idle seconds. The service is created on first use and never destroyed, so no timer used
+// during static destruction can find it gone.
 //
 // A timer has at most one live heap entry. start() records the new deadline under the timer's own
 // lock and pushes an entry only when none is queued or the new deadline is earlier than the queued

@@ -2,9 +2,9 @@
 //
 // All timers of the process share one scheduling thread and a small pool of worker threads that
 // run the callbacks, so a timer costs no thread of its own. A callback that can do its work at
-// once without waiting may do it on the scheduling thread itself (ICallback::callInline). A callback that blocks keeps only its
-// own worker: the pool grows when every worker is busy, so other timers (the other timer of the
-// same owner included) still fire on time. Idle extra workers retire.
+// once without waiting may do it on the scheduling thread itself (ICallback::callInline). A callback that
+// blocks keeps only its own worker: the pool grows when every worker is busy, so other timers (the other
+// timer of the same owner included) still fire on time. Idle extra workers retire.
 //
 // start(periodUs, oneShot): arms the timer for `periodUs` microseconds. With oneShot true it fires
 // once and is then no longer running; with oneShot false it fires every period until stopped.
