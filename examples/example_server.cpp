@@ -5,15 +5,15 @@
 // Usage: tarn-example-server [port] [clients]   (port 0, the default, lets the system choose)
 //
 // Ownership: the listener owns its connector and deletes it. Each connection handed to
-// onNewConnection belongs to the application, which attaches its ITARNServer there, and later
-// calls disconnect() and deletes the connection from its own thread, never from a callback.
+// onNewConnection belongs to the application, which gives it with its ITARNServer to a
+// TARNConnectionSet; the set disconnects and deletes the connections (and here the sessions) at
+// the end, from the main thread, never from a callback.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include <tarnconnection.h>
 #include <tarnlistener.h>
@@ -51,13 +51,12 @@ struct Session final : ITARNServer {
     TARNConnection* connection;
 };
 
-std::vector<Session*> g_sessions;  // owned by the application, not by the listener
+TARNConnectionSet g_connections;  // owned by the application, not by the listener
 
 struct Connector : ITARNConnector {
     void onNewConnection(TARNConnection* connection) override {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        g_sessions.push_back(new Session(connection));
-        connection->setServer(g_sessions.back());  // before the first packet is read
+        // Attached before the first packet is read; the set deletes the session after its connection.
+        g_connections.add(connection, new Session(connection), true);
     }
 };
 
@@ -78,12 +77,8 @@ int main(int argc, char** argv) {
     const bool served =
         g_changed.wait_for(lock, std::chrono::seconds(60), [&] { return g_ended >= clients; });
     lock.unlock();
-    delete listener;  // stops accepting; connections already handed out live on
-    for (Session* session : g_sessions) {
-        session->connection->disconnect();
-        delete session->connection;
-        delete session;
-    }
+    delete listener;           // stops accepting; connections already handed out live on
+    g_connections.closeAll();  // disconnects, waits for each link's end, deletes
     tarnDeinit();
     return served ? 0 : 1;
 }

@@ -6,7 +6,8 @@
 // connection handed to onNewConnection belongs to the application from then on and lives on
 // independently of the listener. The listening transport is left behind, disconnected, when the
 // listener is deleted; so is a peer's transport that accept returned while the listener was
-// shutting down (never handed out, its link stays open).
+// shutting down (never handed out, its link stays open). A TARNConnectionSet (at the end of this
+// file) can own the handed-out connections and delete them safely.
 //
 // Two ways to start: listen() binds on the listener's thread and always returns true, so a port
 // that cannot be bound shows up only later (see listen); bindAndListen() binds on the calling
@@ -18,6 +19,7 @@
 #define TARN_TARNLISTENER_H
 
 #include <atomic>
+#include <cstddef>
 #include <string>
 
 #include <itarntransport.h>
@@ -26,6 +28,7 @@
 #include <tarn_export.h>
 
 class TARNConnection;
+class ITARNServer;
 
 // Implemented by a server application.
 class TARN_EXPORT ITARNConnector {
@@ -107,6 +110,39 @@ private:
     // Set by shutdownCallback, cleared by start(): lets a run that created its transport after a
     // shutdown had already looked for it close that transport itself instead of blocking in accept.
     std::atomic<bool> m_bShutdownRequested;
+};
+
+// Owns the connections a server accepted and deletes each safely: never from inside one of its own
+// callbacks, and only once it has reported eConnected (the thread that reported it has left the
+// connection) and, after disconnect(), eDisconnected. The application adds each connection with its
+// ITARNServer from ITARNConnector::onNewConnection, or from its own accept loop before it starts the
+// connection; the set attaches a relay that hands every callback on to that server unchanged and
+// notes the statuses. The server stays the application's unless add() is told to delete it.
+//
+// Threads: add on any thread; reap, closeAll and the destructor on the application's own threads,
+// never from a callback of a connection in the set (they wait for those callbacks).
+class TARN_EXPORT TARNConnectionSet {
+public:
+    TARNConnectionSet();
+    ~TARNConnectionSet();  // closeAll()
+    TARNConnectionSet(const TARNConnectionSet&) = delete;
+    TARNConnectionSet& operator=(const TARNConnectionSet&) = delete;
+
+    // Takes `connection` and attaches `server` (may be null) through the relay. With `deleteServer`
+    // the server is deleted right after its connection.
+    void add(TARNConnection* connection, ITARNServer* server, bool deleteServer = false);
+    // Deletes the connections whose link has ended (both statuses reported, the server's callback
+    // for eDisconnected returned); returns how many are left. Each deletion takes the connection
+    // destructor's 200 ms; they run side by side.
+    std::size_t reap();
+    // Disconnects every connection, waits for its statuses (up to 30 s each) and deletes it; side
+    // by side, like reap.
+    void closeAll();
+    std::size_t size() const;
+
+private:
+    class Impl;
+    Impl* m_pImpl;
 };
 
 #endif  // TARN_TARNLISTENER_H

@@ -27,12 +27,7 @@ void RecordingServer::onStatusChanged(EConnStatus status) {
 }
 
 CollectingConnector::Shared::~Shared() {
-    for (TARNConnection* connection : connections) {
-        connection->disconnect();
-    }
-    for (TARNConnection* connection : connections) {
-        delete connection;
-    }
+    owned.closeAll();
     for (RecordingServer* server : servers) {
         delete server;
     }
@@ -55,7 +50,7 @@ RecordingServer* CollectingConnector::Shared::server(std::size_t i) {
 
 void CollectingConnector::onNewConnection(TARNConnection* connection) {
     RecordingServer* server = new RecordingServer;
-    connection->setServer(server);
+    m_pShared->owned.add(connection, server);
     std::lock_guard<std::mutex> lock(m_pShared->mutex);
     m_pShared->connections.push_back(connection);
     m_pShared->servers.push_back(server);

@@ -80,8 +80,9 @@ class CollectingConnector : public ITARNConnector {
 public:
     struct Shared {
         std::mutex mutex;
-        std::vector<TARNConnection*> connections;
-        std::vector<RecordingServer*> servers;
+        TARNConnectionSet owned;                   // disconnects and deletes them at the end
+        std::vector<TARNConnection*> connections;  // in order of arrival, for the tests to reach
+        std::vector<RecordingServer*> servers;     // outlive their connections
         ~Shared();
         std::size_t count();
         TARNConnection* connection(std::size_t i);

@@ -1,0 +1,131 @@
+// TARNConnectionSet: hands every server callback on unchanged, deletes only connections that have
+// ended, and disconnects and deletes the rest on closeAll.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+
+#include <tarnconnection.h>
+#include <tarnlistener.h>
+
+#include "tcptestutil.h"
+
+using namespace testsupport;
+using namespace tcptest;
+
+namespace {
+
+// A recording server that counts its own deletion.
+class CountedServer final : public ITARNServer {
+public:
+    CountedServer(Events& events, std::atomic<int>& deleted, std::string prefix)
+        : m_recorder(events, std::move(prefix)), m_deleted(deleted) {}
+    ~CountedServer() override { ++m_deleted; }
+    void onSubscribe(const std::string& name) override { m_recorder.onSubscribe(name); }
+    void onUnsubscribe(const std::string& name) override { m_recorder.onUnsubscribe(name); }
+    void onCallFunctionId(const std::string& name, const ParameterList& params) override {
+        m_recorder.onCallFunctionId(name, params);
+    }
+    void onStatusChanged(EConnStatus status) override { m_recorder.onStatusChanged(status); }
+
+private:
+    RecordingServer m_recorder;
+    std::atomic<int>& m_deleted;
+};
+
+// Adds each accepted connection to the set with a CountedServer named "server<n>".
+class SetConnector final : public ITARNConnector {
+public:
+    SetConnector(TARNConnectionSet& set, Events& events, std::atomic<int>& deleted)
+        : m_set(set), m_events(events), m_deleted(deleted) {}
+    void onNewConnection(TARNConnection* connection) override {
+        m_set.add(connection, new CountedServer(m_events, m_deleted, "server" + std::to_string(m_next++)),
+                  true);
+    }
+
+private:
+    TARNConnectionSet& m_set;
+    Events& m_events;
+    std::atomic<int>& m_deleted;
+    int m_next = 0;
+};
+
+// A set filled by a TCP listener on 127.0.0.1, and clients that connect to it one after another.
+struct SetFixture : ::testing::Test {
+    Events events;
+    std::atomic<int> deleted{0};
+    TARNConnectionSet set;
+    TARNListener listener{eTransportTCP};
+    std::vector<std::unique_ptr<TARNConnection>> clients;
+    std::vector<std::unique_ptr<RecordingClient>> recorders;
+
+    void SetUp() override {
+        ASSERT_TRUE(listener.bindAndListen("127.0.0.1", 0, new SetConnector(set, events, deleted)));
+    }
+    void TearDown() override {
+        listener.shutdown(-1);
+        for (auto& client : clients) {
+            client->disconnect();
+        }
+    }
+    // Connects client number `clients.size()` and waits until its server end reported eConnected.
+    void connectClient() {
+        const std::string name = "client" + std::to_string(clients.size());
+        recorders.emplace_back(new RecordingClient(events, name));
+        clients.emplace_back(new TARNConnection(eTransportTCP));
+        ASSERT_TRUE(clients.back()->connect("127.0.0.1", listener.getLocalPort(), recorders.back().get()));
+        ASSERT_TRUE(events.waitFor("server" + std::to_string(clients.size() - 1) + ":connected", 5000))
+            << ::testing::PrintToString(events.list());
+    }
+};
+
+TEST_F(SetFixture, HandsEveryCallbackOnToTheServer) {
+    connectClient();
+    ASSERT_TRUE(clients[0]->subscribe("temperature"));
+    EXPECT_TRUE(events.waitFor("server0:subscribe temperature", 5000))
+        << ::testing::PrintToString(events.list());
+    EXPECT_EQ(1u, set.size());
+}
+
+TEST_F(SetFixture, ReapDeletesOnlyTheConnectionsThatEnded) {
+    connectClient();
+    connectClient();
+    clients[0]->disconnect();
+    ASSERT_TRUE(events.waitFor("server0:disconnected", 5000)) << ::testing::PrintToString(events.list());
+    // The set notes the status after the server's callback returned: reap until it has.
+    EXPECT_TRUE(waitUntil([&] { return set.reap() == 1; }, 5000));
+    EXPECT_EQ(1, deleted.load());
+    EXPECT_EQ(0, events.count("server1:disconnected"));
+    EXPECT_EQ(0, events.count("client1:disconnected"));
+}
+
+TEST_F(SetFixture, CloseAllDisconnectsAndDeletesEveryConnection) {
+    connectClient();
+    connectClient();
+    set.closeAll();
+    EXPECT_EQ(0u, set.size());
+    EXPECT_EQ(2, deleted.load());
+    // Each server saw its own end before it was deleted, and each client saw the link end.
+    EXPECT_EQ(1, events.count("server0:disconnected"));
+    EXPECT_EQ(1, events.count("server1:disconnected"));
+    EXPECT_TRUE(events.waitFor("client0:disconnected", 5000));
+    EXPECT_TRUE(events.waitFor("client1:disconnected", 5000));
+}
+
+TEST(TarnConnectionSet, ServersAddedWithoutDeleteStayTheCallers) {
+    Events events;
+    std::atomic<int> deleted{0};
+    CountedServer server(events, deleted, "server");
+    {
+        TARNConnectionSet set;
+        TARNConnection* connection = new TARNConnection(eTransportTCP);
+        set.add(connection, &server);
+        connection->updateStatus(eConnected);     // as a listener reports it
+        connection->updateStatus(eDisconnected);  // as an ended receive loop reports it
+        EXPECT_EQ(0u, set.reap());
+    }
+    EXPECT_EQ(0, deleted.load());
+    EXPECT_EQ((std::vector<std::string>{"server:connected", "server:disconnected"}), events.list());
+}
+
+}  // namespace
