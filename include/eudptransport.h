@@ -210,6 +210,10 @@ public:
     // True once the liveness supervision gave the link up because a keep-alive went unanswered for
     // 10 s (onAliveTimer), which tells that end apart from a DIS of the peer; cleared by connect().
     bool hasTimedOut() const { return m_bTimedOut.load(); }
+    // Waits up to `timeoutMs` until the send ring is empty: every message queued so far has been
+    // sent (realtime) or acknowledged (reliable). False on time-out, and at once when the link is
+    // closed.
+    bool waitUntilSent(int timeoutMs) const;
 
 private:
     friend class EUDPTransportTest;

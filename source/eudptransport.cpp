@@ -5,6 +5,7 @@
 
 #include <sys/mman.h>
 
+#include <chrono>
 #include <new>
 
 using Corvane::Utilities::Logging::ELogLevel;
@@ -334,4 +335,18 @@ uint16 EUDPTransport::getPeerPort() const {
 uint16 EUDPTransport::getLocalPort() const {
     sal::UdpSocket* pSocket = m_pSocket.load();
     return pSocket != nullptr ? pSocket->getLocalPort() : 0;
+}
+
+bool EUDPTransport::waitUntilSent(int timeoutMs) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!isClosed()) {
+        if (m_sendBuffer.isEmpty()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        sal::Thread::mssleep(1);
+    }
+    return false;
 }

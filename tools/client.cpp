@@ -1,14 +1,19 @@
 #include "client.h"
 
-#include <chrono>
-#include <thread>
-
 #include <sal/hostaddress.h>
 
 #include "tls_options.h"
 #include "values.h"
 
 namespace tarncli {
+
+namespace {
+
+// The longest close() waits for an EUDP send ring to empty before the DIS goes out; a peer that
+// no longer acknowledges costs no more than this.
+const int kDrainBeforeCloseMs = 1000;
+
+}  // namespace
 
 const char* transportName(ETransport kind) {
     return kind == eTransportEUDP ? "eudp" : (kind == kTransportTls ? "tls" : "tcp");
@@ -109,8 +114,8 @@ void ClientSession::close() {
     m_bClosing = true;
     if (m_bConnected && m_pEudp && !m_pEudp->isClosed()) {
         // EUDP data leaves from the transport's sender thread while the disconnect's DIS leaves at
-        // once from this one; a short pause lets the last messages out first.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        // once from this one: the last messages go out (reliable: are acknowledged) first.
+        m_pEudp->waitUntilSent(kDrainBeforeCloseMs);
     }
     deleteConnection();
 }

@@ -267,6 +267,40 @@ TEST(EUDPSender, AckIsCumulativeAndFreesSlots) {
     EXPECT_EQ(range(3, 4), nextNumbers(peer, 2));
 }
 
+TEST(EUDPSender, WaitUntilSentWaitsForTheAcknowledgement) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    ASSERT_TRUE(send(*peer.server, "a"));
+    ASSERT_TRUE(send(*peer.server, "b"));
+    EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
+    EXPECT_FALSE(peer.server->waitUntilSent(300));  // sent, not acknowledged
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 1)));
+    EXPECT_TRUE(peer.server->waitUntilSent(5000));
+    EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+TEST(EUDPSender, WaitUntilSentInRealtimeWaitsForTheDatagramsToLeave) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(send(*peer.server, "r" + std::to_string(i)));
+    }
+    EXPECT_TRUE(peer.server->waitUntilSent(5000));
+    EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+    EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
+}
+
+TEST(EUDPSender, WaitUntilSentIsFalseOnceClosed) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    ASSERT_TRUE(send(*peer.server, "a"));
+    EXPECT_EQ(range(0, 0), nextNumbers(peer, 1));
+    peer.server->disconnect();
+    EXPECT_FALSE(peer.server->waitUntilSent(5000));
+}
+
 TEST(EUDPSender, AckCoveringUnsentPacketsRemovesThem) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open());
