@@ -196,7 +196,7 @@ void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
 
 void EUDPTransport::handleNak(std::int32_t seq) {
     // A plain unsigned comparison, not distance(): before the first acknowledgement (-1, the
-    // largest unsigned value) and across the wrap every NAK is refused. Peers live with that.
+    // largest unsigned value) and across the wrap every NAK is refused.
     if (static_cast<std::uint32_t>(m_lastAcked.getValue()) < static_cast<std::uint32_t>(seq)) {
         m_lastSent.setFromWord(seq - 1);
         m_unacked.store(0);
@@ -239,7 +239,8 @@ void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
         if (ModuloValue::distance(seq, expected) <= 0) {
             sendPacket(ACK, static_cast<std::uint32_t>(seq), 0);
         } else {
-            // The count printed is not the size of the gap; tools match the line as it is.
+            // The count printed is not the size of the gap: it is the number received less the
+            // parity of the one expected.
             std::int32_t count = (seq - (expected % 2)) % ModuloValue::MODULUS;
             logLine(eWarning) << count << " packets lost";
             sendPacket(NAK, static_cast<std::uint32_t>(expected), 0);

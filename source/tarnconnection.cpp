@@ -20,6 +20,13 @@ namespace {
 
 const char* const kUnit = "source/tarnconnection.cpp";
 
+// The destructor's pause before it deletes the transport.
+const unsigned int kDeletePauseMs = 200;
+// disconnect(): the pause after the stop flag is set, and how long the receive thread's shutdown is
+// waited for before the transport is closed.
+const unsigned int kStopPauseMs = 10;
+const int kStopShutdownMs = 20;
+
 // Hands one received, validated packet to the callback object its command is meant for.
 void dispatch(const TARNPacket& packet, ITARNClient* client, ITARNServer* server,
               const Log::LogCategory& log) {
@@ -124,7 +131,7 @@ TARNConnection::TARNConnection(ITARNTransport* transport)
 
 // Neither disconnects nor waits for the thread beyond the pause: the application disconnects first.
 TARNConnection::~TARNConnection() {
-    sal::Thread::mssleep(200);
+    sal::Thread::mssleep(kDeletePauseMs);
     // After disconnect() the transport is closed, so the receive loop is on its way out; let it
     // leave receiveData before the transport goes, however slow the machine. Without disconnect()
     // the loop may be blocked for good, and deleting the transport is what ends it.
@@ -251,9 +258,9 @@ bool TARNConnection::sendPacket(const TARNPacket& packet, const char* failure, c
 
 void TARNConnection::disconnect() {
     m_bStop = true;
-    sal::Thread::mssleep(10);
+    sal::Thread::mssleep(kStopPauseMs);
     if (m_pThread != nullptr) {
-        m_pThread->shutdown(20);
+        m_pThread->shutdown(kStopShutdownMs);
     }
     // Closing the transport is what wakes the receive loop; it then reports eDisconnected.
     m_pTransport->disconnect();

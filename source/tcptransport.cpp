@@ -11,7 +11,7 @@
 
 namespace {
 
-// Assertion texts name this unit and the signatures the way operators' tools match on them.
+// Assertion lines name this unit by this fixed path, and the functions by these signatures.
 const char* const kUnit = "source/tcptransport.cpp";
 
 // Holds a sal mutex for the life of a scope.

@@ -365,7 +365,7 @@ TEST(TcpTransport, TransportWithoutSocketToleratesTheQueries) {
     EXPECT_EQ(0, next->getLocalPort());
 }
 
-// The assertion line names the unit, the line and the function the way operators match on it.
+// The assertion line names the unit, the line and the function exactly.
 class TcpTransportDeathTest : public ::testing::Test {
 protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

@@ -3,8 +3,7 @@
 // A failure prints the standard assertion line to stderr,
 //   "<program>: <file>:<line>: <function>: Assertion `<expression>' failed."
 // and aborts the process. SAL_ASSERT reports where it stands; SAL_ASSERT_AT reports a location given
-// by the caller, for checks whose file, line and function text are part of what operators and their
-// tools match on.
+// by the caller, for checks whose line names a fixed file, line and function text.
 #ifndef SAL_ASSERT_H
 #define SAL_ASSERT_H
 
