@@ -51,13 +51,14 @@ private:
 };
 
 // A set filled by a TCP listener on 127.0.0.1, and clients that connect to it one after another.
-struct SetFixture : ::testing::Test {
+struct TarnConnectionSetTcp : ::testing::Test {
+    // Destroyed from the bottom up: the clients go before the recorders their threads call.
     Events events;
     std::atomic<int> deleted{0};
+    std::vector<std::unique_ptr<RecordingClient>> recorders;
     TARNConnectionSet set;
     TARNListener listener{eTransportTCP};
     std::vector<std::unique_ptr<TARNConnection>> clients;
-    std::vector<std::unique_ptr<RecordingClient>> recorders;
 
     void SetUp() override {
         ASSERT_TRUE(listener.bindAndListen("127.0.0.1", 0, new SetConnector(set, events, deleted)));
@@ -79,7 +80,7 @@ struct SetFixture : ::testing::Test {
     }
 };
 
-TEST_F(SetFixture, HandsEveryCallbackOnToTheServer) {
+TEST_F(TarnConnectionSetTcp, HandsEveryCallbackOnToTheServer) {
     connectClient();
     ASSERT_TRUE(clients[0]->subscribe("temperature"));
     EXPECT_TRUE(events.waitFor("server0:subscribe temperature", 5000))
@@ -87,7 +88,7 @@ TEST_F(SetFixture, HandsEveryCallbackOnToTheServer) {
     EXPECT_EQ(1u, set.size());
 }
 
-TEST_F(SetFixture, ReapDeletesOnlyTheConnectionsThatEnded) {
+TEST_F(TarnConnectionSetTcp, ReapDeletesOnlyTheConnectionsThatEnded) {
     connectClient();
     connectClient();
     clients[0]->disconnect();
@@ -99,7 +100,7 @@ TEST_F(SetFixture, ReapDeletesOnlyTheConnectionsThatEnded) {
     EXPECT_EQ(0, events.count("client1:disconnected"));
 }
 
-TEST_F(SetFixture, CloseAllDisconnectsAndDeletesEveryConnection) {
+TEST_F(TarnConnectionSetTcp, CloseAllDisconnectsAndDeletesEveryConnection) {
     connectClient();
     connectClient();
     set.closeAll();
