@@ -1,7 +1,5 @@
 #include "servercore.h"
 
-#include <chrono>
-#include <thread>
 
 namespace tarnpy {
 
@@ -219,20 +217,19 @@ bool ServerCore::listen(const std::string& host, std::uint16_t port, std::string
     if (!canBind(host, port, m_tcp, error)) {
         return false;
     }
+    // Bound and listening before this returns, so a client may connect at once: the port that
+    // listen() would report while its thread binds is not yet accepting.
     auto* listener = new TARNListener(m_tcp ? eTransportTCP : eTransportEUDP);
-    listener->listen(host, port, new Connector(m_hub));
+    auto* connector = new Connector(m_hub);
+    if (!listener->bindAndListen(host, port, connector)) {
+        delete connector;
+        delete listener;
+        error = "the address cannot be bound";
+        return false;
+    }
     {
         std::lock_guard<std::mutex> lock(m_listenerMutex);
         m_pListener = listener;
-    }
-    // The listener binds on its own thread; wait for the port it got.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (listener->getLocalPort() == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            error = "the listener did not bind within 10 s";
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     m_port = listener->getLocalPort();
     return true;
