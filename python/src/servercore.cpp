@@ -1,6 +1,5 @@
 #include "servercore.h"
 
-
 namespace tarnpy {
 
 class Session;
