@@ -284,8 +284,7 @@ TEST(EUDPSender, WaitUntilSentWaitsForTheAcknowledgement) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open());
     makeReliable(peer);
-    ASSERT_TRUE(send(*peer.server, "a"));
-    ASSERT_TRUE(send(*peer.server, "b"));
+    queueHeld(peer, 2, 10);
     EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
     EXPECT_FALSE(peer.server->waitUntilSent(300));  // sent, not acknowledged
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 1)));
