@@ -21,8 +21,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <memory>
 #include <new>
 
+#include <eudpcounters.h>
+#include <eudphardening.h>
 #include <eudppacket.h>
 #include <itarntransport.h>
 #include <logging/logging.h>
@@ -31,6 +34,9 @@
 #include <sal/timer.h>
 #include <sal/udpsocket.h>
 #include <tarn_export.h>
+#include <tarnstatistics.h>
+
+class EUDPAdmission;
 
 // A sequence number that wraps: 0 to 65534 with modulus 65535, signed arithmetic throughout, so a
 // negative operand stays negative ((0 - 1) % 65535 is -1). Relaxed atomics: the sender and receiver
@@ -215,6 +221,17 @@ public:
     // closed.
     bool waitUntilSent(int timeoutMs) const;
 
+    // What this end has done so far (tarnstatistics.h); any thread, any time.
+    EUDPStatistics getStatistics() const;
+
+    // Hardened mode (eudphardening.h): set before listen(), accept() or connect(). A listening
+    // transport hands its setting on to every transport it accepts. Off by default.
+    void setHardening(const EUDPHardening& hardening);
+    EUDPHardening getHardening() const;
+    bool isHardened() const { return m_bHardened.load(std::memory_order_relaxed); }
+    // A listening transport's record of what it accepted and refused (all zero on another).
+    TARNListenerStatistics getListenerStatistics() const;
+
 private:
     friend class EUDPTransportTest;
 
@@ -243,13 +260,31 @@ private:
 
     // One received datagram (`received` is what the receive returned), handled as the receiver
     // thread handles it, in whichever thread read it; false once the connection is over.
-    bool handleDatagram(EUDPPacket& packet, int received, uint16 fromPort);
+    bool handleDatagram(EUDPPacket& packet, int received, const sal::HostAddress& fromAddress,
+                        uint16 fromPort);
     // receiverThread's loop when the socket's readiness watch is there: the thread sleeps on the
     // watch, and reads whatever is waiting when it holds the reading turn.
     void receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet);
     // receiveData's wait while nothing is delivered: the caller takes the reading turn and reads
     // the socket itself.
     void readWhileWaiting();
+    // Hardened mode's checks (eudphardening.cpp). Each answers whether the datagram goes on.
+    // A connected transport: whether a datagram from address:port is its peer's (always, when not
+    // hardened); whether the receiver goes on after a receive of `received` (0 or less) bytes
+    // from address:port; the window that a WIN asking for `requested` sets.
+    bool takeFrom(const sal::HostAddress& address, uint16 port);
+    bool survivesEmptyOrError(int received, const sal::HostAddress& address, uint16 port);
+    std::uint32_t boundWindowRequest(std::uint32_t requested);
+    // The listening side: whether accept() goes on after a receive of 0 or less bytes; whether a
+    // CON from address:port may have a transport; handing the admission on to the new transport.
+    bool listenerSurvives(sal::UdpSocket* pSocket, int received);
+    bool admitConnection(const sal::HostAddress& address, uint16 port);
+    void handOnAdmission(EUDPTransport* pPeer, const sal::HostAddress& address);
+    void countListenerDrop(int kind);
+    // An accepted transport gives its place in the listener's counts back as its link ends.
+    void leaveAdmission();
+    void logHardenedDrop(EEUDPHardenedCause cause, std::uint64_t total, const sal::HostAddress* pFrom,
+                         uint16 fromPort);
 
     std::atomic<sal::UdpSocket*> m_pSocket;
     sal::HostAddress m_peerAddress;
@@ -305,6 +340,17 @@ private:
     // ends, and when the system refused a watch): a waiting caller reads only this one.
     sal::UdpSocket* m_pReadSocket{nullptr};
     std::atomic<bool> m_bReaderWaiting{false};  // a receiveData caller waits for the turn
+
+    // Statistics and hardened mode. m_pAdmission: the record of accepted and refused connections
+    // (every transport makes one; only a listening one fills it); an accepted transport shares its
+    // listener's instead and holds a place in it (m_bAdmitted) until its link ends.
+    EUDPCounters m_counters;
+    EUDPHardening m_hardening;  // set before the threads start, read by them
+    std::atomic<bool> m_bHardened;
+    std::shared_ptr<EUDPAdmission> m_pAdmission;
+    std::atomic<bool> m_bAdmitted;
+    sal::HostAddress m_admittedAddress;
+    std::atomic<std::int64_t> m_lastHardenedLog[EUDP_HARDENED_CAUSES];
 };
 
 #endif  // TARN_EUDPTRANSPORT_H

@@ -16,12 +16,14 @@
 #include <atomic>
 #include <string>
 
+#include <eudphardening.h>
 #include <itarntransport.h>
 #include <logging/logging.h>
 #include <parameterlist.h>
 #include <sal/thread.h>
 #include <sal/types.h>
 #include <tarn_export.h>
+#include <tarnstatistics.h>
 
 // What onStatusChanged reports: eConnected once the connection runs (after a successful connect,
 // or once the listener started an accepted one), eDisconnected once, from the receive thread, when
@@ -118,6 +120,13 @@ public:
     std::string getPeerAddress() const;
     uint16 getPeerPort() const;
     uint16 getLocalPort() const;
+
+    // What the transport has done so far; `transport` tells which part is filled (a transport of
+    // another kind, handed in by the application, leaves both at zero). Any thread, any time.
+    TARNConnectionStatistics getStatistics() const;
+    // Hardened mode for an EUDP connection (eudphardening.h); call before connect(). False, and
+    // nothing changed, when the transport is not EUDP.
+    bool setHardening(const EUDPHardening& hardening);
 
     // The receive loop; runs on the receive thread. Internal; applications do not call it.
     void run();

@@ -20,12 +20,15 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
+#include <eudphardening.h>
 #include <itarntransport.h>
 #include <sal/thread.h>
 #include <sal/types.h>
 #include <tarn_export.h>
+#include <tarnstatistics.h>
 
 class TARNConnection;
 class ITARNServer;
@@ -96,6 +99,15 @@ public:
     // that listened on port 0 learn the port the system chose.
     uint16 getLocalPort() const;
 
+    // Hardened mode for an EUDP listener (eudphardening.h): applied to its listening transport and
+    // to every transport it accepts, including the limits on connection requests. Call before
+    // listen() or bindAndListen(); ignored over TCP.
+    void setHardening(const EUDPHardening& hardening);
+    // Connections accepted so far and, over EUDP, those still live, the requests refused by cause
+    // and what else reached the listening socket (tarnstatistics.h). Any thread, any time; all zero
+    // before the accept thread has created its transport.
+    TARNListenerStatistics getStatistics() const;
+
 private:
     ETransport m_transportType;
     std::atomic<ITARNTransport*> m_pTransport;  // created by the thread, disconnected by shutdown
@@ -110,6 +122,8 @@ private:
     // Set by shutdownCallback, cleared by start(): lets a run that created its transport after a
     // shutdown had already looked for it close that transport itself instead of blocking in accept.
     std::atomic<bool> m_bShutdownRequested;
+    EUDPHardening m_hardening;  // set before listen(), read by the accept thread
+    std::atomic<std::uint64_t> m_accepted;
 };
 
 // Owns the connections a server accepted and deletes each safely: never from inside one of its own

@@ -8,11 +8,13 @@
 #define TARN_TCPTRANSPORT_H
 
 #include <atomic>
+#include <cstdint>
 
 #include <itarntransport.h>
 #include <sal/semaphore.h>
 #include <sal/tcpsocket.h>
 #include <tarn_export.h>
+#include <tarnstatistics.h>
 
 // The TCP transport (see the top of this file). TARNConnection(eTransportTCP) and the listener create
 // it; applications rarely need it by name.
@@ -39,11 +41,22 @@ public:
     uint16 getPeerPort() const override;
     uint16 getLocalPort() const override;
 
+    // Frames and bytes each way and oversize frames refused (tarnstatistics.h); any thread.
+    TCPStatistics getStatistics() const;
+
 private:
     sal::TcpSocket* m_pSocket;
     std::atomic<bool> m_bClosed;  // set by disconnect() on any thread, polled by the receiver
     sal::MutexSemaphore m_receiveMutex;
     sal::MutexSemaphore m_sendMutex;
+
+    // Statistics: the send side is written under m_sendMutex, the receive side under
+    // m_receiveMutex; relaxed atomics so that any thread may read them.
+    std::atomic<std::uint64_t> m_framesSent{0};
+    std::atomic<std::uint64_t> m_bytesSent{0};
+    std::atomic<std::uint64_t> m_framesReceived{0};
+    std::atomic<std::uint64_t> m_bytesReceived{0};
+    std::atomic<std::uint64_t> m_oversizeRefused{0};
 };
 
 #endif  // TARN_TCPTRANSPORT_H

@@ -56,12 +56,13 @@ void EUDPTransport::receiverThread() {
         while (!m_bClosed.load()) {
             int received =
                 pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
-            if (!handleDatagram(packet, received, fromPort)) {
+            if (!handleDatagram(packet, received, fromAddress, fromPort)) {
                 break;
             }
         }
     }
 
+    leaveAdmission();
     m_sendWakeSem.give();
     m_receiveSem.give();
 }
@@ -78,7 +79,7 @@ void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
         const bool bWoken = pSocket->waitReadable();
         std::lock_guard<std::mutex> lock(m_readLock);
         if (!bWoken) {
-            bOpen = handleDatagram(packet, -1, 0);  // a failed wait ends it like a failed receive
+            bOpen = handleDatagram(packet, -1, fromAddress, 0);  // a failed wait ends it like a failed receive
         }
         while (bOpen) {
             if (m_bClosed.load()) {
@@ -90,7 +91,7 @@ void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
             if (received == sal::UdpSocket::WOULD_BLOCK) {
                 break;
             }
-            bOpen = handleDatagram(packet, received, fromPort);
+            bOpen = handleDatagram(packet, received, fromAddress, fromPort);
             if (m_bReaderWaiting.load()) {
                 break;
             }
@@ -103,10 +104,14 @@ void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
     }
 }
 
-bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, uint16 fromPort) {
+bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, const sal::HostAddress& fromAddress,
+                                   uint16 fromPort) {
     // sal answers -1 once the socket is closed from another thread (disconnect, the final
     // timer, the destructor) and 0 for an empty datagram: both end the connection here.
     if (received <= 0) {
+        if (survivesEmptyOrError(received, fromAddress, fromPort)) {
+            return true;
+        }
         if (!m_bClosed.load()) {
             m_bClosed.store(true);
             if (m_sendAliveTimer.isRunning()) {
@@ -118,7 +123,11 @@ bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, uint16 from
         }
         return false;
     }
+    if (!takeFrom(fromAddress, fromPort)) {
+        return !m_bClosed.load();
+    }
     if (!packet.validatePacket(static_cast<std::uint32_t>(received))) {
+        m_counters.countInvalid();
         logLine(eWarning) << "dropping invalid packet";
         return !m_bClosed.load();
     }
@@ -127,8 +136,12 @@ bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, uint16 from
     resetTimers();
     std::uint32_t word = packet.getValue();
     std::int32_t seq = static_cast<std::int32_t>(word) % ModuloValue::MODULUS;
+    const EEUDPCommand command = packet.getCommand();
+    if (static_cast<unsigned int>(command) < EUDP_COMMAND_KINDS) {
+        m_counters.countReceived(command, static_cast<std::uint32_t>(received) - EUDPPacket::HEADER_LENGTH);
+    }
 
-    switch (packet.getCommand()) {
+    switch (command) {
         case NOP:
             break;
         case ACK:
@@ -151,7 +164,9 @@ bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, uint16 from
             m_modeSem.give();
             break;
         case WIN:
-            // Taken as it stands: 0 stops reliable sending, and nothing caps it at the ring.
+            // Taken as it stands: 0 stops reliable sending, and nothing caps it at the ring
+            // (unless hardened, which keeps it within 1 to 999).
+            word = boundWindowRequest(word);
             m_windowSize.store(word);
             sendPacket(WAK, word, 0);
             break;
@@ -179,6 +194,7 @@ void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
     }
     m_sendMutex.take();
     m_lastAcked.setFromWord(seq);
+    m_counters.countAcknowledged(seq);
     // Cumulative: everything up to the acknowledged number leaves the ring, sent or not.
     while (!m_sendBuffer.isEmpty()) {
         std::int32_t front =
@@ -223,6 +239,11 @@ void EUDPTransport::handlePeerDisconnect() {
 void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
     std::int32_t expected = m_receiveSeq.getValue();
     if (ModuloValue::distance(seq, expected) < 0) {
+        if (m_receiveMode.load() == eReliable) {
+            m_counters.countDuplicate();
+        } else {
+            m_counters.countLate();
+        }
         logLine(eDebug) << "received a duplicate packet - ACK and ignore";
         sendPacket(ACK, packet.getValue(), 0);
         return;
@@ -230,6 +251,7 @@ void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
 
     m_receiveMutex.take();
     if (m_receiveBuffer.isFull()) {
+        m_counters.countRingFull();
         logLine(eDebug) << "receive buffer is full (dropping packet)";
         m_receiveMutex.give();
         return;
@@ -249,6 +271,10 @@ void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
         }
     }
     // In realtime mode a gap is simply skipped: no line, no NAK, no acknowledgement.
+    const std::int32_t skipped = ModuloValue::distance(seq, m_receiveSeq.getValue());
+    if (skipped > 0) {
+        m_counters.countRealtimeGap(skipped);
+    }
     m_receiveSeq.setFromWord(seq + 1);
 
     const bool delivered = packet.m_length != EUDPPacket::HEADER_LENGTH;
@@ -345,7 +371,7 @@ void EUDPTransport::readWhileWaiting() {
     uint16 fromPort = 0;
     while (!m_bClosed.load() && m_receiveSem.getCount() == 0) {
         int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
-        if (!handleDatagram(packet, received, fromPort)) {
+        if (!handleDatagram(packet, received, fromAddress, fromPort)) {
             break;
         }
     }

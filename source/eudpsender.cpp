@@ -39,7 +39,11 @@ bool EUDPTransport::sendPacket(EEUDPCommand command, std::uint32_t value, uint16
         return false;
     }
     int sent = pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress, port);
-    return sent == static_cast<int>(packet.m_length);
+    if (sent != static_cast<int>(packet.m_length)) {
+        return false;
+    }
+    m_counters.countSentControl(command);
+    return true;
 }
 
 bool EUDPTransport::sendData(const uint8* data, uint length) {
@@ -90,6 +94,8 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
         if (pSocket != nullptr) {
             pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
                             m_peerPort.load());
+            m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
+                                     packet.m_length - EUDPPacket::HEADER_LENGTH, false);
         }
         m_sendMutex.give();
         return;
@@ -109,6 +115,7 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
         if (ModuloValue::distance(word, m_lastSent.getValue()) > 0 && pSocket != nullptr) {
             pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
                             m_peerPort.load());
+            m_counters.countSentData(word, packet.m_length - EUDPPacket::HEADER_LENGTH, true);
             m_unacked.fetch_add(1);
             m_lastSent.setFromWord(word);
         }
@@ -154,7 +161,8 @@ std::uint32_t firstAfter(RingBuffer<EUDPPacket>& ring, std::uint32_t count, std:
 // nothing was sent (everything queued is out, or the window is full).
 static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint32_t>& unacked,
                              const std::atomic<std::uint32_t>& windowSize, ModuloValue& lastSent,
-                             sal::UdpSocket* pSocket, const sal::HostAddress& address, uint16 port) {
+                             sal::UdpSocket* pSocket, const sal::HostAddress& address, uint16 port,
+                             EUDPCounters& counters) {
     if (static_cast<std::int32_t>(unacked.load()) >= static_cast<std::int32_t>(windowSize.load())) {
         return false;
     }
@@ -166,6 +174,7 @@ static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint
     EUDPPacket& packet = ring.at((ring.readIndex() + offset) % ring.m_capacity);
     const std::int32_t word = static_cast<std::int32_t>(packet.getValue());
     pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), address, port);
+    counters.countSentData(word, packet.m_length - EUDPPacket::HEADER_LENGTH, true);
     unacked.fetch_add(1);
     lastSent.setFromWord(word);
     return true;
@@ -198,7 +207,7 @@ void EUDPTransport::senderThread() {
         if (m_sendMode.load() == eReliable) {
             m_sendMutex.take();
             bool sent = sendNextReliable(m_sendBuffer, m_unacked, m_windowSize, m_lastSent, pSocket,
-                                         m_peerAddress, m_peerPort.load());
+                                         m_peerAddress, m_peerPort.load(), m_counters);
             m_sendMutex.give();
             if (!sent) {
                 int timedOut = m_ackSem.take(ACK_WAIT_MS);
@@ -221,6 +230,8 @@ void EUDPTransport::senderThread() {
                 // The slot stays untouched while the lock is held.
                 pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
                                 m_peerPort.load());
+                m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
+                                         packet.m_length - EUDPPacket::HEADER_LENGTH, false);
             }
             m_sendMutex.give();
         }

@@ -8,6 +8,8 @@
 #include <chrono>
 #include <new>
 
+#include "eudpadmission.h"
+
 using Corvane::Utilities::Logging::ELogLevel;
 using Corvane::Utilities::Logging::LogManager;
 using Corvane::Utilities::Logging::LogStream;
@@ -144,7 +146,13 @@ EUDPTransport::EUDPTransport()
       m_bTimersInitialised(false),
       m_log(LogManager::getInstance().getCategory("TARN")),
       m_bDestroying(false),
-      m_bSenderActive(false) {
+      m_bSenderActive(false),
+      m_bHardened(false),
+      m_pAdmission(std::make_shared<EUDPAdmission>()),
+      m_bAdmitted(false) {
+    for (std::atomic<std::int64_t>& last : m_lastHardenedLog) {
+        last.store(-1000, std::memory_order_relaxed);
+    }
     m_pSocket.store(newSocket());
     m_sender.m_pTransport = this;
     m_receiver.m_pTransport = this;
@@ -194,6 +202,7 @@ EUDPTransport::~EUDPTransport() {
 
     delete pSocket;
     m_pSocket.store(nullptr);
+    leaveAdmission();
 }
 
 LogStream EUDPTransport::logLine(ELogLevel level) const {
@@ -220,16 +229,24 @@ ITARNTransport* EUDPTransport::accept() {
         }
         int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
         if (received <= 0) {
+            if (listenerSurvives(pSocket, received)) {
+                continue;
+            }
             return nullptr;
         }
         if (!packet.validatePacket(static_cast<std::uint32_t>(received))) {
+            countListenerDrop(EUDPAdmission::eDropInvalid);
             logLine(Corvane::Utilities::Logging::eWarning) << "discarding invalid packet";
             continue;
         }
         if (packet.getCommand() != CON) {
+            countListenerDrop(EUDPAdmission::eDropNonCon);
             logLine(Corvane::Utilities::Logging::eWarning)
                 << "received a non-CON packet without a connection (ignoring)";
             continue;
+        }
+        if (!admitConnection(fromAddress, fromPort)) {
+            continue;  // no ACK, nothing created
         }
 
         std::uint32_t value = packet.getValue();
@@ -237,6 +254,7 @@ ITARNTransport* EUDPTransport::accept() {
         if (pPeer == nullptr) {
             return nullptr;
         }
+        handOnAdmission(pPeer, fromAddress);
         pPeer->m_receiveSeq.setFromWord(static_cast<std::int32_t>(value + 1u));
         pPeer->m_reserved = 0;
         // The new object's socket is unbound: this first send gives it the ephemeral port that

@@ -281,6 +281,27 @@ uint16 TARNConnection::getLocalPort() const {
     return (m_pTransport != nullptr) ? m_pTransport->getLocalPort() : 0;
 }
 
+TARNConnectionStatistics TARNConnection::getStatistics() const {
+    TARNConnectionStatistics out;
+    if (const EUDPTransport* eudp = dynamic_cast<const EUDPTransport*>(m_pTransport)) {
+        out.transport = eTransportEUDP;
+        out.eudp = eudp->getStatistics();
+    } else if (const TCPTransport* tcp = dynamic_cast<const TCPTransport*>(m_pTransport)) {
+        out.transport = eTransportTCP;
+        out.tcp = tcp->getStatistics();
+    }
+    return out;
+}
+
+bool TARNConnection::setHardening(const EUDPHardening& hardening) {
+    EUDPTransport* eudp = dynamic_cast<EUDPTransport*>(m_pTransport);
+    if (eudp == nullptr) {
+        return false;
+    }
+    eudp->setHardening(hardening);
+    return true;
+}
+
 // One packet for the life of the loop: the transport writes each message straight into its buffer.
 void TARNConnection::run() {
     TARNPacket packet;

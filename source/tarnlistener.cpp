@@ -46,7 +46,9 @@ TARNListener::TARNListener(ETransport transport)
       m_pConnector(nullptr),
       m_bRunning(false),
       m_pThread(nullptr),
-      m_bShutdownRequested(false) {}
+      m_bShutdownRequested(false),
+      m_hardening(),
+      m_accepted(0) {}
 
 // The listening transport stays behind, disconnected: the listener deliberately never deletes it.
 TARNListener::~TARNListener() {
@@ -78,7 +80,9 @@ bool TARNListener::bindAndListen(const std::string& address, uint16 port, ITARNC
     if (m_transportType == eTransportTCP) {
         transport = new TCPTransport();
     } else if (m_transportType == eTransportEUDP) {
-        transport = new EUDPTransport();
+        EUDPTransport* eudp = new EUDPTransport();
+        eudp->setHardening(m_hardening);
+        transport = eudp;
     } else {
         return false;
     }
@@ -141,14 +145,31 @@ uint16 TARNListener::getLocalPort() const {
     return (transport != nullptr) ? transport->getLocalPort() : 0;
 }
 
+void TARNListener::setHardening(const EUDPHardening& hardening) {
+    m_hardening = hardening;
+}
+
+TARNListenerStatistics TARNListener::getStatistics() const {
+    TARNListenerStatistics out;
+    const EUDPTransport* eudp = dynamic_cast<const EUDPTransport*>(m_pTransport.load());
+    if (eudp != nullptr) {
+        out = eudp->getListenerStatistics();
+    }
+    out.accepted = m_accepted.load(std::memory_order_relaxed);
+    return out;
+}
+
 void TARNListener::run() {
     ITARNTransport* transport = m_pBound.exchange(nullptr);  // bound by bindAndListen, if any
     const bool bound = transport != nullptr;
     if (!bound) {
         switch (m_transportType) {
-            case eTransportEUDP:
-                transport = new EUDPTransport();
+            case eTransportEUDP: {
+                EUDPTransport* eudp = new EUDPTransport();
+                eudp->setHardening(m_hardening);
+                transport = eudp;
                 break;
+            }
             case eTransportTCP:
                 transport = new TCPTransport();
                 break;
@@ -186,6 +207,7 @@ void TARNListener::run() {
         }
         // The connector sees the connection before its thread runs and before it reports
         // eConnected, so a server attached there gets every command from the first on.
+        m_accepted.fetch_add(1, std::memory_order_relaxed);
         TARNConnection* const connection = new TARNConnection(accepted);
         m_pConnector->onNewConnection(connection);
         connection->start();

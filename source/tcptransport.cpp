@@ -120,7 +120,12 @@ bool TCPTransport::sendData(const uint8* data, uint length) {
     if (m_pSocket->send(header, 2) != 2) {
         return false;
     }
-    return m_pSocket->send(data, length16) == static_cast<int>(length16);
+    if (m_pSocket->send(data, length16) != static_cast<int>(length16)) {
+        return false;
+    }
+    m_framesSent.fetch_add(1, std::memory_order_relaxed);
+    m_bytesSent.fetch_add(2u + length16, std::memory_order_relaxed);
+    return true;
 }
 
 int TCPTransport::receiveData(uint8* buffer, uint bufferSize) {
@@ -140,6 +145,7 @@ int TCPTransport::receiveData(uint8* buffer, uint bufferSize) {
         // A read of 1 byte is taken as a whole length; no second read is made for the other byte.
         const uint16 length = tarn::loadLe16(lengthBytes);
         if (length > bufferSize) {
+            m_oversizeRefused.fetch_add(1, std::memory_order_relaxed);
             return -1;  // the frame stays unread on the stream
         }
 
@@ -153,6 +159,8 @@ int TCPTransport::receiveData(uint8* buffer, uint bufferSize) {
             received += r;
             // Only a body that one receive call delivered whole counts as a message.
             if (r == static_cast<int>(length)) {
+                m_framesReceived.fetch_add(1, std::memory_order_relaxed);
+                m_bytesReceived.fetch_add(2u + length, std::memory_order_relaxed);
                 return static_cast<int>(length);
             }
         }
@@ -162,6 +170,16 @@ int TCPTransport::receiveData(uint8* buffer, uint bufferSize) {
             return r;
         }
     }
+}
+
+TCPStatistics TCPTransport::getStatistics() const {
+    TCPStatistics out;
+    out.framesSent = m_framesSent.load(std::memory_order_relaxed);
+    out.bytesSent = m_bytesSent.load(std::memory_order_relaxed);
+    out.framesReceived = m_framesReceived.load(std::memory_order_relaxed);
+    out.bytesReceived = m_bytesReceived.load(std::memory_order_relaxed);
+    out.oversizeRefused = m_oversizeRefused.load(std::memory_order_relaxed);
+    return out;
 }
 
 sal::HostAddress TCPTransport::getPeerAddress() const {

@@ -233,6 +233,7 @@ TestServer::~TestServer() {
 
 uint16 TestServer::start(const std::string& address) {
     m_pListener = new TARNListener(m_kind);
+    m_pListener->setHardening(hardening);
     m_pListener->listen(address, 0, new Connector(m_accepted));
     waitUntil([&] { return m_pListener->getLocalPort() != 0; }, 10000);
     m_port = m_pListener->getLocalPort();

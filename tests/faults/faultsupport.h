@@ -121,6 +121,9 @@ public:
     uint16 port() const { return m_port; }
     Accepted& accepted() { return m_accepted; }
     void stop();
+    TARNListener* listener() const { return m_pListener; }
+    // Applied to the listener by start(); off unless set before.
+    EUDPHardening hardening;
 
 private:
     ETransport m_kind;
