@@ -249,9 +249,13 @@ void TestServer::stop() {
 }
 
 std::unique_ptr<TARNConnection> connectWithRetry(ETransport kind, uint16 port, ITARNClient* client,
-                                                 int attempts, int* attemptsUsed) {
+                                                 int attempts, int* attemptsUsed,
+                                                 const EUDPHardening* hardening) {
     for (int attempt = 1; attempt <= attempts; ++attempt) {
         std::unique_ptr<TARNConnection> connection(new TARNConnection(kind));
+        if (hardening != nullptr) {
+            connection->setHardening(*hardening);
+        }
         if (connection->connect("127.0.0.1", port, client)) {
             if (attemptsUsed != nullptr) {
                 *attemptsUsed = attempt;

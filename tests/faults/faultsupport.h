@@ -135,8 +135,10 @@ private:
 // Connects a fresh connection, up to `attempts` times: CON is never resent by EUDP, so an
 // application on a lossy network tries again. A failed attempt's connection is disconnected and
 // deleted. Null when every attempt failed.
+// With `hardening`, an EUDP connection is hardened before it connects.
 std::unique_ptr<TARNConnection> connectWithRetry(ETransport kind, uint16 port, ITARNClient* client,
-                                                 int attempts, int* attemptsUsed = nullptr);
+                                                 int attempts, int* attemptsUsed = nullptr,
+                                                 const EUDPHardening* hardening = nullptr);
 // Repeats a request (a mode or window negotiation) until it succeeds; false after `attempts`.
 bool retry(const std::function<bool()>& request, int attempts, int* attemptsUsed = nullptr);
 // Disconnects a client connection, waits for its eDisconnected, deletes it.

@@ -156,8 +156,9 @@ struct Generation {
     SeqServer* recorder = nullptr;
 };
 
-bool establish(TestServer& server, Generation& generation) {
-    generation.connection = connectWithRetry(eTransportEUDP, server.port(), &generation.client, 3);
+bool establish(TestServer& server, Generation& generation, const EUDPHardening* hardening) {
+    generation.connection =
+        connectWithRetry(eTransportEUDP, server.port(), &generation.client, 3, nullptr, hardening);
     if (!generation.connection) {
         return false;
     }
@@ -178,7 +179,7 @@ bool establish(TestServer& server, Generation& generation) {
 
 }  // namespace
 
-HostileReport runHostile(int seconds, std::uint32_t seed) {
+HostileReport runHostile(int seconds, std::uint32_t seed, bool hardened) {
     namespace Log = Corvane::Utilities::Logging;
     HostileReport report;
     std::atomic<std::uint64_t> warnings{0};
@@ -191,6 +192,10 @@ HostileReport runHostile(int seconds, std::uint32_t seed) {
 
     TestServer tcpServer(eTransportTCP);
     TestServer eudpServer(eTransportEUDP);
+    const EUDPHardening hardening = EUDPHardening::on();
+    if (hardened) {
+        eudpServer.hardening = hardening;
+    }
     if (tcpServer.start() == 0 || eudpServer.start() == 0) {
         Log::LogManager::getInstance().setSink(Log::LogSink());
         return report;
@@ -217,7 +222,7 @@ HostileReport runHostile(int seconds, std::uint32_t seed) {
     std::thread eudpGood([&] {
         while (!stop) {
             Generation generation;
-            if (!establish(eudpServer, generation)) {
+            if (!establish(eudpServer, generation, hardened ? &hardening : nullptr)) {
                 if (generation.connection) {
                     closeClient(generation.connection, generation.client);
                 }
@@ -276,7 +281,7 @@ HostileReport runHostile(int seconds, std::uint32_t seed) {
             const bool connectRequest = aim == 0 && generator.below(1000) < 6;
             Bytes datagram =
                 fatal && generator.chance(30) ? Bytes() : generator.datagram(fatal, connectRequest);
-            if (datagram.empty() && port == eudpServer.port()) {
+            if (datagram.empty() && port == eudpServer.port() && !hardened) {
                 // An empty datagram on the listening port ends the listener for good (its accept
                 // fails, and the leaked listening transport keeps the port): a test of its own.
                 datagram.push_back(2);
@@ -335,6 +340,16 @@ HostileReport runHostile(int seconds, std::uint32_t seed) {
     }
     closeClient(tcpConnection, tcpClient);
     report.tcpDisconnects = tcpClient.disconnects() - 1;  // the one of our own disconnect
+    {
+        SeqClient fresh;
+        std::unique_ptr<TARNConnection> after = connectWithRetry(eTransportEUDP, eudpServer.port(), &fresh, 1,
+                                                                 nullptr, hardened ? &hardening : nullptr);
+        report.servingAfterwards = after != nullptr;
+        if (after) {
+            closeClient(after, fresh);
+        }
+    }
+    report.eudpListener = eudpServer.listener()->getStatistics();
     tcpServer.stop();
     eudpServer.stop();
     tcpServer.accepted().closeAll();
@@ -360,7 +375,11 @@ std::string describe(const HostileReport& report) {
         << " closed by strangers, " << report.eudpStalls << " stalled); at most "
         << report.mostServerConnections << " live server connections; resident " << first / 1024
         << " MiB at first, at most " << most / 1024 << " MiB; " << report.warnings << " warnings and "
-        << report.errors << " errors logged";
+        << report.errors << " errors logged; EUDP listener: " << report.eudpListener.accepted << " accepted, "
+        << report.eudpListener.emptyReceived << " empty and " << report.eudpListener.invalidReceived
+        << " invalid datagrams, " << report.eudpListener.refused[eRefusedRateLimit]
+        << " refused by rate; a fresh client " << (report.servingAfterwards ? "connected" : "did not connect")
+        << " afterwards";
     return out.str();
 }
 

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <tarnstatistics.h>
+
 namespace faults {
 
 struct HostileReport {
@@ -32,9 +34,13 @@ struct HostileReport {
     std::size_t mostServerConnections = 0;  // live accepted connections, largest seen
     std::uint64_t warnings = 0;             // log lines the library wrote (counted, not kept)
     std::uint64_t errors = 0;
+    bool servingAfterwards = false;       // a fresh EUDP client connected once the run was over
+    TARNListenerStatistics eudpListener;  // the EUDP listener's figures at the end
 };
 
-HostileReport runHostile(int seconds, std::uint32_t seed);
+// With `hardened`, the EUDP server and the well-behaved EUDP client run in hardened mode, and empty
+// datagrams go to the listening port too.
+HostileReport runHostile(int seconds, std::uint32_t seed, bool hardened = false);
 
 std::string describe(const HostileReport& report);
 

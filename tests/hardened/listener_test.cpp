@@ -14,6 +14,7 @@
 #include <tarnlistener.h>
 
 #include "faultsupport.h"
+#include "flood.h"
 #include "testsupport.h"
 
 using faults::TestServer;
@@ -22,38 +23,6 @@ using testsupport::eudpDatagram;
 using testsupport::waitUntil;
 
 namespace {
-
-#if defined(__SANITIZE_THREAD__)
-constexpr long kSanitizerMemoryFactor = 16;
-#elif defined(__SANITIZE_ADDRESS__)
-constexpr long kSanitizerMemoryFactor = 4;
-#else
-constexpr long kSanitizerMemoryFactor = 1;
-#endif
-
-class NullClient : public ITARNClient {
-public:
-    void onTrigger(const std::string&, const ParameterValue&) override {}
-    void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatusChanged(EConnStatus) override {}
-};
-
-// A client whose socket is bound to `address` (another loopback address than the flood's).
-bool connectFrom(const std::string& address, uint16 port, bool hardened = false) {
-    EUDPTransport* transport = new EUDPTransport;
-    if (!transport->listen(sal::HostAddress(address), 0)) {
-        delete transport;
-        return false;
-    }
-    if (hardened) {
-        transport->setHardening(EUDPHardening::on());
-    }
-    NullClient client;
-    TARNConnection connection(transport);
-    const bool connected = connection.connect("127.0.0.1", port, &client) && connection.subscribe("x");
-    connection.disconnect();
-    return connected;
-}
 
 // ACKs that reach `raw` within `ms`.
 int acksWithin(testsupport::RawUdp& raw, int ms) {
@@ -110,7 +79,7 @@ TEST(HardenedListener, SurvivesWhatStopsADefaultListenerAndStillAccepts) {
     EXPECT_EQ(2u, figures.emptyReceived);
     EXPECT_TRUE(figures.hardened);
 
-    NullClient client;
+    hardened::NullClient client;
     TARNConnection connection(eTransportEUDP);
     ASSERT_TRUE(connection.connect("127.0.0.1", server.port(), &client));
     EXPECT_TRUE(waitUntil([&] { return server.accepted().count() == 1; }, 5000));
@@ -131,7 +100,7 @@ TEST(HardenedListener, PerSourceLimitRefusesWithoutAnAckAndOtherAddressesStillCo
         [&] { return server.listener()->getStatistics().refused[eRefusedPerSourceLimit] == 1; }, 5000));
     EXPECT_EQ(2u, server.accepted().count());
     EXPECT_EQ(2u, server.listener()->getStatistics().live);
-    EXPECT_TRUE(connectFrom("127.0.0.2", server.port()));
+    EXPECT_TRUE(hardened::connectFrom("127.0.0.2", server.port()));
     EXPECT_EQ(3u, server.listener()->getStatistics().accepted);
 }
 
@@ -155,7 +124,7 @@ TEST(HardenedListener, TotalLimitCountsLiveConnectionsOnly) {
     TestServer server(eTransportEUDP);
     server.hardening = limits(1, 0, 0);
     ASSERT_NE(0, server.start());
-    NullClient client;
+    hardened::NullClient client;
     auto first = std::make_unique<TARNConnection>(eTransportEUDP);
     ASSERT_TRUE(first->connect("127.0.0.1", server.port(), &client));
     testsupport::RawUdp raw;
@@ -175,69 +144,10 @@ TEST(HardenedListener, HardenedAndDefaultEndsTalk) {
             server.hardening = EUDPHardening::on();
         }
         ASSERT_NE(0, server.start());
-        EXPECT_TRUE(connectFrom("127.0.0.1", server.port(), !serverHardened));
+        EXPECT_TRUE(hardened::connectFrom("127.0.0.1", server.port(), !serverHardened));
     }
 }
 
-// 10 000 CONs from one raw socket, as fast as it sends, while a client from 127.0.0.2 connects.
 TEST(HardenedListener, FloodOfTenThousandConsStaysWithinTheBound) {
-    const int kFlood = 10000;
-    TestServer server(eTransportEUDP);
-    server.hardening = EUDPHardening::on();
-    ASSERT_NE(0, server.start());
-    const long baseKb = faults::residentKb();
-    const int baseThreads = faults::ownThreadCount();
-
-    std::atomic<int> sent{0};
-    std::thread flood([&] {
-        testsupport::RawUdp raw;
-        for (int i = 0; i < kFlood; ++i) {
-            if (raw.sendTo(eudpDatagram("CON", static_cast<std::uint32_t>(i)), server.port())) {
-                ++sent;
-            }
-        }
-    });
-    ASSERT_TRUE(waitUntil([&] { return sent.load() >= 2000; }, 30000));
-    const std::int64_t start = testsupport::nowMs();
-    const bool connected = connectFrom("127.0.0.2", server.port());
-    const std::int64_t connectMs = testsupport::nowMs() - start;
-    const int sentWhenConnected = sent.load();
-    flood.join();
-    EXPECT_TRUE(connected) << "after " << connectMs << " ms, " << sentWhenConnected << " CONs sent";
-    EXPECT_EQ(kFlood, sent.load());
-
-    // Let the listener work through what the socket still holds.
-    std::uint64_t last = 0;
-    waitUntil(
-        [&] {
-            const TARNListenerStatistics f = server.listener()->getStatistics();
-            const std::uint64_t seen = f.accepted + f.refused[0] + f.refused[1] + f.refused[2];
-            const bool settled = seen == last;
-            last = seen;
-            if (!settled) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            }
-            return settled;
-        },
-        30000);
-    const long peakKb = faults::residentKb();
-    const int peakThreads = faults::ownThreadCount();
-    const TARNListenerStatistics figures = server.listener()->getStatistics();
-    const EUDPHardening defaults;
-    EXPECT_LE(figures.live, defaults.maxPerSource + 1);
-    EXPECT_LE(peakThreads - baseThreads, 3 * static_cast<int>(defaults.maxPerSource + 1));
-    EXPECT_LT(peakKb - baseKb, 16 * 1024 * kSanitizerMemoryFactor) << "KiB";
-    EXPECT_GT(figures.refused[eRefusedRateLimit] + figures.refused[eRefusedPerSourceLimit], 0u);
-
-    std::ostringstream out;
-    out << kFlood << " EUDP CONs from one raw socket at a hardened listener: " << figures.accepted
-        << " accepted (the client from 127.0.0.2 among them), " << figures.refused[eRefusedRateLimit]
-        << " refused by rate, " << figures.refused[eRefusedPerSourceLimit] << " by the per-address limit, "
-        << (kFlood -
-            static_cast<long>(figures.accepted - (connected ? 1 : 0) + figures.refused[eRefusedRateLimit] +
-                              figures.refused[eRefusedPerSourceLimit]))
-        << " lost in the socket; peak " << (peakKb - baseKb) << " KiB resident and "
-        << peakThreads - baseThreads << " threads above the start; a client from 127.0.0.2 connected in "
-        << connectMs << " ms";
-    faults::figure(out.str());
+    faults::figure(hardened::flood(true, 10000));
 }
