@@ -34,6 +34,7 @@ void ClientSession::createConnection() {
         m_pEudp = new EUDPTransport();
         m_pEudp->allowSendMode(m_allow[0], m_allow[1]);
         m_pEudp->allowReceiveMode(m_allow[2], m_allow[3]);
+        m_pEudp->setHardening(m_hardening);
         m_pConnection = new TARNConnection(m_pEudp);
     } else if (m_kind == kTransportTls) {
         m_pTls = newTlsClientTransport(m_tlsHost);

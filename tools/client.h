@@ -36,6 +36,13 @@ public:
 
     // EUDP only: the modes this side agrees to when the server asks; kept for every connect.
     void allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime, bool receiveReliable);
+    // EUDP only: hardened mode for every connect (eudphardening.h).
+    void setHardening(const EUDPHardening& hardening) {
+        m_hardening = hardening;
+        if (m_pEudp != nullptr) {
+            m_pEudp->setHardening(hardening);
+        }
+    }
 
     // Resolves the host first, so that a name that does not resolve is told apart from a server
     // that does not answer. On success the Connected event is queued before this returns. May be
@@ -76,6 +83,7 @@ private:
     bool m_bConnected = false;
     bool m_bTried = false;
     bool m_allow[4] = {true, true, true, true};  // send realtime, send reliable, receive ...
+    EUDPHardening m_hardening;
     std::atomic<bool> m_bClosing{false};         // close() has begun: an end now is this side's
 };
 

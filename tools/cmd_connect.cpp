@@ -1,5 +1,6 @@
 // tarn connect: an interactive client; commands on standard input, arrivals on standard output.
 #include "commands.h"
+#include "hardening.h"
 #include "report.h"
 #include "shells.h"
 
@@ -43,7 +44,13 @@ int runConnect(const std::vector<std::string>& args) {
 
     Printer printer(formatOf(parsed));
     EventQueue queue;
+    EUDPHardening hardening;
+    status = parseHardening("connect", parsed, target.kind, hardening);
+    if (status != kExitOk) {
+        return status;
+    }
     ClientSession session(target.kind, queue);
+    session.setHardening(hardening);
     session.allowModes(allow[0], allow[1], allow[2], allow[3]);
     status = connectClient(session, target);
     if (status != kExitOk) {

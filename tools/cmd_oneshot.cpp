@@ -2,6 +2,7 @@
 #include <limits>
 
 #include "commands.h"
+#include "hardening.h"
 #include "report.h"
 
 namespace tarncli {
@@ -36,7 +37,13 @@ int runCall(const std::vector<std::string>& args) {
     fillList(params, list);
 
     EventQueue queue;
+    EUDPHardening hardening;
+    status = parseHardening("call", parsed, target.kind, hardening);
+    if (status != kExitOk) {
+        return status;
+    }
     ClientSession session(target.kind, queue);
+    session.setHardening(hardening);
     status = connectClient(session, target);
     if (status != kExitOk) {
         return status == kInterrupted ? kExitOk : status;
@@ -139,7 +146,13 @@ int runSub(const std::vector<std::string>& args) {
 
     Printer printer(formatOf(parsed));
     EventQueue queue;
+    EUDPHardening hardening;
+    status = parseHardening("sub", parsed, target.kind, hardening);
+    if (status != kExitOk) {
+        return status;
+    }
     ClientSession session(target.kind, queue);
+    session.setHardening(hardening);
     status = connectClient(session, target);
     if (status != kExitOk) {
         return status == kInterrupted ? kExitOk : status;

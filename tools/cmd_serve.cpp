@@ -1,6 +1,7 @@
 // tarn serve: a TARN server with a table of named states, driven from standard input.
 #include "client.h"
 #include "commands.h"
+#include "hardening.h"
 #include "report.h"
 #include "shells.h"
 #include "tls_options.h"
@@ -59,10 +60,17 @@ int runServe(const std::vector<std::string>& args) {
         bind = bind.substr(1, bind.size() - 2);  // [::1] as well as ::1
     }
 
+    EUDPHardening hardening;
+    status = parseHardening("serve", parsed, kind, hardening);
+    if (status != kExitOk) {
+        return status;
+    }
+
     Printer printer(formatOf(parsed));
     EventQueue queue;
     StateServer server(kind, queue);
     server.allowModes(allow[0], allow[1], allow[2], allow[3]);
+    server.setHardening(hardening);
     switch (server.listen(bind, port)) {
         case StateServer::ListenResult::BadAddress:
             printError("unknown bind address '" + bind + "'");

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "tls_options.h"
+#include "hardening.h"
 
 namespace tarncli {
 
@@ -271,6 +272,7 @@ std::vector<CommandEntry> makeCommands() {
     std::vector<CommandEntry> commands = {makeDemo(),   makeServe(),  makeConnect(), makeCall(), makeSub(),
                                           makeImpair(), makeBridge(), makeVersion(), makeHelp()};
     addTlsOptions(commands);
+    addHardening(commands);
     return commands;
 }
 

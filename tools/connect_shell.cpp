@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "commandtable.h"
+#include "hardening.h"
 #include "report.h"
 #include "shells.h"
 
@@ -26,6 +27,8 @@ bool ConnectShell::execute(const std::string& line) {
         mode(words);
     } else if (command == "window") {
         window(words);
+    } else if (command == "stats") {
+        stats(words);
     } else if (command == "quit" || command == "exit") {
         return false;
     } else if (command == "help") {
@@ -111,6 +114,19 @@ void ConnectShell::window(const std::vector<Token>& words) {
     }
     m_printer.line(windowLine(size, ok, outcome, m_printer.format()));
     m_bFailed = m_bFailed || !ok;
+}
+
+void ConnectShell::stats(const std::vector<Token>& words) {
+    if (words.size() != 1) {
+        fail("stats takes no arguments");
+        return;
+    }
+    TARNConnection* connection = m_session.connection();
+    if (connection == nullptr) {
+        fail("not connected");
+        return;
+    }
+    printConnectionStats(m_printer, 0, connection->getStatistics());
 }
 
 }  // namespace tarncli

@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "commandtable.h"
+#include "hardening.h"
 #include "report.h"
 #include "shells.h"
 
@@ -30,6 +31,8 @@ bool ServeShell::execute(const std::string& line) {
         mode(words);
     } else if (command == "window") {
         window(words);
+    } else if (command == "stats") {
+        stats(words);
     } else if (command == "quit" || command == "exit") {
         return false;
     } else if (command == "help") {
@@ -165,6 +168,28 @@ void ServeShell::window(const std::vector<Token>& words) {
                                     : "refused: tcp has no window";
     }
     m_printer.line(windowLine(size, ok, outcome, m_printer.format(), id));
+}
+
+void ServeShell::stats(const std::vector<Token>& words) {
+    if (words.size() > 2) {
+        printError("stats takes at most one connection number");
+        return;
+    }
+    if (words.size() == 2) {
+        int id = 0;
+        TARNConnection* connection = target(words[1], id);
+        if (connection) {
+            printConnectionStats(m_printer, id, connection->getStatistics());
+        }
+        return;
+    }
+    printListenerStats(m_printer, m_server.listenerStatistics(), m_server.kind());
+    for (const StateServer::ConnectionInfo& info : m_server.connections()) {
+        TARNConnection* connection = m_server.connection(info.id);
+        if (connection) {
+            printConnectionStats(m_printer, info.id, connection->getStatistics());
+        }
+    }
 }
 
 void ServeShell::report(const Event& event) {

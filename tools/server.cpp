@@ -117,7 +117,9 @@ StateServer::ListenResult StateServer::listen(const std::string& address, std::u
     m_address = host.getAddressString();
     ITARNTransport* listening = nullptr;
     if (m_kind == eTransportEUDP) {
-        listening = new EUDPTransport();
+        EUDPTransport* eudp = new EUDPTransport();
+        eudp->setHardening(m_hardening);
+        listening = eudp;
     } else if (m_kind == kTransportTls) {
         listening = newTlsListeningTransport();
     } else {
@@ -130,6 +132,17 @@ StateServer::ListenResult StateServer::listen(const std::string& address, std::u
     m_pListening = listening;
     m_acceptor = std::thread(&StateServer::acceptLoop, this);
     return ListenResult::Listening;
+}
+
+TARNListenerStatistics StateServer::listenerStatistics() const {
+    TARNListenerStatistics out;
+    if (m_kind == eTransportEUDP && m_pListening) {
+        out = static_cast<const EUDPTransport*>(m_pListening)->getListenerStatistics();
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    out.accepted = static_cast<std::uint64_t>(m_nextId - 1);
+    out.live = static_cast<std::uint32_t>(m_sessions.size());
+    return out;
 }
 
 std::uint16_t StateServer::port() const {

@@ -49,6 +49,11 @@ public:
 
     // Before listen, EUDP only: the modes each accepted connection agrees to when its client asks.
     void allowModes(bool sendRealtime, bool sendReliable, bool receiveRealtime, bool receiveReliable);
+    // EUDP: hardened mode for the listening transport and every connection it accepts; before listen.
+    void setHardening(const EUDPHardening& hardening) { m_hardening = hardening; }
+    // Accepted, live and refused connections: the listening transport's figures over EUDP, this
+    // server's own count over TCP. Any thread.
+    TARNListenerStatistics listenerStatistics() const;
 
     // Binds address:port and starts accepting. `address` empty means every interface.
     ListenResult listen(const std::string& address, std::uint16_t port);
@@ -117,6 +122,7 @@ private:
     mutable std::mutex m_mutex;  // guards m_sessions and m_nextId
     std::map<int, std::unique_ptr<Session>> m_sessions;
     int m_nextId = 1;
+    EUDPHardening m_hardening;
 
     std::map<std::string, ParameterValue> m_states;  // main thread only
     std::list<std::future<void>> m_closing;          // main thread only: ended connections going

@@ -43,6 +43,7 @@ private:
     void list();
     void mode(const std::vector<Token>& words);
     void window(const std::vector<Token>& words);
+    void stats(const std::vector<Token>& words);
     // The connection a request names, or null after printing why there is none.
     TARNConnection* target(const Token& word, int& id);
 
@@ -67,6 +68,7 @@ private:
     void call(const std::vector<Token>& words);
     void mode(const std::vector<Token>& words);
     void window(const std::vector<Token>& words);
+    void stats(const std::vector<Token>& words);
     void fail(const std::string& message);
 
     ClientSession& m_session;

@@ -106,7 +106,7 @@ TEST_P(CliConnect, BadLinesAreReportedAndTheSessionGoesOn) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"frob",
          "unknown command 'frob'; commands: sub NAME | unsub NAME | call FID [ARG...] | mode send MODE | "
-         "mode receive MODE | window N | quit"},
+         "mode receive MODE | window N | stats | quit"},
         {"sub", "sub needs one NAME"},
         {"unsub a b", "unsub needs one NAME"},
         {"call", "call needs a function FID"},

@@ -128,10 +128,9 @@ TEST(CliDocs, CompletionCompletesCommandsOptionsAndValues) {
     EXPECT_EQ(complete({"tarn", "b"}), "bridge");
     EXPECT_EQ(complete({"tarn", "bridge", "--t"}), "--topic-root --tls-insecure");
     EXPECT_EQ(complete({"tarn", "bridge", "--device", "lab=127.0.0.1:5555", "--qos", ""}), "0 1 2");
-    EXPECT_EQ(
-        complete({"tarn", "call", "-"}),
-        "--tcp --eudp --reliable -r --wait -w --tls --cert --key --ca --insecure --help -h --version -V "
-        "--log-level");
+    EXPECT_EQ(complete({"tarn", "call", "-"}),
+              "--tcp --eudp --reliable -r --wait -w --tls --cert --key --ca --insecure --hardened --help -h "
+              "--version -V --log-level");
 }
 
 namespace {

@@ -249,7 +249,7 @@ namespace {
 
 const std::string kServeCommands =
     "commands: set NAME VALUE | set NAME[:t]=TEXT | trigger NAME VALUE | trigger NAME[:t]=TEXT | list | "
-    "mode CONN send MODE | mode CONN receive MODE | window CONN N | quit";
+    "mode CONN send MODE | mode CONN receive MODE | window CONN N | stats [CONN] | quit";
 
 }  // namespace
 
