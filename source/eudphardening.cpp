@@ -13,8 +13,13 @@ const std::int64_t LOG_INTERVAL_MS = 1000;
 const std::uint32_t MIN_WINDOW = 1;
 const std::uint32_t MAX_WINDOW = EUDPTransport::RING_CAPACITY - 1;  // the ring holds 999
 
-// The table key of a source: its 16 address bytes (IPv4 in mapped form) and zone.
+// The table key of a source: an IPv4 address's 4 bytes (short enough to need no allocation, so a
+// flood from IPv4 sources allocates nothing per request), otherwise the 16 address bytes and zone.
 std::string sourceKey(const sal::HostAddress& address) {
+    if (address.isIPv4()) {
+        const std::uint32_t ipv4 = address.toUint32();
+        return std::string(reinterpret_cast<const char*>(&ipv4), sizeof ipv4);
+    }
     std::string key(reinterpret_cast<const char*>(address.getIPv6Bytes()), 16);
     const std::uint32_t zone = address.getScopeId();
     key.append(reinterpret_cast<const char*>(&zone), sizeof(zone));

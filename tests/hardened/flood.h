@@ -31,6 +31,13 @@ constexpr long kSanitizerMemoryFactor = 4;
 #else
 constexpr long kSanitizerMemoryFactor = 1;
 #endif
+// AddressSanitizer keeps freed blocks resident in its quarantine (up to 256 MiB), so the resident
+// figure of a run that handles 10 000 requests says nothing about what the requests hold.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kCheckResident = false;
+#else
+constexpr bool kCheckResident = true;
+#endif
 
 class NullClient : public ITARNClient {
 public:
@@ -111,7 +118,9 @@ inline std::string flood(bool hardened, int count, TARNListenerStatistics* pFigu
         const EUDPHardening defaults;
         EXPECT_LE(figures.live, defaults.maxPerSource + 1);
         EXPECT_LE(peakThreads - baseThreads, 3 * static_cast<int>(defaults.maxPerSource + 1));
-        EXPECT_LT(peakKb - baseKb, 16 * 1024 * kSanitizerMemoryFactor) << "KiB";
+        if (kCheckResident) {
+            EXPECT_LT(peakKb - baseKb, 16 * 1024 * kSanitizerMemoryFactor) << "KiB";
+        }
         EXPECT_GT(figures.refused[eRefusedRateLimit] + figures.refused[eRefusedPerSourceLimit], 0u);
     }
     const std::uint64_t refused = figures.refused[eRefusedRateLimit] +

@@ -153,11 +153,17 @@ TEST(EudpStatistics, ReliableSendingCountsResendsNaksAndRoundTrip) {
 
     // ACK 1, then NAK 2: the two after the acknowledged one go out again.
     ASSERT_TRUE(peer.sendToClient(eudpDatagram("ACK", 1)));
-    ASSERT_TRUE(testsupport::waitUntil([&] { return client.getStatistics().smoothedRttMicros >= 0; }, 5000));
+    ASSERT_TRUE(testsupport::waitUntil([&] { return client.getStatistics().sendRingOccupancy == 2; }, 5000));
     const std::size_t beforeNak = received.words.size();
     ASSERT_TRUE(peer.sendToClient(eudpDatagram("NAK", 2)));
     collectUntil([&] { return received.words.size() >= beforeNak + 2 && received.words.back() == 3; });
     ASSERT_TRUE(peer.sendToClient(eudpDatagram("ACK", 3)));
+    ASSERT_TRUE(testsupport::waitUntil([&] { return client.getStatistics().sendRingOccupancy == 0; }, 5000));
+    // A round trip: a new datagram acknowledged as soon as it arrives (a resend, after 500 ms
+    // without an ACK, would give no sample).
+    ASSERT_TRUE(client.sendData(reinterpret_cast<const uint8*>("four"), 4));
+    collectUntil([&] { return seen(4) >= 1; });
+    ASSERT_TRUE(peer.sendToClient(eudpDatagram("ACK", 4)));
     ASSERT_TRUE(testsupport::waitUntil([&] { return client.getStatistics().sendRingOccupancy == 0; }, 5000));
     while (peer.next(datagram, 700)) {  // anything still on its way
         received.add(datagram);
@@ -169,7 +175,7 @@ TEST(EudpStatistics, ReliableSendingCountsResendsNaksAndRoundTrip) {
     EXPECT_EQ(received.resends, stats.dataResent);
     EXPECT_GE(stats.dataResent, 2u);
     EXPECT_EQ(1u, stats.naksReceived);
-    EXPECT_EQ(3u, stats.receivedDatagrams[ACK]);  // the handshake's, 1 and 3
+    EXPECT_EQ(4u, stats.receivedDatagrams[ACK]);  // the handshake's, 1, 3 and 4
     EXPECT_GE(stats.smoothedRttMicros, 0);
     EXPECT_LT(stats.smoothedRttMicros, 5000000);
     EXPECT_EQ(eReliable, stats.sendMode);
