@@ -15,7 +15,7 @@ _tarn() {
                     return ;;
             esac
             if [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--help -h --version -V --log-level" -- "$cur"))
+                COMPREPLY=($(compgen -W "--tls --help -h --version -V --log-level" -- "$cur"))
             fi
             ;;
         serve)
@@ -30,6 +30,12 @@ _tarn() {
                 --allow-receive)
                     COMPREPLY=($(compgen -W "realtime reliable realtime,reliable" -- "$cur"))
                     return ;;
+                --cert)
+                    return ;;
+                --key)
+                    return ;;
+                --ca)
+                    return ;;
                 --max-connections)
                     return ;;
                 --max-per-address)
@@ -41,7 +47,7 @@ _tarn() {
                     return ;;
             esac
             if [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--tcp --eudp --bind -b --port -p --json -j --allow-send --allow-receive --hardened --max-connections --max-per-address --max-new-per-second --help -h --version -V --log-level" -- "$cur"))
+                COMPREPLY=($(compgen -W "--tcp --eudp --bind -b --port -p --json -j --allow-send --allow-receive --tls --cert --key --ca --require-client-cert --hardened --max-connections --max-per-address --max-new-per-second --help -h --version -V --log-level" -- "$cur"))
             fi
             ;;
         connect)
@@ -54,12 +60,18 @@ _tarn() {
                     return ;;
                 --wait|-w)
                     return ;;
+                --cert)
+                    return ;;
+                --key)
+                    return ;;
+                --ca)
+                    return ;;
                 --log-level)
                     COMPREPLY=($(compgen -W "none error warning info debug" -- "$cur"))
                     return ;;
             esac
             if [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--tcp --eudp --json -j --allow-send --allow-receive --wait -w --hardened --help -h --version -V --log-level" -- "$cur"))
+                COMPREPLY=($(compgen -W "--tcp --eudp --json -j --allow-send --allow-receive --wait -w --tls --cert --key --ca --insecure --hardened --help -h --version -V --log-level" -- "$cur"))
             else
                 COMPREPLY=($(compgen -A hostname -- "$cur"))
             fi
@@ -68,12 +80,18 @@ _tarn() {
             case $prev in
                 --wait|-w)
                     return ;;
+                --cert)
+                    return ;;
+                --key)
+                    return ;;
+                --ca)
+                    return ;;
                 --log-level)
                     COMPREPLY=($(compgen -W "none error warning info debug" -- "$cur"))
                     return ;;
             esac
             if [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--tcp --eudp --reliable -r --wait -w --hardened --help -h --version -V --log-level" -- "$cur"))
+                COMPREPLY=($(compgen -W "--tcp --eudp --reliable -r --wait -w --tls --cert --key --ca --insecure --hardened --help -h --version -V --log-level" -- "$cur"))
             else
                 COMPREPLY=($(compgen -A hostname -- "$cur"))
             fi
@@ -86,12 +104,18 @@ _tarn() {
                     return ;;
                 --wait|-w)
                     return ;;
+                --cert)
+                    return ;;
+                --key)
+                    return ;;
+                --ca)
+                    return ;;
                 --log-level)
                     COMPREPLY=($(compgen -W "none error warning info debug" -- "$cur"))
                     return ;;
             esac
             if [[ $cur == -* ]]; then
-                COMPREPLY=($(compgen -W "--tcp --eudp --reliable -r --json -j --count -c --timeout -t --wait -w --hardened --help -h --version -V --log-level" -- "$cur"))
+                COMPREPLY=($(compgen -W "--tcp --eudp --reliable -r --json -j --count -c --timeout -t --wait -w --tls --cert --key --ca --insecure --hardened --help -h --version -V --log-level" -- "$cur"))
             else
                 COMPREPLY=($(compgen -A hostname -- "$cur"))
             fi
