@@ -85,10 +85,16 @@ inline std::string flood(bool hardened, int count, TARNListenerStatistics* pFigu
         }
     });
     EXPECT_TRUE(waitUntil([&] { return sent.load() >= count / 5; }, 30000));
+    const int sentBeforeClient = sent.load();
     const std::int64_t start = testsupport::nowMs();
     const bool connected = connectFrom("127.0.0.2", server.port());
     const std::int64_t connectMs = testsupport::nowMs() - start;
     const int sentWhenConnected = sent.load();
+    // The listener takes requests in arrival order: what it had taken when the client was through
+    // tells whether the client's request waited behind the flood's.
+    const TARNListenerStatistics whenConnected = server.listener()->getStatistics();
+    const std::uint64_t takenWhenConnected = whenConnected.accepted + whenConnected.refused[0] +
+                                             whenConnected.refused[1] + whenConnected.refused[2];
     sender.join();
     EXPECT_TRUE(connected) << "after " << connectMs << " ms, " << sentWhenConnected << " CONs sent";
     EXPECT_EQ(count, sent.load());
@@ -134,7 +140,9 @@ inline std::string flood(bool hardened, int count, TARNListenerStatistics* pFigu
         << count - static_cast<long>(figures.accepted - (connected ? 1 : 0) + refused)
         << " lost in the socket; peak " << (peakKb - baseKb) << " KiB resident and "
         << peakThreads - baseThreads << " threads above the start; the client from 127.0.0.2 "
-        << (connected ? "connected" : "failed") << " in " << connectMs << " ms";
+        << (connected ? "connected" : "failed") << " in " << connectMs << " ms (its CON sent after "
+        << sentBeforeClient << " of the flood's; " << sentWhenConnected << " sent and " << takenWhenConnected
+        << " requests taken by the listener when it was through)";
     return out.str();
 }
 
