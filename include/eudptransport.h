@@ -20,8 +20,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include <eudpcounters.h>

@@ -79,7 +79,8 @@ void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
         const bool bWoken = pSocket->waitReadable();
         std::lock_guard<std::mutex> lock(m_readLock);
         if (!bWoken) {
-            bOpen = handleDatagram(packet, -1, fromAddress, 0);  // a failed wait ends it like a failed receive
+            // A failed wait ends it like a failed receive.
+            bOpen = handleDatagram(packet, -1, fromAddress, 0);
         }
         while (bOpen) {
             if (m_bClosed.load()) {

@@ -84,7 +84,7 @@ private:
     bool m_bTried = false;
     bool m_allow[4] = {true, true, true, true};  // send realtime, send reliable, receive ...
     EUDPHardening m_hardening;
-    std::atomic<bool> m_bClosing{false};         // close() has begun: an end now is this side's
+    std::atomic<bool> m_bClosing{false};  // close() has begun: an end now is this side's
 };
 
 }  // namespace tarncli

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "tls_options.h"
 #include "hardening.h"
+#include "tls_options.h"
 
 namespace tarncli {
 
