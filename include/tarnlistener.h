@@ -101,7 +101,8 @@ public:
 
     // Hardened mode for an EUDP listener (eudphardening.h): applied to its listening transport and
     // to every transport it accepts, including the limits on connection requests. Call before
-    // listen() or bindAndListen(); ignored over TCP.
+    // listen() or bindAndListen(); ignored over TCP. A transport handed to listenOn() keeps its own
+    // setting (EUDPTransport::setHardening), which it hands on to what it accepts.
     void setHardening(const EUDPHardening& hardening);
     // Connections accepted so far and, over EUDP, those still live, the requests refused by cause
     // and what else reached the listening socket (tarnstatistics.h). Any thread, any time; all zero
