@@ -151,3 +151,36 @@ TEST(HardenedListener, HardenedAndDefaultEndsTalk) {
 TEST(HardenedListener, FloodOfTenThousandConsStaysWithinTheBound) {
     faults::figure(hardened::flood(true, 10000));
 }
+
+TEST(HardenedListener, ATransportGivenToListenOnKeepsItsOwnHardening) {
+    struct Keep : ITARNConnector {
+        void onNewConnection(TARNConnection* connection) override { kept = connection; }
+        std::atomic<TARNConnection*> kept{nullptr};  // set on the accept thread
+    };
+    // The transport stays ours and must outlive the listener, so it is made first.
+    EUDPTransport transport;
+    transport.setHardening(EUDPHardening::on());
+    ASSERT_TRUE(transport.listen(sal::HostAddress("127.0.0.1"), 0));
+    TARNListener listener(eTransportEUDP);
+    Keep* const keep = new Keep;
+    ASSERT_TRUE(listener.listenOn(&transport, keep));
+
+    testsupport::RawUdp raw;
+    ASSERT_TRUE(raw.sendTo(Bytes(), transport.getLocalPort()));  // stops a default listener
+    ASSERT_TRUE(waitUntil([&] { return listener.getStatistics().emptyReceived == 1; }, 5000));
+    EXPECT_TRUE(listener.getStatistics().hardened);
+
+    hardened::NullClient client;
+    TARNConnection connection(eTransportEUDP);
+    ASSERT_TRUE(connection.connect("127.0.0.1", transport.getLocalPort(), &client));
+    ASSERT_TRUE(waitUntil([&] { return keep->kept != nullptr; }, 5000));
+    TARNConnection* const accepted = keep->kept;
+    const TARNConnectionStatistics figures = accepted->getStatistics();
+    EXPECT_EQ(eTransportEUDP, figures.transport);
+    EXPECT_TRUE(figures.eudp.hardened);
+    EXPECT_EQ(1u, listener.getStatistics().accepted);
+    EXPECT_TRUE(listener.shutdown(-1));
+    connection.disconnect();
+    accepted->disconnect();
+    delete accepted;
+}
