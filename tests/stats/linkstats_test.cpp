@@ -98,7 +98,13 @@ TEST(LinkStatistics, EudpThroughConnectionsAndTheListener) {
     TARNConnection connection(eTransportEUDP);
     ASSERT_TRUE(connection.connect("127.0.0.1", listener.getLocalPort(), &client));
     ASSERT_TRUE(connection.subscribe("abc"));
-    ASSERT_TRUE(waitUntil([&] { return listener.getStatistics().live == 1; }, 5000));
+    // The two counts are taken at different moments of the hand-over: wait for both.
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            const TARNListenerStatistics now = listener.getStatistics();
+            return now.live == 1 && now.accepted == 1;
+        },
+        5000));
     TARNListenerStatistics figures = listener.getStatistics();
     EXPECT_EQ(1u, figures.accepted);
     EXPECT_FALSE(figures.hardened);
