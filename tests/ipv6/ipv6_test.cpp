@@ -205,42 +205,6 @@ INSTANTIATE_TEST_SUITE_P(IPv6, OnEitherTransport, ::testing::Values(eTransportTC
                              return std::string(param.param == eTransportTCP ? "TCP" : "EUDP");
                          });
 
-// A TCP port of the given family's loopback held bound without listening: connections to it are
-// refused while the holder lives, and no other program's listener can take it meanwhile. Invalid
-// (fd -1) when the port is already taken there.
-struct HeldTcpPort {
-    int fd = -1;
-    HeldTcpPort(bool ipv6, uint16 port) {
-        fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-        sockaddr_storage storage{};
-        socklen_t length = 0;
-        if (ipv6) {
-            auto* address = reinterpret_cast<sockaddr_in6*>(&storage);
-            address->sin6_family = AF_INET6;
-            address->sin6_addr = in6addr_loopback;
-            address->sin6_port = htons(port);
-            length = sizeof(*address);
-        } else {
-            auto* address = reinterpret_cast<sockaddr_in*>(&storage);
-            address->sin_family = AF_INET;
-            address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            address->sin_port = htons(port);
-            length = sizeof(*address);
-        }
-        if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&storage), length) != 0) {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-    ~HeldTcpPort() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-    HeldTcpPort(const HeldTcpPort&) = delete;
-    HeldTcpPort& operator=(const HeldTcpPort&) = delete;
-};
-
 TEST(IPv6, TcpClientOfTheOtherFamilyIsRefused) {
     Server four(eTransportTCP);
     ASSERT_TRUE(four.open("127.0.0.1"));
@@ -248,9 +212,9 @@ TEST(IPv6, TcpClientOfTheOtherFamilyIsRefused) {
     ASSERT_TRUE(six.open("::1"));
     // Each port number is held in the other family, so that no other test's listener on the other
     // loopback can happen to have the same number and take the connection meant to be refused.
-    HeldTcpPort fourOnSix(true, four.listener.getLocalPort());
-    HeldTcpPort sixOnFour(false, six.listener.getLocalPort());
-    if (fourOnSix.fd < 0 || sixOnFour.fd < 0) {
+    testsupport::ClosedTcpPort fourOnSix(true, four.listener.getLocalPort());
+    testsupport::ClosedTcpPort sixOnFour(false, six.listener.getLocalPort());
+    if (fourOnSix.port() == 0 || sixOnFour.port() == 0) {
         GTEST_SKIP() << "a listener of the other family has the same port number";
     }
     RecordingClient client;

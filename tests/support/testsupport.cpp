@@ -218,6 +218,21 @@ ClosedTcpPort::ClosedTcpPort() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)), m_port
     }
 }
 
+ClosedTcpPort::ClosedTcpPort(bool ipv6, std::uint16_t port)
+    : m_fd(::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)), m_port(0) {
+    sockaddr_in four = loopback(port);
+    sockaddr_in6 six{};
+    six.sin6_family = AF_INET6;
+    six.sin6_addr = in6addr_loopback;
+    six.sin6_port = htons(port);
+    const sockaddr* address =
+        ipv6 ? reinterpret_cast<const sockaddr*>(&six) : reinterpret_cast<const sockaddr*>(&four);
+    const socklen_t length = ipv6 ? sizeof(six) : sizeof(four);
+    if (m_fd >= 0 && ::bind(m_fd, address, length) == 0) {
+        m_port = port;
+    }
+}
+
 ClosedTcpPort::~ClosedTcpPort() {
     if (m_fd >= 0) {
         ::close(m_fd);

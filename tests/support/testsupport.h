@@ -100,10 +100,12 @@ private:
 };
 
 // A TCP port on 127.0.0.1 held by a bound socket that does not listen: connections to it are
-// refused for the holder's lifetime, and no other socket can take the port meanwhile.
+// refused for the holder's lifetime, and no other socket can take the port meanwhile. The second
+// form holds a given port on 127.0.0.1 or ::1; port() is 0 when that port is taken already.
 class ClosedTcpPort {
 public:
     ClosedTcpPort();
+    ClosedTcpPort(bool ipv6, std::uint16_t port);
     ~ClosedTcpPort();
     ClosedTcpPort(const ClosedTcpPort&) = delete;
     ClosedTcpPort& operator=(const ClosedTcpPort&) = delete;
