@@ -275,8 +275,8 @@ TEST_F(BridgeTest, MalformedCallsAreAnsweredAndNeverReachTheDevice) {
 }
 
 TEST_F(BridgeTest, CallToAnOfflineDeviceIsAnswered) {
-    const std::uint16_t closed = freePort();
-    BridgeProcess bridge(m_broker, {"--device", "gone=127.0.0.1:" + std::to_string(closed)});
+    const testsupport::ClosedTcpPort closed;
+    BridgeProcess bridge(m_broker, {"--device", "gone=127.0.0.1:" + std::to_string(closed.port())});
     ASSERT_TRUE(bridge.waitForBroker("connected"));
     ASSERT_TRUE(bridge.waitForDevice("gone", "retry"));
     Subscriber watcher(m_broker, "tarn/gone/#");

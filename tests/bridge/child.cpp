@@ -229,18 +229,6 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
     return path;
 }
 
-std::uint16_t freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in local = {};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local));
-    socklen_t length = sizeof(local);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length);
-    ::close(fd);
-    return ntohs(local.sin_port);
-}
-
 bool waitForListener(std::uint16_t port, int timeoutMs) {
     const std::int64_t deadline = now() + timeoutMs;
     while (now() < deadline) {
@@ -260,13 +248,12 @@ bool waitForListener(std::uint16_t port, int timeoutMs) {
 }
 
 Broker::Broker(const TempDir& dir, const std::string& extraConfig) {
-    m_port = freePort();
     // Started by root, mosquitto would become the user "mosquitto" and could no longer read the
     // files of the test's private directory: it stays the user that runs the test.
     const passwd* self = ::getpwuid(::getuid());
     const std::string user = self != nullptr ? std::string("user ") + self->pw_name + "\n" : std::string();
     m_log = dir.path() + "/mosquitto.log";
-    m_config = dir.write("mosquitto.conf", "listener " + std::to_string(m_port) +
+    m_config = dir.write("mosquitto.conf", "listener " + std::to_string(port()) +
                                                " 127.0.0.1\nallow_anonymous true\npersistence false\n" +
                                                user + extraConfig);
     start();
@@ -278,7 +265,7 @@ Broker::~Broker() {
 
 bool Broker::start() {
     m_pProcess = new Child(MOSQUITTO_PATH, {"-c", m_config}, m_log);
-    m_bUp = m_pProcess->started() && waitForListener(m_port, kWaitMs);
+    m_bUp = m_pProcess->started() && waitForListener(port(), kWaitMs);
     return m_bUp;
 }
 

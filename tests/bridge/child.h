@@ -1,5 +1,5 @@
 // Child processes for the bridge's tests: any program with its standard output read line by line
-// with deadlines, and the programs the tests run (mosquitto on a free port with its own
+// with deadlines, and the programs the tests run (mosquitto on a port held for it, with its own
 // configuration file, `tarn serve`, tarn-bridge, mosquitto_sub, mosquitto_pub).
 #ifndef TARN_TESTS_BRIDGE_CHILD_H
 #define TARN_TESTS_BRIDGE_CHILD_H
@@ -10,6 +10,8 @@
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "testsupport.h"
 
 namespace bridgetest {
 
@@ -67,19 +69,18 @@ private:
     std::string m_path;
 };
 
-// A TCP port of 127.0.0.1 on which nothing listens at the moment of the call.
-std::uint16_t freePort();
 // True once something accepts TCP connections on 127.0.0.1:port, within `timeoutMs`.
 bool waitForListener(std::uint16_t port, int timeoutMs);
 
-// mosquitto on 127.0.0.1 and a free port, without persistence, with its own configuration file.
+// mosquitto on 127.0.0.1 and a port held for it for the broker's lifetime (restarts included),
+// without persistence, with its own configuration file.
 class Broker {
 public:
     explicit Broker(const TempDir& dir, const std::string& extraConfig = "");
     ~Broker();
     bool up() const { return m_bUp; }
-    std::uint16_t port() const { return m_port; }
-    std::string address() const { return "127.0.0.1:" + std::to_string(m_port); }
+    std::uint16_t port() const { return m_port.port(); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port()); }
     // Stops it (SIGTERM) and starts it again on the same port: every retained message is gone.
     bool restart();
     void stop();
@@ -90,7 +91,7 @@ private:
     bool start();
     std::string m_config;
     std::string m_log;
-    std::uint16_t m_port = 0;
+    testsupport::ReservedTcpPort m_port;
     Child* m_pProcess = nullptr;
     bool m_bUp = false;
 };

@@ -239,6 +239,21 @@ ClosedTcpPort::~ClosedTcpPort() {
     }
 }
 
+ReservedTcpPort::ReservedTcpPort() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
+    int on = 1;
+    sockaddr_in address = loopback(0);
+    if (m_fd >= 0 && ::setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0 &&
+        ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        m_port = boundPort(m_fd);
+    }
+}
+
+ReservedTcpPort::~ReservedTcpPort() {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+    }
+}
+
 RawTcp::~RawTcp() {
     close();
 }

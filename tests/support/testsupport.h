@@ -116,6 +116,23 @@ private:
     std::uint16_t m_port;
 };
 
+// A free TCP port on 127.0.0.1 kept for a program that binds and listens on it itself with
+// SO_REUSEADDR (mosquitto and openssl s_server do): a bound socket with SO_REUSEADDR that never
+// listens. The kernel hands the port to no other socket for the holder's lifetime, also between a
+// stop and a restart of that program, while the program's own bind succeeds.
+class ReservedTcpPort {
+public:
+    ReservedTcpPort();
+    ~ReservedTcpPort();
+    ReservedTcpPort(const ReservedTcpPort&) = delete;
+    ReservedTcpPort& operator=(const ReservedTcpPort&) = delete;
+    std::uint16_t port() const { return m_port; }
+
+private:
+    int m_fd;
+    std::uint16_t m_port;
+};
+
 class RawTcp {
 public:
     explicit RawTcp(int fd = -1) : m_fd(fd) {}

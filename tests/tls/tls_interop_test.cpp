@@ -19,7 +19,8 @@ namespace {
 
 const int kWaitMs = 10000;
 
-// openssl s_server on a free port of 127.0.0.1 with the server certificate, and `extra` options.
+// openssl s_server on a port of 127.0.0.1 that the test holds for it (testsupport::ReservedTcpPort),
+// with the server certificate, and `extra` options.
 std::unique_ptr<Child> startServer(std::uint16_t port, const std::vector<std::string>& extra) {
     std::vector<std::string> args = {
         "openssl", "s_server",     "-quiet", "-accept",        "127.0.0.1:" + std::to_string(port),
@@ -78,7 +79,8 @@ void exchangeWithClient(Child& client, TlsServer& server) {
 }  // namespace
 
 TEST(TlsInterop, OurClientTalksToOpensslServer) {
-    const std::uint16_t port = freePort();
+    const testsupport::ReservedTcpPort reserved;
+    const std::uint16_t port = reserved.port();
     auto server = startServer(port, {});
     TlsClient client(clientConfig());
     ASSERT_TRUE(connectWhenUp(client, port)) << server->errors();
@@ -87,7 +89,8 @@ TEST(TlsInterop, OurClientTalksToOpensslServer) {
 }
 
 TEST(TlsInterop, OurClientShowsItsCertificateToOpensslServer) {
-    const std::uint16_t port = freePort();
+    const testsupport::ReservedTcpPort reserved;
+    const std::uint16_t port = reserved.port();
     auto server = startServer(port, {"-Verify", "1", "-CAfile", certs().ca, "-verify_return_error"});
     TlsClient client(clientConfigWithCert());
     ASSERT_TRUE(connectWhenUp(client, port)) << server->errors();
@@ -96,7 +99,8 @@ TEST(TlsInterop, OurClientShowsItsCertificateToOpensslServer) {
 
 TEST(TlsInterop, OpensslServerRefusesOurClientWithoutCertificate) {
     LogCapture log;
-    const std::uint16_t port = freePort();
+    const testsupport::ReservedTcpPort reserved;
+    const std::uint16_t port = reserved.port();
     auto server = startServer(port, {"-Verify", "1", "-CAfile", certs().ca, "-verify_return_error"});
     {
         // Wait until s_server listens, with a client it accepts.
@@ -180,7 +184,8 @@ TEST(TlsInterop, Tls12OnlyWhenAsked) {
 }
 
 TEST(TlsInterop, OurClientRefusesATls12OnlyServerUnlessAsked) {
-    const std::uint16_t port = freePort();
+    const testsupport::ReservedTcpPort reserved;
+    const std::uint16_t port = reserved.port();
     auto server = startServer(port, {"-tls1_2"});
     TLSConfig config = clientConfig();
     config.allowTls12 = true;

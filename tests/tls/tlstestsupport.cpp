@@ -315,9 +315,4 @@ std::string Child::errors() {
     return m_errors;
 }
 
-std::uint16_t freePort() {
-    testsupport::RawTcpListener probe;
-    return probe.port();  // released again when the probe closes
-}
-
 }  // namespace tlstest

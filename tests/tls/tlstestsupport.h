@@ -110,10 +110,6 @@ private:
     std::string m_errors;
 };
 
-// A port on 127.0.0.1 that nobody listens on at the moment of the call, for a program started on
-// it. A test that needs a port to stay refused holds a testsupport::ClosedTcpPort instead.
-std::uint16_t freePort();
-
 }  // namespace tlstest
 
 #endif  // TARN_TESTS_TLS_TLSTESTSUPPORT_H
