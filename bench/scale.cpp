@@ -85,7 +85,7 @@ struct Side {
     Recorder recorder;
     std::vector<std::unique_ptr<ScaleClient>> clients;
     std::vector<std::unique_ptr<ScaleClient>> failedClients;
-    std::vector<Owned> connections;  // client and server ends
+    std::vector<TARNConnection*> connections;  // client and server ends
     std::vector<Answerer*> answerers;
 };
 
@@ -119,8 +119,7 @@ void connectAll(TarnServer& server, ETransport transport, Side& side, int count)
         client->m_pConnection = connection;
         Accepted accepted;
         const bool connected = connection->connect("127.0.0.1", server.port(), client.get());
-        // Only a connected client has a receive loop whose end can be waited for.
-        side.connections.push_back(Owned{connection, connected ? &client->m_end : nullptr});
+        side.connections.push_back(connection);
         if (!connected || !server.nextAccepted(accepted, 5000)) {
             // The connection keeps its client pointer until it is deleted with the rest.
             side.failedClients.push_back(std::move(client));
@@ -129,7 +128,7 @@ void connectAll(TarnServer& server, ETransport transport, Side& side, int count)
         }
         handshakes.push_back(static_cast<std::uint32_t>((nowNs() - began) / 1000));
         failuresInARow = 0;
-        side.connections.push_back(Owned{accepted.connection, &accepted.answerer->end()});
+        side.connections.push_back(accepted.connection);
         side.answerers.push_back(accepted.answerer);
         side.clients.push_back(std::move(client));
         if ((i + 1) % 200 == 0) {
@@ -239,7 +238,7 @@ void tearDown(std::vector<Side*>& sides, ScaleResult& result) {
     }
     std::fprintf(stderr, "  scale: closing\n");
     const std::int64_t start = nowNs();
-    std::vector<Owned> connections;
+    std::vector<TARNConnection*> connections;
     std::vector<Answerer*> answerers;
     for (Side* side : sides) {
         connections.insert(connections.end(), side->connections.begin(), side->connections.end());

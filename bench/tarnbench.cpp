@@ -22,9 +22,7 @@ public:
         m_count.fetch_add(1, std::memory_order_relaxed);
     }
     void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatusChanged(EConnStatus status) override { m_end.note(status); }
-
-    EndWatch m_end;
+    void onStatusChanged(EConnStatus) override {}
     std::atomic<std::uint64_t> m_count{0};
     std::atomic<std::int64_t> m_lastNs{0};
 };
@@ -64,9 +62,7 @@ public:
         sendLocked();
     }
     void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatusChanged(EConnStatus status) override { m_end.note(status); }
-
-    EndWatch m_end;
+    void onStatusChanged(EConnStatus) override {}
 
     // Starts the chain, or restarts it after a loss.
     void kick(bool lost) {
@@ -156,19 +152,16 @@ private:
 // A connected pair: the client end with `client` as its callbacks, and the accepted server end.
 struct Pair {
     TARNConnection* client = nullptr;
-    const EndWatch* clientEnd = nullptr;  // set once the client's receive loop runs
     Accepted server;
 };
 
-bool openPair(TarnServer& server, ETransport transport, ITARNClient* client, const EndWatch& clientEnd,
-              Pair& pair, std::string& note) {
+bool openPair(TarnServer& server, ETransport transport, ITARNClient* client, Pair& pair, std::string& note) {
     ITARNTransport* const own = server.newClientTransport();
     pair.client = own != nullptr ? new TARNConnection(own) : new TARNConnection(transport);
     if (!pair.client->connect("127.0.0.1", server.port(), client)) {
         note = "connect failed";
         return false;
     }
-    pair.clientEnd = &clientEnd;
     if (!server.nextAccepted(pair.server, kAcceptWaitMs)) {
         note = "server never saw the connection";
         return false;
@@ -192,10 +185,10 @@ bool negotiate(Pair& pair, ETransport transport, const EudpSetup& setup, std::st
 }
 
 void closePair(Pair& pair) {
-    std::vector<Owned> connections{Owned{pair.client, pair.clientEnd}};
+    std::vector<TARNConnection*> connections{pair.client};
     std::vector<Answerer*> answerers;
     if (pair.server.connection != nullptr) {
-        connections.push_back(Owned{pair.server.connection, &pair.server.answerer->end()});
+        connections.push_back(pair.server.connection);
         answerers.push_back(pair.server.answerer);
     }
     closeAll(connections, answerers, 2);
@@ -208,7 +201,7 @@ StreamRun tarnStream(TarnServer& server, ETransport transport, const EudpSetup& 
     StreamRun run;
     Counter counter;
     Pair pair;
-    if (!openPair(server, transport, &counter, counter.m_end, pair, run.note) ||
+    if (!openPair(server, transport, &counter, pair, run.note) ||
         !negotiate(pair, transport, setup, run.note)) {
         closePair(pair);
         return run;
@@ -266,7 +259,7 @@ RttRun tarnRoundTrips(TarnServer& server, ETransport transport, const EudpSetup&
     RttRun run;
     Pinger pinger(payload, warmUp, count);
     Pair pair;
-    if (!openPair(server, transport, &pinger, pinger.m_end, pair, run.note) ||
+    if (!openPair(server, transport, &pinger, pair, run.note) ||
         !negotiate(pair, transport, setup, run.note)) {
         closePair(pair);
         return run;

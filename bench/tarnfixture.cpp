@@ -18,7 +18,6 @@ void Answerer::onCallFunctionId(const std::string& name, const ParameterList& pa
 }
 
 void Answerer::onStatusChanged(EConnStatus status) {
-    m_end.note(status);
     if (status == eConnected && !m_bReported) {
         m_bReported = true;
         m_pOwner->ready(m_pConnection, this);
@@ -38,10 +37,10 @@ TarnServer::TarnServer(ETransport transport) : m_transport(transport) {}
 
 TarnServer::~TarnServer() {
     stopListening();
-    std::vector<Owned> connections;
+    std::vector<TARNConnection*> connections;
     std::vector<Answerer*> answerers;
     for (const Accepted& accepted : m_accepted) {
-        connections.push_back(Owned{accepted.connection, &accepted.answerer->end()});
+        connections.push_back(accepted.connection);
         answerers.push_back(accepted.answerer);
     }
     m_accepted.clear();
@@ -100,22 +99,15 @@ bool TarnServer::nextAccepted(Accepted& accepted, int timeoutMs) {
     return true;
 }
 
-void closeAll(std::vector<Owned>& connections, std::vector<Answerer*>& answerers, int threads) {
+void closeAll(std::vector<TARNConnection*>& connections, std::vector<Answerer*>& answerers, int threads) {
     std::atomic<std::size_t> next{0};
     auto worker = [&] {
         for (std::size_t i = next.fetch_add(1); i < connections.size(); i = next.fetch_add(1)) {
-            TARNConnection* connection = connections[i].connection;
+            TARNConnection* connection = connections[i];
             if (connection == nullptr) {
                 continue;
             }
             connection->disconnect();
-            // The destructor pauses a fixed time and then deletes the transport; a receive loop
-            // that has not come out of it by then (a busy machine, a sanitizer build) would be left
-            // inside a deleted object. Waiting for eDisconnected rules that out.
-            const std::int64_t deadline = nowNs() + 10000000000LL;
-            while (connections[i].watch != nullptr && !connections[i].watch->ended() && nowNs() < deadline) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            }
             delete connection;
         }
     };

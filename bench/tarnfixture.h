@@ -24,8 +24,7 @@
 
 namespace bench {
 
-// Notes the end of a connection's receive loop (its eDisconnected), which has to come before the
-// connection is deleted: the loop may still be inside the transport until then.
+// Notes the end of a connection's link (its eDisconnected).
 class EndWatch {
 public:
     void note(EConnStatus status) {
@@ -51,13 +50,11 @@ public:
     // eConnected comes from the listener's thread once it has started the connection: only then is
     // the connection handed to a scenario, which may disconnect it at any time from then on.
     void onStatusChanged(EConnStatus status) override;
-    const EndWatch& end() const { return m_end; }
 
 private:
     TARNConnection* m_pConnection;
     TarnServer* m_pOwner;
     bool m_bReported = false;
-    EndWatch m_end;
 };
 
 // One accepted server end and the answerer attached to it; both owned by whoever claimed them.
@@ -105,15 +102,10 @@ private:
     std::deque<Accepted> m_accepted;
 };
 
-// A connection to close and what tells that its receive loop has ended (null when it never ran).
-struct Owned {
-    TARNConnection* connection = nullptr;
-    const EndWatch* watch = nullptr;
-};
-
-// Disconnects the connections (null ones are skipped), waits for each receive loop to end, deletes
-// them, then deletes the answerers; on up to `threads` helper threads. Leaves both vectors empty.
-void closeAll(std::vector<Owned>& connections, std::vector<Answerer*>& answerers, int threads = 64);
+// Disconnects the connections (null ones are skipped) and deletes them (the destructor waits for the
+// receive loop to leave), then deletes the answerers; on up to `threads` helper threads. Leaves
+// both vectors empty.
+void closeAll(std::vector<TARNConnection*>& connections, std::vector<Answerer*>& answerers, int threads = 64);
 
 }  // namespace bench
 
