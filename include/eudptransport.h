@@ -18,6 +18,7 @@
 #define TARN_EUDPTRANSPORT_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -251,6 +252,38 @@ private:
     bool refuseClosedLocked();
     void queueLocked(const uint8* data, uint length);
 
+    // The sender thread's loop, cut at the places where it waits (eudpsender.cpp). A wait for
+    // data (m_sendWakeSem's role) or for an acknowledgement within 500 ms (m_ackSem's role), before
+    // the pass when the window is full or after a pass that sent nothing, is given by the thread
+    // that makes the event; when what the sender would do next sends nothing, that thread takes
+    // the sender's steps itself up to its next wait and leaves the sender thread asleep.
+    enum class SenderStep : std::uint8_t {
+        eLoopHead,
+        eWindowCheck,
+        ePass,
+        eAfterPass,
+        eWokenForData,
+        eAckBeforePassGiven,
+        eAckBeforePassTimedOut,
+        eAckAfterPassGiven,
+        eAckAfterPassTimedOut,
+        eWaitData,
+        eWaitAckBeforePass,
+        eWaitAckAfterPass,
+        eExit,
+        eNeedsThread,
+        eRunning
+    };
+    SenderStep senderStep(SenderStep step, bool dry, sal::UdpSocket* pSocket);
+    SenderStep waitAs(SenderStep wait);
+    // With m_sendMutex held: new data (queueLocked), a new acknowledgement (handleAck). True when
+    // the sender thread must be woken (m_sendWakeSem given) once both locks are released.
+    bool giveDataLocked();
+    bool giveAckLocked();
+    // An accepted NAK: its give always has the sender resend, so it wakes the thread.
+    void giveAckForResend();
+    // Takes the steps that follow a given wait up to the next wait, holding m_senderLock.
+    bool advanceLocked(SenderStep from);
     // The receiver thread's handling of one valid datagram, by command.
     void handleAck(std::int32_t seq, uint16 fromPort);
     void handleNak(std::int32_t seq);
@@ -331,6 +364,18 @@ private:
     // datagram itself instead of queueing it for that thread.
     std::atomic<bool> m_bSenderActive;
     std::atomic<bool> m_bTimedOut{false};  // set by onAliveTimer, read by applications
+    // Where the sender's loop stands, guarded by m_senderLock (taken after m_sendMutex, never the
+    // other way round): the wait it is in (eRunning while it runs), the step a giver has it
+    // resume at, when its acknowledgement wait began, whether a give of its data wait is pending,
+    // and whether the thread sleeps without a limit. The thread itself sleeps on m_sendWakeSem,
+    // until the end of its acknowledgement wait or a give.
+    std::mutex m_senderLock;
+    SenderStep m_senderWait{SenderStep::eRunning};
+    SenderStep m_senderResume{SenderStep::eLoopHead};
+    std::chrono::steady_clock::time_point m_ackWaitStart;
+    bool m_bWakePending{false};
+    bool m_bSleepsUntimed{false};
+    std::atomic<std::uint64_t> m_senderWakeUps{0};  // the sender thread's returns from sleep
     // The reading turn: whoever holds m_readLock may read the socket and handle what it reads, so
     // datagrams are handled one at a time in arrival order whichever thread reads them. The
     // receiver thread holds it while it handles what woke it; a receiveData caller with nothing

@@ -207,8 +207,13 @@ void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
         m_sendBuffer.pop();
         m_unacked.fetch_sub(1);
     }
+    // The acknowledgement wait is given with the ring in view, so that a sender with nothing to
+    // send after it is left asleep (eudpsender.cpp).
+    const bool bWake = giveAckLocked();
     m_sendMutex.give();
-    m_ackSem.give();
+    if (bWake) {
+        m_sendWakeSem.give();
+    }
 }
 
 void EUDPTransport::handleNak(std::int32_t seq) {
@@ -217,7 +222,7 @@ void EUDPTransport::handleNak(std::int32_t seq) {
     if (static_cast<std::uint32_t>(m_lastAcked.getValue()) < static_cast<std::uint32_t>(seq)) {
         m_lastSent.setFromWord(seq - 1);
         m_unacked.store(0);
-        m_ackSem.give();
+        giveAckForResend();
     } else {
         logLine(eWarning) << "Received a NAK for a packet that had already been ACKed (ignoring)";
     }

@@ -42,6 +42,8 @@ public:
     static bool allowReceiveRealtime(EUDPTransport& t) { return t.m_bAllowReceiveRealtime.load(); }
     static bool allowReceiveReliable(EUDPTransport& t) { return t.m_bAllowReceiveReliable.load(); }
     static sal::UdpSocket* socket(EUDPTransport& t) { return t.m_pSocket.load(); }
+    // How often the sender thread has come back from sleeping (woken or at the end of a wait).
+    static std::uint64_t senderWakeUps(EUDPTransport& t) { return t.m_senderWakeUps.load(); }
 
     // Switches keep-alive supervision off for a wire test, so that no keep-alive takes a sequence
     // number in the middle of what the test counts: with a period of 0 nothing re-arms.

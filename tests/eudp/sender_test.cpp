@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -214,6 +215,81 @@ TEST(EUDPSender, ReliableMessageOnItsOwnIsResentAfter500ms) {
     ASSERT_TRUE(peer.next(datagram, 300));
     EXPECT_EQ(hex(eudpDatagram("CMD", 1, bytesOf("y"))), hex(datagram));
     EXPECT_EQ(1u, EUDPTransportTest::unacked(*peer.server).load());
+}
+
+// A message acknowledged as soon as it arrives is never sent again, and the next one, sent later,
+// gets its own full 500 ms before it is resent: the wait that began with the first message does
+// not cut the second one's short.
+TEST(EUDPSender, AcknowledgedMessageIsNotResentAndTheNextGetsItsOwn500ms) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    ASSERT_TRUE(send(*peer.server, "a"));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("a"))), hex(datagram));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 2000));
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));  // half-way through the first wait
+    ASSERT_TRUE(send(*peer.server, "b"));
+    ASSERT_TRUE(peer.next(datagram));
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1, bytesOf("b"))), hex(datagram));
+    const std::int64_t sent = arrivalMs(peer);
+    ASSERT_TRUE(peer.next(datagram, 3000));
+    const std::int64_t resent = arrivalMs(peer);
+    EXPECT_EQ(hex(eudpDatagram("CMD", 1, bytesOf("b"))), hex(datagram));  // "a" never again
+    EXPECT_GE(resent - sent, 450);
+    EXPECT_LE(resent - sent, 2000);
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 1)));
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 2000));
+    EXPECT_TRUE(peer.raw.quietFor(1200));
+}
+
+// An acknowledgement that leaves a datagram out and unacknowledged starts the 500 ms again: the
+// resend comes 500 ms after the last acknowledgement, not 500 ms after the datagram was sent.
+TEST(EUDPSender, ResendComes500msAfterTheLastAcknowledgement) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    ASSERT_TRUE(send(*peer.server, "m0"));
+    ASSERT_TRUE(send(*peer.server, "m1"));  // waits with the sender for an acknowledgement
+    EXPECT_EQ(std::vector<std::uint32_t>{0}, nextNumbers(peer, 1));
+    // Unacknowledged, the go-back sends both.
+    EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
+    const std::int64_t bothOut = arrivalMs(peer);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+    EXPECT_EQ(std::vector<std::uint32_t>{1}, nextNumbers(peer, 1));
+    const std::int64_t resent = arrivalMs(peer);
+    EXPECT_GE(resent - bothOut, 200 + 450);
+    EXPECT_LE(resent - bothOut, 3000);
+    EXPECT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+// Round trips whose acknowledgement comes at once leave the sender thread asleep: it wakes to
+// begin counting a wait and at the end of one, not twice per message.
+TEST(EUDPSender, AcknowledgedRoundTripsDoNotWakeTheSenderPerMessage) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    const int messages = 40;
+    const std::uint64_t before = EUDPTransportTest::senderWakeUps(*peer.server);
+    const std::int64_t start = nowMs();
+    for (int i = 0; i < messages; ++i) {
+        ASSERT_TRUE(send(*peer.server, "r" + std::to_string(i)));
+        Bytes datagram;
+        ASSERT_TRUE(peer.next(datagram));
+        ASSERT_EQ(static_cast<std::uint32_t>(i), le32(datagram, 4));
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", static_cast<std::uint32_t>(i))));
+        ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 2000));
+    }
+    const std::int64_t elapsed = nowMs() - start;
+    const std::uint64_t wakeUps = EUDPTransportTest::senderWakeUps(*peer.server) - before;
+    // Two per 500 ms begun (the wake that starts a wait's clock, and its end), and a few spare.
+    const std::uint64_t allowed = 4 + 2 * static_cast<std::uint64_t>(elapsed / 500 + 1);
+    EXPECT_LE(wakeUps, allowed) << "in " << elapsed << " ms";
+    EXPECT_TRUE(peer.raw.quietFor(700));
 }
 
 TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
