@@ -96,7 +96,7 @@ TEST(TlsFailure, GarbageEndsOnlyItsConnection) {
 TEST(TlsFailure, StalledHandshakesTimeOutWithoutHoldingUpOthers) {
     LogCapture log;
     TLSConfig config = serverConfig();
-    config.handshakeTimeoutMs = 3000;
+    config.handshakeTimeoutMs = 5000;
     TlsServer server(config);
     // One peer says nothing at all; another stops half-way through its ClientHello.
     RawTcp silent = RawTcp::connectTo(server.port());
@@ -107,13 +107,15 @@ TEST(TlsFailure, StalledHandshakesTimeOutWithoutHoldingUpOthers) {
     for (int i = 0; i < 3; ++i) {
         expectServing(server);
     }
-    // The others got through while both stalled peers were still waiting for their deadline.
-    EXPECT_LT(testsupport::nowMs() - start, 2500);
+    // The others got through while both stalled peers were still waiting for their deadline: a
+    // server that served them only after the stalled handshakes timed out would have closed the
+    // silent peer by now. The order is the proof; the time only has to stay below the deadline.
+    EXPECT_LT(testsupport::nowMs() - start, 5000);
     EXPECT_FALSE(silent.waitClosed(0));
-    EXPECT_TRUE(silent.waitClosed(6000));
-    EXPECT_TRUE(halfway.waitClosed(6000));
-    EXPECT_GE(testsupport::nowMs() - start, 2900);
-    EXPECT_TRUE(logHas(log, Log::eWarning, serverStart(), {" timed out after 3000 ms"})) << log.dump();
+    EXPECT_TRUE(silent.waitClosed(10000));
+    EXPECT_TRUE(halfway.waitClosed(10000));
+    EXPECT_GE(testsupport::nowMs() - start, 4900);
+    EXPECT_TRUE(logHas(log, Log::eWarning, serverStart(), {" timed out after 5000 ms"})) << log.dump();
     expectServing(server);
 }
 
