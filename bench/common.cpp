@@ -69,6 +69,20 @@ int threadCount() {
     return static_cast<int>(statusField("Threads:"));
 }
 
+std::uint64_t backlogDrops() {
+    std::ifstream in("/proc/net/softnet_stat");
+    std::uint64_t total = 0;
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        std::string processed;
+        std::string dropped;
+        if (fields >> processed >> dropped) {
+            total += std::strtoull(dropped.c_str(), nullptr, 16);
+        }
+    }
+    return total;
+}
+
 std::uint64_t udpReceiveBufferErrors() {
     // Two "Udp:" lines: the column names, then the values.
     std::ifstream in("/proc/net/snmp");

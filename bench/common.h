@@ -31,6 +31,9 @@ int threadCount();
 // The system's count of UDP datagrams dropped for a full socket receive buffer (RcvbufErrors in
 // /proc/net/snmp). System-wide: other UDP traffic on the machine counts too.
 std::uint64_t udpReceiveBufferErrors();
+// Packets the system dropped before any socket saw them, because a processor's queue of received
+// packets (netdev_max_backlog) was full: the sum of the second column of /proc/net/softnet_stat.
+std::uint64_t backlogDrops();
 // Raises the soft limits for open files and processes to their hard limits.
 void raiseSoftLimits();
 
@@ -73,7 +76,9 @@ struct Config {
 struct StreamRun {
     std::uint64_t sent = 0;
     std::uint64_t delivered = 0;
-    std::uint64_t kernelDrops = 0;  // UDP datagrams the system dropped during the run
+    std::uint64_t kernelDrops = 0;   // UDP datagrams the system dropped during the run
+    std::uint64_t backlogDrops = 0;  // packets dropped on a full processor backlog during the run
+    std::string recovery;            // what the reliable exchange did about loss (go-backs, resends)
     double seconds = 0;
     double cpuSeconds = 0;
     bool ok = false;

@@ -161,9 +161,11 @@ void alternate(int repetition, const std::function<void()>& a, const std::functi
 }
 
 void progress(const std::string& what, const StreamRun& run) {
-    std::fprintf(stderr, "  %-34s %10.0f msg/s  loss %5.2f %%  system drops %llu %s\n", what.c_str(),
-                 run.messagesPerSecond(), run.lossPercent(), static_cast<unsigned long long>(run.kernelDrops),
-                 run.ok ? "" : ("FAILED " + run.note).c_str());
+    std::fprintf(stderr, "  %-34s %10.0f msg/s  loss %5.2f %%  system drops %llu (backlog %llu) %s%s\n",
+                 what.c_str(), run.messagesPerSecond(), run.lossPercent(),
+                 static_cast<unsigned long long>(run.kernelDrops),
+                 static_cast<unsigned long long>(run.backlogDrops), run.recovery.c_str(),
+                 run.ok ? "" : (" FAILED " + run.note).c_str());
 }
 
 void progress(const std::string& what, const RttRun& run) {

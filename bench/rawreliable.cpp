@@ -79,6 +79,9 @@ std::uint32_t Window::nextWord() const {
 }
 
 void Window::sent() {
+    if (m_next < m_high) {
+        ++m_resent;
+    }
     ++m_next;
     m_high = std::max(m_high, m_next);
 }
@@ -111,9 +114,11 @@ void Window::onNak(std::uint32_t word) {
     m_staleNaks = m_next - index - 1;
     m_wentBackTo = index;
     m_next = index;
+    ++m_nakGoBacks;
 }
 
 void Window::onSilence() {
+    ++m_silences;
     m_next = m_base;
     m_wentBackTo = ~static_cast<std::uint64_t>(0);
     m_staleNaks = 0;
@@ -205,6 +210,7 @@ public:
     }
 
     std::uint64_t offered() const { return m_window.total(); }
+    const Window& window() const { return m_window; }
 
 private:
     void sendWhileRoom(std::int64_t offerUntilNs) {
@@ -269,6 +275,7 @@ StreamRun rawReliableStream(const std::vector<std::uint8_t>& message, std::uint3
     Sender sender(senderFd, loopback(localPort(receiverFd)), message, window, count);
 
     const std::uint64_t dropsBefore = udpReceiveBufferErrors();
+    const std::uint64_t backlogBefore = backlogDrops();
     const double cpuStart = processCpuSeconds();
     const std::int64_t startNs = nowNs();
     const bool complete = sender.run(startNs, timeLimit);
@@ -276,6 +283,11 @@ StreamRun rawReliableStream(const std::vector<std::uint8_t>& message, std::uint3
     receiving.join();
     run.cpuSeconds = processCpuSeconds() - cpuStart;
     run.kernelDrops = udpReceiveBufferErrors() - dropsBefore;
+    run.backlogDrops = backlogDrops() - backlogBefore;
+    const Window& account = sender.window();
+    run.recovery = "go-backs " + std::to_string(account.nakGoBacks()) + " on NAK, " +
+                   std::to_string(account.silences()) + " after 500 ms; resent " +
+                   std::to_string(account.resent());
     run.sent = sender.offered();
     run.delivered = receiver.delivered();
     run.seconds = static_cast<double>(receiver.lastNs() - startNs) / 1e9;

@@ -77,6 +77,11 @@ public:
     // No answer came for the resend time while datagrams were out.
     void onSilence();
 
+    // What loss cost: go-backs on a NAK, go-backs after a silence, datagrams sent again.
+    std::uint64_t nakGoBacks() const { return m_nakGoBacks; }
+    std::uint64_t silences() const { return m_silences; }
+    std::uint64_t resent() const { return m_resent; }
+
 private:
     std::int32_t lastAcked() const;
 
@@ -87,6 +92,9 @@ private:
     std::uint64_t m_high = 0;  // messages sent at least once
     std::uint64_t m_wentBackTo = ~static_cast<std::uint64_t>(0);
     std::uint64_t m_staleNaks = 0;  // NAKs still expected from datagrams out before the go-back
+    std::uint64_t m_nakGoBacks = 0;
+    std::uint64_t m_silences = 0;
+    std::uint64_t m_resent = 0;
 };
 
 }  // namespace rawreliable

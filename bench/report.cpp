@@ -316,8 +316,13 @@ void jsonStreams(std::ostream& out, const Results& results) {
         for (const StreamRun& run : entry.second.runs) {
             out << (firstRun ? "" : ", ") << "{\"ok\": " << (run.ok ? "true" : "false")
                 << ", \"sent\": " << run.sent << ", \"delivered\": " << run.delivered
-                << ", \"kernel_drops\": " << run.kernelDrops << ", \"seconds\": " << jsonNumber(run.seconds)
-                << ", \"cpu_seconds\": " << jsonNumber(run.cpuSeconds) << "}";
+                << ", \"kernel_drops\": " << run.kernelDrops << ", \"backlog_drops\": " << run.backlogDrops
+                << ", \"seconds\": " << jsonNumber(run.seconds)
+                << ", \"cpu_seconds\": " << jsonNumber(run.cpuSeconds);
+            if (!run.recovery.empty()) {
+                out << ", \"recovery\": " << jsonString(run.recovery);
+            }
+            out << "}";
             firstRun = false;
         }
         out << "]}";

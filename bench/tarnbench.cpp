@@ -212,6 +212,7 @@ StreamRun tarnStream(TarnServer& server, ETransport transport, const EudpSetup& 
     TARNConnection* sender = pair.server.connection;
 
     const std::uint64_t dropsBefore = udpReceiveBufferErrors();
+    const std::uint64_t backlogBefore = backlogDrops();
     const double cpuStart = processCpuSeconds();
     const std::int64_t startNs = nowNs();
     std::uint64_t sent = 0;
@@ -245,6 +246,15 @@ StreamRun tarnStream(TarnServer& server, ETransport transport, const EudpSetup& 
     run.cpuSeconds = processCpuSeconds() - cpuStart;
     if (transport == eTransportEUDP) {
         run.kernelDrops = udpReceiveBufferErrors() - dropsBefore;
+        run.backlogDrops = backlogDrops() - backlogBefore;
+        if (setup.reliable) {
+            const EUDPStatistics out = sender->getStatistics().eudp;
+            const EUDPStatistics in = pair.client->getStatistics().eudp;
+            run.recovery = "NAKs " + std::to_string(out.naksReceived) + ", resent " +
+                           std::to_string(out.dataResent) + ", receive ring full " +
+                           std::to_string(in.receiveRingFullDropped) + ", duplicates " +
+                           std::to_string(in.duplicatesDropped);
+        }
     }
     run.sent = sent;
     run.delivered = counter.m_count.load();

@@ -230,3 +230,38 @@ TEST(RawReliableStream, DeliversEveryMessageAcrossTheWrapOnLoopback) {
     EXPECT_EQ(run.delivered, 70000u);
     EXPECT_GT(run.seconds, 0.0);
 }
+
+TEST(RawReliableWindow, CountsItsGoBacksAndResends) {
+    Window window(10, 100);
+    while (window.canSend()) {
+        window.sent();
+    }
+    EXPECT_EQ(window.resent(), 0u);
+    window.onAck(2);
+    window.onNak(3);  // one go-back: 3 to 9 are out again once sent
+    window.onNak(3);  // drawn by 4, out before the go-back: not counted
+    EXPECT_EQ(window.nakGoBacks(), 1u);
+    window.sent();
+    window.sent();
+    EXPECT_EQ(window.resent(), 2u);
+    window.onSilence();
+    EXPECT_EQ(window.silences(), 1u);
+    while (window.canSend()) {
+        window.sent();
+    }
+    // 3 and 4 again, 5 to 9 for the second time, 10 to 12 new.
+    EXPECT_EQ(window.resent(), 9u);
+    EXPECT_EQ(window.nakGoBacks(), 1u);
+}
+
+TEST(RawReliableWindow, ALossLeavesItsAccountAndNoneWithout) {
+    Window clean(10, 40);
+    std::uint64_t delivered = 0;
+    simulate(clean, {}, delivered);
+    EXPECT_EQ(clean.nakGoBacks() + clean.silences() + clean.resent(), 0u);
+    Window lossy(10, 40);
+    const std::uint64_t transmissions = simulate(lossy, {5}, delivered);
+    EXPECT_EQ(lossy.nakGoBacks(), 1u);
+    EXPECT_EQ(lossy.silences(), 0u);
+    EXPECT_EQ(lossy.resent(), transmissions - 40u);
+}
