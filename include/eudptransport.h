@@ -230,6 +230,12 @@ public:
     void setHardening(const EUDPHardening& hardening);
     EUDPHardening getHardening() const;
     bool isHardened() const { return m_bHardened.load(std::memory_order_relaxed); }
+    // A listening transport: the modes every transport it accepts allows, as allowSendMode and
+    // allowReceiveMode would set them, in force before that transport's receiver starts, so that a
+    // mode request right after the handshake already meets them. Set before accept(); neither
+    // realtime nor reliable is refused as allowSendMode refuses it. Every mode unless set.
+    void allowAcceptedSendMode(bool realtime, bool reliable);
+    void allowAcceptedReceiveMode(bool realtime, bool reliable);
     // A listening transport's record of what it accepted and refused (all zero on another).
     TARNListenerStatistics getListenerStatistics() const;
 
@@ -313,6 +319,7 @@ private:
     bool listenerSurvives(sal::UdpSocket* pSocket, int received);
     bool admitConnection(const sal::HostAddress& address, uint16 port);
     void handOnAdmission(EUDPTransport* pPeer, const sal::HostAddress& address);
+    void handOnAllowedModes(EUDPTransport* pPeer) const;
     void countListenerDrop(int kind);
     // An accepted transport gives its place in the listener's counts back as its link ends.
     void leaveAdmission();
@@ -346,6 +353,11 @@ private:
     std::atomic<bool> m_bAllowSendReliable;
     std::atomic<bool> m_bAllowReceiveRealtime;
     std::atomic<bool> m_bAllowReceiveReliable;
+    // What accept() hands to each new transport (allowAcceptedSendMode, allowAcceptedReceiveMode).
+    std::atomic<bool> m_bAcceptedSendRealtime{true};
+    std::atomic<bool> m_bAcceptedSendReliable{true};
+    std::atomic<bool> m_bAcceptedReceiveRealtime{true};
+    std::atomic<bool> m_bAcceptedReceiveReliable{true};
     std::atomic<EConnMode> m_sendMode;
     std::atomic<EConnMode> m_receiveMode;
     std::atomic<std::uint32_t> m_windowSize;

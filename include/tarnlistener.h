@@ -21,6 +21,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include <eudphardening.h>
@@ -104,12 +105,23 @@ public:
     // listen() or bindAndListen(); ignored over TCP. A transport handed to listenOn() keeps its own
     // setting (EUDPTransport::setHardening), which it hands on to what it accepts.
     void setHardening(const EUDPHardening& hardening);
+    // The modes every connection an EUDP listener accepts allows when its peer asks for one
+    // (EUDPTransport::allowSendMode, allowReceiveMode), in force before the accepted transport
+    // receives its first datagram: a request that follows the handshake at once, before
+    // onNewConnection could restrict anything, already meets them. Call before listen() or
+    // bindAndListen(); ignored over TCP and by a transport handed to listenOn(), which keeps its
+    // own (EUDPTransport::allowAcceptedSendMode). Neither realtime nor reliable is refused with an
+    // error line, keeping the setting before. Every mode unless called.
+    void allowAcceptedSendMode(bool realtime, bool reliable);
+    void allowAcceptedReceiveMode(bool realtime, bool reliable);
     // Connections accepted so far and, over EUDP, those still live, the requests refused by cause
     // and what else reached the listening socket (tarnstatistics.h). Any thread, any time; all zero
     // before the accept thread has created its transport.
     TARNListenerStatistics getStatistics() const;
 
 private:
+    ITARNTransport* newTransport() const;  // of m_transportType, set up; null for an unknown kind
+
     ETransport m_transportType;
     std::atomic<ITARNTransport*> m_pTransport;  // created by the thread, disconnected by shutdown
     // Bound by bindAndListen and handed to the next run, which then makes no transport of its own.
@@ -124,6 +136,9 @@ private:
     // shutdown had already looked for it close that transport itself instead of blocking in accept.
     std::atomic<bool> m_bShutdownRequested;
     EUDPHardening m_hardening;  // set before listen(), read by the accept thread
+    // Modes accepted EUDP transports allow: send realtime, send reliable, receive realtime, receive
+    // reliable. Set before listen(), read by the accept thread.
+    bool m_allowed[4] = {true, true, true, true};
     std::atomic<std::uint64_t> m_accepted;
 };
 
@@ -134,14 +149,29 @@ private:
 // connection; the set attaches a relay that hands every callback on to that server unchanged and
 // notes the statuses. The server stays the application's unless add() is told to delete it.
 //
-// Threads: add on any thread; reap, closeAll and the destructor on the application's own threads,
-// never from a callback of a connection in the set (they wait for those callbacks).
+// Threads: add on any thread; reap, close, closeAll and the destructor on the application's own
+// threads, never from a callback of a connection in the set (they wait for those callbacks). Each
+// of them may run on several threads at once: a connection is taken out of the set by exactly one.
 class TARN_EXPORT TARNConnectionSet {
 public:
+    // Called just before the set deletes a connection, with the connection and the server it was
+    // added with (see setEndingHandler).
+    using EndingHandler = std::function<void(TARNConnection* connection, ITARNServer* server)>;
+
     TARNConnectionSet();
     ~TARNConnectionSet();  // closeAll()
     TARNConnectionSet(const TARNConnectionSet&) = delete;
     TARNConnectionSet& operator=(const TARNConnectionSet&) = delete;
+
+    // What the application does just before a connection is deleted: stop a thread of its own
+    // that sends on it, take it out of its own tables. The handler runs on the thread that deletes
+    // the connection (one of those reap, close or closeAll start, several side by side, so it must
+    // be safe to call for different connections at once), once per connection, after its server's
+    // callback for eDisconnected has returned (closeAll and close give up waiting for it after
+    // 30 s) and before the connection, and then a server the set owns, are deleted. The
+    // connection makes no more callbacks by then, but it is not disconnected by the set unless
+    // close or closeAll ended it. Set before the first add; none by default.
+    void setEndingHandler(EndingHandler handler);
 
     // Takes `connection` and attaches `server` (may be null) through the relay. With `deleteServer`
     // the server is deleted right after its connection.
@@ -150,6 +180,10 @@ public:
     // for eDisconnected returned); returns how many are left. Each deletion takes the connection
     // destructor's 200 ms; they run side by side.
     std::size_t reap();
+    // Disconnects `connection`, waits for its statuses (up to 30 s) and deletes it, on the calling
+    // thread; false, touching nothing, when the set does not hold it (never added, or already
+    // taken by reap, closeAll or another close).
+    bool close(TARNConnection* connection);
     // Disconnects every connection, waits for its statuses (up to 30 s each) and deletes it; side
     // by side, like reap.
     void closeAll();

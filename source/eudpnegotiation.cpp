@@ -40,6 +40,32 @@ void EUDPTransport::allowReceiveMode(bool realtime, bool reliable) {
     m_bAllowReceiveReliable.store(reliable);
 }
 
+void EUDPTransport::allowAcceptedSendMode(bool realtime, bool reliable) {
+    if (!realtime && !reliable) {
+        logLine(eError) << "allowing neither realtime nor reliable mode";
+        return;
+    }
+    m_bAcceptedSendRealtime.store(realtime);
+    m_bAcceptedSendReliable.store(reliable);
+}
+
+void EUDPTransport::allowAcceptedReceiveMode(bool realtime, bool reliable) {
+    if (!realtime && !reliable) {
+        logLine(eError) << "allowing neither realtime nor reliable mode";
+        return;
+    }
+    m_bAcceptedReceiveRealtime.store(realtime);
+    m_bAcceptedReceiveReliable.store(reliable);
+}
+
+// Called by accept() before the new transport's receiver starts.
+void EUDPTransport::handOnAllowedModes(EUDPTransport* pPeer) const {
+    pPeer->m_bAllowSendRealtime.store(m_bAcceptedSendRealtime.load());
+    pPeer->m_bAllowSendReliable.store(m_bAcceptedSendReliable.load());
+    pPeer->m_bAllowReceiveRealtime.store(m_bAcceptedReceiveRealtime.load());
+    pPeer->m_bAllowReceiveReliable.store(m_bAcceptedReceiveReliable.load());
+}
+
 // setSendMode changes how the peer sends, so this side receives in that mode afterwards.
 bool EUDPTransport::setSendMode(EConnMode mode) {
     std::uint32_t requested = static_cast<std::uint32_t>(mode) & 0xFF;

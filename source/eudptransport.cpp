@@ -255,6 +255,7 @@ ITARNTransport* EUDPTransport::accept() {
             return nullptr;
         }
         handOnAdmission(pPeer, fromAddress);
+        handOnAllowedModes(pPeer);
         pPeer->m_receiveSeq.setFromWord(static_cast<std::int32_t>(value + 1u));
         pPeer->m_reserved = 0;
         // The new object's socket is unbound: this first send gives it the ephemeral port that

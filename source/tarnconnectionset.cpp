@@ -1,10 +1,12 @@
 // TARNConnectionSet: accepted connections with the statuses they reported, deleted once ended.
 #include <tarnlistener.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -16,8 +18,9 @@ namespace {
 // (its destructor still waits for the receive thread).
 const std::chrono::seconds kStatusWait(30);
 
-// Deletions at the same moment: each mostly waits out the destructor's pause.
-const std::size_t kParallelDeletes = 64;
+// The most deletions at the same moment: each mostly waits out the destructor's pause, so many at
+// once cost little.
+const std::size_t kParallelDeletes = 256;
 
 }  // namespace
 
@@ -70,16 +73,27 @@ public:
         changed.notify_all();
     }
 
-    // Disconnects (when asked), waits for both statuses, deletes; several entries side by side.
+    // Disconnects (when asked), waits for both statuses, deletes; up to kParallelDeletes threads
+    // take the entries in turn. A thread that cannot be started (a process at its thread limit)
+    // leaves its share to the others, or to the calling thread when none started.
     void end(std::vector<std::unique_ptr<Entry>>& ending, bool disconnect) {
-        for (std::size_t first = 0; first < ending.size(); first += kParallelDeletes) {
-            std::vector<std::thread> wave;
-            for (std::size_t i = first; i < ending.size() && i < first + kParallelDeletes; ++i) {
-                wave.emplace_back([this, &ending, i, disconnect] { endOne(*ending[i], disconnect); });
+        std::atomic<std::size_t> next(0);
+        auto work = [this, &ending, &next, disconnect] {
+            for (std::size_t i = next++; i < ending.size(); i = next++) {
+                endOne(*ending[i], disconnect);
             }
-            for (std::thread& thread : wave) {
-                thread.join();
+        };
+        std::vector<std::thread> workers;
+        for (std::size_t i = 1; i < ending.size() && workers.size() < kParallelDeletes; ++i) {
+            try {
+                workers.emplace_back(work);
+            } catch (const std::system_error&) {
+                break;
             }
+        }
+        work();
+        for (std::thread& worker : workers) {
+            worker.join();
         }
         ending.clear();  // the relays go after their connections
     }
@@ -92,12 +106,30 @@ public:
             std::unique_lock<std::mutex> lock(mutex);
             changed.wait_for(lock, kStatusWait, [&entry] { return entry.ended(); });
         }
+        if (endingHandler) {
+            endingHandler(entry.connection, entry.server);
+        }
         delete entry.connection;
+    }
+
+    // Takes the entry of `connection` out of the set; null when it holds none.
+    std::unique_ptr<Entry> take(TARNConnection* connection) {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (std::unique_ptr<Entry>& entry : entries) {
+            if (entry->connection == connection) {
+                std::unique_ptr<Entry> taken = std::move(entry);
+                entry = std::move(entries.back());
+                entries.pop_back();
+                return taken;
+            }
+        }
+        return nullptr;
     }
 
     mutable std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::unique_ptr<Entry>> entries;
+    EndingHandler endingHandler;  // set before the first add, read by the deleting threads
 };
 
 TARNConnectionSet::TARNConnectionSet() : m_pImpl(new Impl) {}
@@ -105,6 +137,10 @@ TARNConnectionSet::TARNConnectionSet() : m_pImpl(new Impl) {}
 TARNConnectionSet::~TARNConnectionSet() {
     closeAll();
     delete m_pImpl;
+}
+
+void TARNConnectionSet::setEndingHandler(EndingHandler handler) {
+    m_pImpl->endingHandler = std::move(handler);
 }
 
 void TARNConnectionSet::add(TARNConnection* connection, ITARNServer* server, bool deleteServer) {
@@ -128,6 +164,15 @@ std::size_t TARNConnectionSet::reap() {
     }
     m_pImpl->end(ended, false);
     return left;
+}
+
+bool TARNConnectionSet::close(TARNConnection* connection) {
+    std::unique_ptr<Impl::Entry> entry = m_pImpl->take(connection);
+    if (!entry) {
+        return false;
+    }
+    m_pImpl->endOne(*entry, true);
+    return true;
 }
 
 void TARNConnectionSet::closeAll() {

@@ -76,14 +76,8 @@ bool TARNListener::listen(const std::string& address, uint16 port, ITARNConnecto
 // The transport is made and bound here, on the caller's thread; a run takes it over instead of
 // making its own. An unknown transport kind is refused like an address that cannot be bound.
 bool TARNListener::bindAndListen(const std::string& address, uint16 port, ITARNConnector* connector) {
-    ITARNTransport* transport = nullptr;
-    if (m_transportType == eTransportTCP) {
-        transport = new TCPTransport();
-    } else if (m_transportType == eTransportEUDP) {
-        EUDPTransport* eudp = new EUDPTransport();
-        eudp->setHardening(m_hardening);
-        transport = eudp;
-    } else {
+    ITARNTransport* const transport = newTransport();
+    if (transport == nullptr) {
         return false;
     }
     if (!transport->listen(sal::HostAddress(address), port)) {
@@ -149,6 +143,44 @@ void TARNListener::setHardening(const EUDPHardening& hardening) {
     m_hardening = hardening;
 }
 
+// Neither realtime nor reliable is refused, as the transport refuses it, and the setting before
+// stays.
+void TARNListener::allowAcceptedSendMode(bool realtime, bool reliable) {
+    if (!realtime && !reliable) {
+        tarnLog().getErrorStream() << "TARN: allowing neither realtime nor reliable mode";
+        return;
+    }
+    m_allowed[0] = realtime;
+    m_allowed[1] = reliable;
+}
+
+void TARNListener::allowAcceptedReceiveMode(bool realtime, bool reliable) {
+    if (!realtime && !reliable) {
+        tarnLog().getErrorStream() << "TARN: allowing neither realtime nor reliable mode";
+        return;
+    }
+    m_allowed[2] = realtime;
+    m_allowed[3] = reliable;
+}
+
+ITARNTransport* TARNListener::newTransport() const {
+    if (m_transportType == eTransportTCP) {
+        return new TCPTransport();
+    }
+    if (m_transportType != eTransportEUDP) {
+        return nullptr;
+    }
+    EUDPTransport* const eudp = new EUDPTransport();
+    eudp->setHardening(m_hardening);
+    if (!m_allowed[0] || !m_allowed[1]) {
+        eudp->allowAcceptedSendMode(m_allowed[0], m_allowed[1]);
+    }
+    if (!m_allowed[2] || !m_allowed[3]) {
+        eudp->allowAcceptedReceiveMode(m_allowed[2], m_allowed[3]);
+    }
+    return eudp;
+}
+
 TARNListenerStatistics TARNListener::getStatistics() const {
     TARNListenerStatistics out;
     const EUDPTransport* eudp = dynamic_cast<const EUDPTransport*>(m_pTransport.load());
@@ -163,18 +195,9 @@ void TARNListener::run() {
     ITARNTransport* transport = m_pBound.exchange(nullptr);  // bound by bindAndListen, if any
     const bool bound = transport != nullptr;
     if (!bound) {
-        switch (m_transportType) {
-            case eTransportEUDP: {
-                EUDPTransport* eudp = new EUDPTransport();
-                eudp->setHardening(m_hardening);
-                transport = eudp;
-                break;
-            }
-            case eTransportTCP:
-                transport = new TCPTransport();
-                break;
-            default:
-                SAL_ASSERT_AT(false, kUnit, 89, "void TARNListener::run()");
+        transport = newTransport();
+        if (transport == nullptr) {
+            SAL_ASSERT_AT(false, kUnit, 89, "void TARNListener::run()");  // an unknown kind
         }
     }
     // A transport of an earlier run is overwritten, not deleted.

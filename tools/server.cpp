@@ -1,6 +1,5 @@
 #include "server.h"
 
-#include <algorithm>
 #include <chrono>
 
 #include <sal/hostaddress.h>
@@ -12,10 +11,6 @@
 namespace tarncli {
 
 namespace {
-
-// The most connections closed at the same moment by stop(). Closing one mostly waits (its
-// destructor gives the receive thread time to leave), so many at once cost little.
-const std::size_t kParallelCloses = 256;
 
 // After a failed accept that left the listening transport open (out of descriptors, say), the
 // accept thread waits this long before it tries again, so that it does not spin.
@@ -64,25 +59,12 @@ public:
         m_gate.push(event);
     }
 
-    // Disconnects and deletes the connection; waits for its receive thread. A connection that
-    // ended at once may be closed while the accept thread is still returning from starting it:
-    // that is waited for first.
-    void close() {
-        while (!m_bStarted.load()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        m_bClosing = true;
-        m_pConnection->disconnect();
-        delete m_pConnection;
-    }
-
     const int m_id;
-    TARNConnection* const m_pConnection;  // owned by the StateServer
+    TARNConnection* const m_pConnection;  // owned by m_connections
     EUDPTransport* const m_pEudp;         // owned by m_pConnection; null over TCP
     const std::string m_peer;
     std::set<std::string> m_subscriptions;  // main thread only
     std::atomic<bool> m_bClosing{false};    // this side is ending the connection
-    std::atomic<bool> m_bStarted{false};    // the accept thread is done with the connection
 
 private:
     Event make(EventKind kind) const {
@@ -119,6 +101,10 @@ StateServer::ListenResult StateServer::listen(const std::string& address, std::u
     if (m_kind == eTransportEUDP) {
         EUDPTransport* eudp = new EUDPTransport();
         eudp->setHardening(m_hardening);
+        // In force before each accepted transport's receiver starts: a mode request right after
+        // the handshake already meets them.
+        eudp->allowAcceptedSendMode(m_allow[0], m_allow[1]);
+        eudp->allowAcceptedReceiveMode(m_allow[2], m_allow[3]);
         listening = eudp;
     } else if (m_kind == kTransportTls) {
         listening = newTlsListeningTransport();
@@ -170,53 +156,42 @@ void StateServer::acceptLoop() {
 }
 
 void StateServer::adopt(ITARNTransport* transport) {
-    EUDPTransport* eudp = nullptr;
-    if (m_kind == eTransportEUDP) {
-        eudp = static_cast<EUDPTransport*>(transport);
-        eudp->allowSendMode(m_allow[0], m_allow[1]);
-        eudp->allowReceiveMode(m_allow[2], m_allow[3]);
-    }
+    EUDPTransport* const eudp = m_kind == eTransportEUDP ? static_cast<EUDPTransport*>(transport) : nullptr;
     TARNConnection* const connection = new TARNConnection(transport);
     const std::string peer = hostPort(connection->getPeerAddress(), connection->getPeerPort());
-    Session* started = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const int id = m_nextId++;
-        std::unique_ptr<Session> session(new Session(id, connection, eudp, peer, m_queue));
+        Session* const session = new Session(id, connection, eudp, peer, m_queue);
         // Attached before the connection starts: every command from the first packet on, and the
-        // connected status, reach the session.
-        connection->setServer(session.get());
-        started = session.get();
-        m_sessions[id] = std::move(session);
+        // connected status, reach the session. The set deletes the session after its connection.
+        m_connections.add(connection, session, true);
+        m_sessions[id] = session;
     }
     connection->start();
     connection->updateStatus(eConnected);
-    // A connection that ended at once may be closing on the main thread's behalf already (its
-    // Disconnected came out with the connected status); close() waits for this mark.
-    started->m_bStarted = true;
 }
 
 StateServer::Session* StateServer::find(int id) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto it = m_sessions.find(id);
-    return it == m_sessions.end() ? nullptr : it->second.get();
+    return it == m_sessions.end() ? nullptr : it->second;
 }
 
 void StateServer::reap(int id) {
-    std::shared_ptr<Session> session;
+    TARNConnection* connection = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const auto it = m_sessions.find(id);
         if (it == m_sessions.end()) {
             return;
         }
-        session = std::move(it->second);
+        connection = it->second->m_pConnection;
         m_sessions.erase(it);
     }
     // The connection's receive thread has ended (its Disconnected event is being handled); the
-    // deletion still waits a while, so it runs beside the main thread. Connection first, then the
-    // session it called.
-    m_closing.push_back(std::async(std::launch::async, [session] { session->close(); }));
+    // deletion still waits a while, so it runs beside the main thread.
+    m_closing.push_back(std::async(std::launch::async, [this, connection] { m_connections.close(connection); }));
     m_closing.remove_if([](const std::future<void>& closing) {
         return closing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     });
@@ -258,7 +233,7 @@ StateServer::Delivery StateServer::sendToSubscribers(const std::string& name, co
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto& entry : m_sessions) {
             if (entry.second->m_subscriptions.count(name) != 0) {
-                targets.push_back(entry.second.get());
+                targets.push_back(entry.second);
             }
         }
     }
@@ -339,28 +314,14 @@ void StateServer::stop() {
         delete m_pListening;
         m_pListening = nullptr;
     }
-    std::vector<std::unique_ptr<Session>> sessions;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& entry : m_sessions) {
-            sessions.push_back(std::move(entry.second));
+            entry.second->m_bClosing = true;  // their Disconnected events tell this side ended them
         }
         m_sessions.clear();
     }
-    // Every connection at once, on up to kParallelCloses threads that take them in turn.
-    std::atomic<std::size_t> next{0};
-    std::vector<std::thread> closers;
-    const std::size_t threads = std::min(sessions.size(), kParallelCloses);
-    for (std::size_t i = 0; i < threads; ++i) {
-        closers.emplace_back([&sessions, &next] {
-            for (std::size_t k = next++; k < sessions.size(); k = next++) {
-                sessions[k]->close();
-            }
-        });
-    }
-    for (std::thread& closer : closers) {
-        closer.join();
-    }
+    m_connections.closeAll();
     for (std::future<void>& closing : m_closing) {
         closing.wait();
     }

@@ -2,15 +2,15 @@
 // accepts, a table of named states and each connection's subscriptions.
 //
 // The tool accepts on a transport of its own rather than through a TARNListener so that it can
-// set each accepted EUDP transport's allowed modes before the connection starts, keep that
-// transport at hand to show the modes a request left, and tell a peer that stopped answering from
-// one that closed; and so that a port that cannot be bound is known before anything starts.
+// keep each accepted EUDP transport at hand to show the modes a request left, and tell a peer that
+// stopped answering from one that closed; and so that a port that cannot be bound is known before
+// anything starts.
 //
-// Ownership: StateServer owns the listening transport, the accept thread and every connection it
-// accepted, each with the Session that serves it. A connection is disconnected and deleted off the
-// main thread (its destructor waits for its receive thread, which takes a while) once its
-// Disconnected event has been handled, or by stop(); always before its Session, never from a
-// callback.
+// Ownership: StateServer owns the listening transport and the accept thread; its
+// TARNConnectionSet owns every connection accepted, each with the Session that serves it. A
+// connection is disconnected and deleted off the main thread (its destructor waits for its receive
+// thread, which takes a while) once its Disconnected event has been handled, or by stop(); the set
+// deletes it before its Session, never from a callback.
 //
 // Threads: the accept thread adds sessions under m_mutex; each Session's callbacks run on its
 // connection's receive thread and only push events. Everything else (handle, set, trigger, the
@@ -33,6 +33,7 @@
 
 #include <eudptransport.h>
 #include <tarnconnection.h>
+#include <tarnlistener.h>
 
 #include "events.h"
 
@@ -119,8 +120,10 @@ private:
     std::thread m_acceptor;
     std::atomic<bool> m_bStopping{false};
 
+    // Declared before the sessions' table: destroyed after it, and the sessions are the set's.
+    TARNConnectionSet m_connections;
     mutable std::mutex m_mutex;  // guards m_sessions and m_nextId
-    std::map<int, std::unique_ptr<Session>> m_sessions;
+    std::map<int, Session*> m_sessions;  // owned by m_connections
     int m_nextId = 1;
     EUDPHardening m_hardening;
 

@@ -137,6 +137,23 @@ TEST(CliServeNegotiation, AllowSendAndReceiveDecideHowTheServerAnswers) {
     EXPECT_EQ(serve.quit(), 0);
 }
 
+TEST(CliServeNegotiation, AllowedModesMeetARequestSentRightAfterTheHandshake) {
+    ServeProcess serve("eudp", {"--allow-send", "realtime"});
+    ASSERT_NE(serve.port(), 0);
+    RawEudpClient client;
+    ASSERT_TRUE(client.connect(serve.port()));
+    // Both requests follow the ACK at once, before the tool has taken the connection on.
+    ASSERT_TRUE(client.sendTo("MOD", modWord('R', 'D')));
+    ASSERT_TRUE(client.sendTo("MOD", modWord('T', 'D')));
+    std::uint32_t word = 0;
+    ASSERT_TRUE(client.receiveMak(word, kWaitMs));
+    // The first answer is the second request's: the refused one got none.
+    EXPECT_EQ(word & 0xFF, static_cast<std::uint32_t>('T'));
+    EXPECT_EQ((word >> 8) & 0xFF, static_cast<std::uint32_t>('T'));
+    EXPECT_TRUE(startsWith(serve.next(), "[1] connected 127.0.0.1:"));
+    EXPECT_EQ(serve.quit(), 0);
+}
+
 TEST(CliServeNegotiation, ARefusalCanBeTriedWithTheToolAlone) {
     ServeProcess serve("eudp", {"--allow-send", "realtime"});
     ASSERT_NE(serve.port(), 0);

@@ -104,10 +104,34 @@ void SeqServer::onCallFunctionId(const std::string& name, const ParameterList& p
     }
 }
 
+Accepted::Accepted() {
+    m_set.setEndingHandler([this](TARNConnection* connection, ITARNServer* server) {
+        // The server's stream thread sends on the connection: it stops first.
+        static_cast<SeqServer*>(server)->stopStreaming();
+        forget(connection);
+    });
+}
+
+Accepted::~Accepted() {
+    closeAll();
+}
+
 void Accepted::add(TARNConnection* connection, SeqServer* server) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_connections.push_back(connection);
+        m_servers.push_back(server);
+    }
+    m_set.add(connection, server);
+}
+
+void Accepted::forget(TARNConnection* connection) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_connections.push_back(connection);
-    m_servers.push_back(server);
+    for (TARNConnection*& known : m_connections) {
+        if (known == connection) {
+            known = nullptr;
+        }
+    }
 }
 
 std::size_t Accepted::count() const {
@@ -135,81 +159,19 @@ int Accepted::findByPeerPort(uint16 port) const {
     return -1;
 }
 
-namespace {
-
-// Ends connections in parallel waves: each deletion waits 200 ms by design, and a server that
-// deleted hundreds of ended connections one after the other would fall minutes behind.
-void endConnections(const std::vector<std::pair<TARNConnection*, SeqServer*>>& ended, bool deleteServers) {
-    const std::size_t kWave = 64;
-    for (std::size_t first = 0; first < ended.size(); first += kWave) {
-        std::vector<std::thread> wave;
-        for (std::size_t i = first; i < ended.size() && i < first + kWave; ++i) {
-            auto end = [&ended, i] {
-                ended[i].first->disconnect();
-                waitUntil(
-                    [&] { return ended[i].second->disconnects() > 0 && ended[i].second->connects() > 0; },
-                    30000);
-                ended[i].second->stopStreaming();
-                delete ended[i].first;
-            };
-            // A process at its thread limit (a flood of connections) ends this one on its own.
-            try {
-                wave.emplace_back(end);
-            } catch (const std::system_error&) {
-                end();
-            }
-        }
-        for (std::thread& thread : wave) {
-            thread.join();
-        }
-    }
-    if (deleteServers) {
-        for (const auto& entry : ended) {
-            delete entry.second;
-        }
-    }
-}
-
-}  // namespace
-
+// The recorders stay (tests read them after the connection ended); closeAll deletes them.
 std::size_t Accepted::reap() {
-    std::vector<std::pair<TARNConnection*, SeqServer*>> ended;
-    std::size_t left = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (std::size_t i = 0; i < m_connections.size(); ++i) {
-            // eConnected as well: the listener reports it after starting the connection, so a peer
-            // that went away at once may make the receive thread report eDisconnected first, while
-            // the listener's thread is still in updateStatus.
-            if (m_connections[i] != nullptr && m_servers[i]->disconnects() > 0 &&
-                m_servers[i]->connects() > 0) {
-                ended.emplace_back(m_connections[i], m_servers[i]);
-                m_connections[i] = nullptr;
-            } else if (m_connections[i] != nullptr) {
-                ++left;
-            }
-        }
-    }
-    // The recorders stay (tests read them after the connection ended); closeAll deletes them.
-    endConnections(ended, false);
-    return left;
+    return m_set.reap();
 }
 
 void Accepted::closeAll() {
-    std::vector<TARNConnection*> connections;
+    m_set.closeAll();
     std::vector<SeqServer*> servers;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        connections.swap(m_connections);
+        m_connections.clear();
         servers.swap(m_servers);
     }
-    std::vector<std::pair<TARNConnection*, SeqServer*>> live;
-    for (std::size_t i = 0; i < connections.size(); ++i) {
-        if (connections[i] != nullptr) {
-            live.emplace_back(connections[i], servers[i]);
-        }
-    }
-    endConnections(live, false);
     for (SeqServer* server : servers) {
         delete server;
     }
@@ -221,9 +183,7 @@ class Connector : public ITARNConnector {
 public:
     explicit Connector(Accepted& accepted) : m_accepted(accepted) {}
     void onNewConnection(TARNConnection* connection) override {
-        SeqServer* server = new SeqServer(connection);
-        connection->setServer(server);
-        m_accepted.add(connection, server);
+        m_accepted.add(connection, new SeqServer(connection));
     }
 
 private:

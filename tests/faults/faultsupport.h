@@ -4,7 +4,7 @@
 // figures (resident memory, threads) read from /proc.
 //
 // Ownership: TestServer owns its listener and, through Accepted, every accepted connection and its
-// SeqServer; a connection is deleted only after its receive thread reported eDisconnected.
+// SeqServer; a connection is deleted by a TARNConnectionSet, only after it reported eDisconnected.
 // Threads: the recorders are called on connections' receive threads and read from the test thread.
 #ifndef TARN_TESTS_FAULTS_FAULTSUPPORT_H
 #define TARN_TESTS_FAULTS_FAULTSUPPORT_H
@@ -88,25 +88,33 @@ private:
     std::unique_ptr<std::thread> m_pStream;
 };
 
-// The connections a listener handed out, each with its SeqServer.
+// The connections a listener handed out, each with its SeqServer, in the order they came; a
+// TARNConnectionSet owns the connections, the servers stay until closeAll.
 class Accepted {
 public:
-    ~Accepted() { closeAll(); }
+    Accepted();
+    ~Accepted();
+    Accepted(const Accepted&) = delete;
+    Accepted& operator=(const Accepted&) = delete;
     void add(TARNConnection* connection, SeqServer* server);
-    std::size_t count() const;
+    std::size_t count() const;  // every connection added, deleted ones too
+    // Null once the connection was deleted.
     TARNConnection* connection(std::size_t i) const;
     SeqServer* server(std::size_t i) const;
     // The accepted connection whose peer is this client port; -1 when there is none.
     int findByPeerPort(uint16 port) const;
-    // Deletes the connections that have reported eDisconnected; returns how many are left.
+    // Deletes the connections that have ended (both statuses reported); returns how many are left.
     std::size_t reap();
-    // Disconnects every connection, waits for its eDisconnected and deletes it.
+    // Disconnects every connection, waits for its eDisconnected and deletes it, then the servers.
     void closeAll();
 
 private:
+    void forget(TARNConnection* connection);  // just before the set deletes it
+
     mutable std::mutex m_mutex;
     std::vector<TARNConnection*> m_connections;
     std::vector<SeqServer*> m_servers;
+    TARNConnectionSet m_set;  // declared last: gone before what its ending handler touches
 };
 
 // A listener on 127.0.0.1 (ephemeral port) that keeps what it accepts in an Accepted.
