@@ -191,7 +191,8 @@ void StateServer::reap(int id) {
     }
     // The connection's receive thread has ended (its Disconnected event is being handled); the
     // deletion still waits a while, so it runs beside the main thread.
-    m_closing.push_back(std::async(std::launch::async, [this, connection] { m_connections.close(connection); }));
+    m_closing.push_back(
+        std::async(std::launch::async, [this, connection] { m_connections.close(connection); }));
     m_closing.remove_if([](const std::future<void>& closing) {
         return closing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     });

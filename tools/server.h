@@ -122,7 +122,7 @@ private:
 
     // Declared before the sessions' table: destroyed after it, and the sessions are the set's.
     TARNConnectionSet m_connections;
-    mutable std::mutex m_mutex;  // guards m_sessions and m_nextId
+    mutable std::mutex m_mutex;          // guards m_sessions and m_nextId
     std::map<int, Session*> m_sessions;  // owned by m_connections
     int m_nextId = 1;
     EUDPHardening m_hardening;

@@ -120,5 +120,6 @@ TEST(AcceptedModes, NeitherModeIsRefusedAndTheSettingBeforeStays) {
     listener.allowAcceptedSendMode(false, false);
     const std::uint32_t word = firstAnswer(listener, modWord('R', 'D'), modWord('T', 'D'));
     EXPECT_EQ(static_cast<std::uint32_t>('T'), byteOf(word, 0)) << std::hex << word;
-    EXPECT_NE(std::string::npos, log.dump().find("allowing neither realtime nor reliable mode")) << log.dump();
+    EXPECT_NE(std::string::npos, log.dump().find("allowing neither realtime nor reliable mode"))
+        << log.dump();
 }
