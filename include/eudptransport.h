@@ -253,10 +253,12 @@ private:
     bool sendAliveWithoutWaiting();
     bool closeOnSilence();
 
-    // sendData's parts, with m_sendMutex held; both give it back. refuseClosedLocked logs the
-    // refusal and answers false; queueLocked numbers the message and sends or queues it.
+    // sendData's parts, with m_sendMutex held; all give it back. refuseClosedLocked logs the
+    // refusal and answers false; queueLocked numbers the message and sends or queues it;
+    // sendOutsideLock sends queueLocked's reliable datagram once the lock is given back.
     bool refuseClosedLocked();
     void queueLocked(const uint8* data, uint length);
+    void sendOutsideLock(const EUDPPacket& packet);
 
     // The sender thread's loop, cut at the places where it waits (eudpsender.cpp). A wait for
     // data (m_sendWakeSem's role) or for an acknowledgement within 500 ms (m_ackSem's role), before
@@ -388,6 +390,11 @@ private:
     bool m_bWakePending{false};
     bool m_bSleepsUntimed{false};
     std::atomic<std::uint64_t> m_senderWakeUps{0};  // the sender thread's returns from sleep
+    // Held around every send of a data datagram, and taken only with m_sendMutex held (before it
+    // is given back when the send follows it): the datagrams leave in the order in which they
+    // were taken for sending, and whoever holds m_sendMutex and finds it free can take it
+    // without waiting.
+    std::mutex m_wireLock;
     // The reading turn: whoever holds m_readLock may read the socket and handle what it reads, so
     // datagrams are handled one at a time in arrival order whichever thread reads them. The
     // receiver thread holds it while it handles what woke it; a receiveData caller with nothing

@@ -83,8 +83,9 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
 
     // A realtime datagram that would be the only one in the ring, with the sender thread free to
     // send it at once, leaves from here: the sender thread sends everything it takes from the ring
-    // under this lock, so nothing queued earlier can still be on its way, and the wire sees the
-    // same datagrams in the same order without a hand-over to that thread. A zero window makes the
+    // under this lock (and m_wireLock, which a reliable datagram sent from here holds until it has
+    // left), so nothing queued earlier can still be on its way, and the wire sees the same
+    // datagrams in the same order without a hand-over to that thread. A zero window makes the
     // sender wait before each pass (when the unacknowledged count has reached the window), so then
     // the datagram takes the usual way and keeps that wait; so does one queued while no sender thread
     // runs (before a connection is made, or after a refused answer to CON), which stays queued.
@@ -92,6 +93,7 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
         m_unacked.load() != m_windowSize.load()) {
         sal::UdpSocket* pSocket = m_pSocket.load();
         if (pSocket != nullptr) {
+            std::lock_guard<std::mutex> wire(m_wireLock);  // after a reliable datagram on its way
             pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
                             m_peerPort.load());
             m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
@@ -108,21 +110,45 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
     // counted as that thread would count it, and stays in the ring until acknowledged. The sender
     // then waits for the acknowledgement (resending after 500 ms) as if it had sent it itself; its
     // thread is woken for that only when it sleeps without a limit (giveDataLocked).
+    bool bSend = false;
     if (bOnlyOne && m_bSenderActive.load() && m_sendMode.load() == eReliable &&
         static_cast<std::int32_t>(m_unacked.load()) < static_cast<std::int32_t>(m_windowSize.load())) {
         const std::int32_t word = static_cast<std::int32_t>(packet.getValue());
-        sal::UdpSocket* pSocket = m_pSocket.load();
-        if (ModuloValue::distance(word, m_lastSent.getValue()) > 0 && pSocket != nullptr) {
-            pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
-                            m_peerPort.load());
-            m_counters.countSentData(word, packet.m_length - EUDPPacket::HEADER_LENGTH, true);
+        if (ModuloValue::distance(word, m_lastSent.getValue()) > 0 && m_pSocket.load() != nullptr) {
             m_unacked.fetch_add(1);
             m_lastSent.setFromWord(word);
+            bSend = true;
         }
+    }
+    if (bSend) {
+        sendOutsideLock(packet);
+        return;
     }
     // The lock goes first, so that a woken sender thread finds the ring free at once.
     const bool bWake = giveDataLocked();
     m_sendMutex.give();
+    if (bWake) {
+        m_sendWakeSem.give();
+    }
+}
+
+// The reliable send of queueLocked, with m_sendMutex held: the datagram leaves after that lock is
+// given back, so that the acknowledgement, which needs that lock and may come back before the
+// send returns (the peer woken by it can run first and answer), never waits for this thread.
+// m_wireLock, taken before the lock is given, keeps the datagrams in their order: every data
+// datagram leaves under it.
+void EUDPTransport::sendOutsideLock(const EUDPPacket& packet) {
+    std::unique_lock<std::mutex> wire(m_wireLock);
+    const bool bWake = giveDataLocked();
+    m_sendMutex.give();
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    if (pSocket != nullptr) {
+        pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
+                        m_peerPort.load());
+        m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
+                                 packet.m_length - EUDPPacket::HEADER_LENGTH, true);
+    }
+    wire.unlock();
     if (bWake) {
         m_sendWakeSem.give();
     }
@@ -262,8 +288,10 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
                        : SenderStep::eNeedsThread;
         }
         m_sendMutex.take();
+        std::unique_lock<std::mutex> wire(m_wireLock);  // after a datagram sent from sendData
         bool sent = sendNextReliable(m_sendBuffer, m_unacked, m_windowSize, m_lastSent, pSocket,
                                      m_peerAddress, m_peerPort.load(), m_counters);
+        wire.unlock();
         m_sendMutex.give();
         return sent ? SenderStep::eAfterPass : SenderStep::eWaitAckAfterPass;
     }
@@ -271,6 +299,7 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
         return m_sendBuffer.isEmpty() ? SenderStep::eAfterPass : SenderStep::eNeedsThread;
     }
     m_sendMutex.take();
+    std::unique_lock<std::mutex> wire(m_wireLock);  // after a datagram sent from sendData
     while (!m_sendBuffer.isEmpty()) {
         EUDPPacket& packet = m_sendBuffer.front();
         m_sendSpaceSem.give();
@@ -281,6 +310,7 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
         m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
                                  packet.m_length - EUDPPacket::HEADER_LENGTH, false);
     }
+    wire.unlock();
     m_sendMutex.give();
     return SenderStep::eAfterPass;
 }

@@ -49,9 +49,9 @@ void EUDPTransport::onSendAliveTimer() {
 }
 
 // The keep-alive as onSendAliveTimer sends it, unless that would mean waiting: for the send lock,
-// which the sender thread may hold for a whole realtime pass, or for room in a full ring. Then it
-// declines and onSendAliveTimer runs on a worker; the final timer it has already armed is not
-// postponed by the second start.
+// which the sender thread may hold for a whole realtime pass, for a data datagram on its way, or
+// for room in a full ring. Then it declines and onSendAliveTimer runs on a worker; the final timer
+// it has already armed is not postponed by the second start.
 bool EUDPTransport::sendAliveWithoutWaiting() {
     m_aliveTimer.start(FINAL_WAIT_US, true);
     if (m_sendMutex.take(0) != 0) {
@@ -65,6 +65,13 @@ bool EUDPTransport::sendAliveWithoutWaiting() {
         m_sendMutex.give();
         return false;
     }
+    // Nor for a datagram still on its way from sendData: it holds m_wireLock, which the send needs.
+    // Only a holder of m_sendMutex takes that lock, so it stays free until queueLocked sends.
+    if (!m_wireLock.try_lock()) {
+        m_sendMutex.give();
+        return false;
+    }
+    m_wireLock.unlock();
     queueLocked(nullptr, 0);
     return true;
 }

@@ -196,6 +196,9 @@ EUDPTransport::~EUDPTransport() {
     m_receiveMutex.give();
     m_sendMutex.take();
     m_sendMutex.give();
+    // A datagram that sendData sends after giving m_sendMutex back leaves under m_wireLock.
+    m_wireLock.lock();
+    m_wireLock.unlock();
     // A reader that waited in receiveData last touched the socket (its watch) under m_readLock.
     m_readLock.lock();
     m_readLock.unlock();

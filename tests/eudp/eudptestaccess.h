@@ -27,6 +27,13 @@ public:
     static RingBuffer<EUDPPacket>& sendBuffer(EUDPTransport& t) { return t.m_sendBuffer; }
     static RingBuffer<EUDPPacket>& receiveBuffer(EUDPTransport& t) { return t.m_receiveBuffer; }
     static sal::MutexSemaphore& sendMutex(EUDPTransport& t) { return t.m_sendMutex; }
+    static std::mutex& wireLock(EUDPTransport& t) { return t.m_wireLock; }
+    // Whether the sender waits for an acknowledgement (its thread sending nothing until then).
+    static bool senderWaitsForAck(EUDPTransport& t) {
+        std::lock_guard<std::mutex> lock(t.m_senderLock);
+        return t.m_senderWait == EUDPTransport::SenderStep::eWaitAckAfterPass ||
+               t.m_senderWait == EUDPTransport::SenderStep::eWaitAckBeforePass;
+    }
     static sal::BinarySemaphore& sendSpaceSem(EUDPTransport& t) { return t.m_sendSpaceSem; }
     static sal::BinarySemaphore& ackSem(EUDPTransport& t) { return t.m_ackSem; }
     static sal::BinarySemaphore& modeSem(EUDPTransport& t) { return t.m_modeSem; }

@@ -174,6 +174,101 @@ TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
     }
 }
 
+// Reliable messages from several threads while the peer acknowledges each one as it comes: the
+// datagrams that leave from sendData itself and those the sender thread sends keep the order of
+// their numbers on the wire. Only a resend may carry a number already seen.
+TEST(EUDPSender, ConcurrentReliableSendersKeepNumbersInWireOrder) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    constexpr int kThreads = 4;
+    constexpr int kEach = 40;
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&peer, t] {
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_TRUE(send(*peer.server, std::to_string(t) + ":" + std::to_string(i)));
+            }
+        });
+    }
+    std::vector<int> nextOfThread(kThreads, 0);
+    std::uint32_t next = 0;
+    while (next < static_cast<std::uint32_t>(kThreads * kEach)) {
+        Bytes datagram;
+        if (!peer.next(datagram, 5000)) {
+            ADD_FAILURE() << "datagram " << next << " missing";
+            break;
+        }
+        ASSERT_EQ("CMD", commandOf(datagram));
+        const std::uint32_t number = le32(datagram, 4);
+        ASSERT_LE(number, next) << "a datagram overtook " << next;
+        if (number < next) {
+            continue;  // a resend
+        }
+        std::string text(datagram.begin() + 8, datagram.end());
+        int thread = text[0] - '0';
+        ASSERT_GE(thread, 0);
+        ASSERT_LT(thread, kThreads);
+        EXPECT_EQ(
+            std::to_string(thread) + ":" + std::to_string(nextOfThread[static_cast<std::size_t>(thread)]),
+            text);
+        ++nextOfThread[static_cast<std::size_t>(thread)];
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", number)));
+        ++next;
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::sendQueued(*peer.server) == 0; }, 3000));
+}
+
+// An acknowledgement is taken in without the lock that a data datagram on its way holds, so a
+// send that is slow to come back (its wake-up of the peer may put the sending thread aside) does
+// not hold it up.
+TEST(EUDPSender, AcknowledgementIsHandledWhileADatagramIsOnItsWay) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    makeReliable(peer);
+    ASSERT_TRUE(send(*peer.server, "a"));
+    Bytes datagram;
+    ASSERT_TRUE(peer.next(datagram));
+    ASSERT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("a"))), hex(datagram));
+    ASSERT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
+    // The sender waits for the acknowledgement: its thread takes no lock until 500 ms are over.
+    ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::senderWaitsForAck(*peer.server); }, 2000));
+    RingBuffer<EUDPPacket>& ring = EUDPTransportTest::sendBuffer(*peer.server);
+    {
+        std::lock_guard<std::mutex> onItsWay(EUDPTransportTest::wireLock(*peer.server));
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
+        // The ring's indices are read without its lock, so that this wait cannot hold anything.
+        EXPECT_TRUE(waitUntil([&] { return ring.isEmpty(); }, 3000));
+        EXPECT_EQ(0u, EUDPTransportTest::unacked(*peer.server).load());
+    }
+    EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
+}
+
+// A keep-alive that falls due while a data datagram of its connection is on its way is sent by a
+// timer worker once that datagram has left, and the timers of other connections keep their time
+// meanwhile.
+TEST(EUDPSender, KeepAliveDueWhileADatagramIsOnItsWayHoldsUpNoOtherTimer) {
+    ServerWithRawPeer first;
+    ASSERT_TRUE(first.open(0, false));
+    Bytes datagram;
+    {
+        std::unique_lock<std::mutex> onItsWay(EUDPTransportTest::wireLock(*first.server));
+        ServerWithRawPeer second;
+        ASSERT_TRUE(second.open(0, false));
+        // The first keep-alive comes 0.5 s after the connection: the first end's falls due
+        // before the second end's, and waits for the datagram on its way.
+        ASSERT_TRUE(second.next(datagram, 3000));
+        EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+        EXPECT_TRUE(first.raw.quietFor(100));
+        onItsWay.unlock();
+        ASSERT_TRUE(first.next(datagram, 3000));
+        EXPECT_EQ(hex(eudpDatagram("CMD", 0)), hex(datagram));
+    }
+}
+
 // Before the sender thread runs there is nobody to hand a message to: it waits in the ring with
 // its number and leaves once the connection is up.
 TEST(EUDPSender, MessageQueuedBeforeConnectLeavesOnceConnected) {
