@@ -1,68 +1,23 @@
-// Runs the tarn tool as a user does: a child process with its standard input, output and error on
-// pipes, read line by line with deadlines.
+// Runs the tarn tool as a user does (a testsupport::ChildProcess), `tarn serve` on an ephemeral
+// port, and small helpers of the tool's tests.
 #ifndef TARN_TESTS_CLI_PROCESS_H
 #define TARN_TESTS_CLI_PROCESS_H
 
-#include <sys/types.h>
-
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
+
+#include "childprocess.h"
 
 namespace clitest {
 
 // The tool under test, as CMake built it.
 const char* toolPath();
 
-class ToolProcess {
+// The tool (or `program`) run with `args` as a user runs it.
+class ToolProcess : public testsupport::ChildProcess {
 public:
-    // `program` is the tool under test unless another path is given.
     explicit ToolProcess(const std::vector<std::string>& args, const std::string& program = std::string());
-    ~ToolProcess();  // kills a process still running and reaps it
-    ToolProcess(const ToolProcess&) = delete;
-    ToolProcess& operator=(const ToolProcess&) = delete;
-
-    bool started() const { return m_pid > 0; }
-    pid_t pid() const { return m_pid; }
-
-    // Writes `line` and a line end to the child's standard input.
-    bool send(const std::string& line);
-    bool sendRaw(const std::string& text);
-    void closeInput();
-    void signal(int number);
-
-    // The next line of standard output within `timeoutMs`; false on time-out or end of output.
-    bool nextLine(std::string& line, int timeoutMs);
-    // Reads standard output until a line satisfies `match`; the lines passed over are kept in
-    // `skipped` when given.
-    bool waitForLine(const std::function<bool(const std::string&)>& match, std::string& line, int timeoutMs,
-                     std::vector<std::string>* skipped = nullptr);
-    bool waitForLine(const std::string& exact, int timeoutMs, std::vector<std::string>* skipped = nullptr);
-    // The next line of standard error within `timeoutMs`.
-    bool nextErrorLine(std::string& line, int timeoutMs);
-
-    // Waits for the child to end: its exit status, 128 + the signal that ended it, or -1 when it
-    // is still running after `timeoutMs`. Output keeps being collected meanwhile.
-    int wait(int timeoutMs);
-
-    // Everything of standard output not yet taken as lines, and all standard error not yet taken;
-    // complete once wait() has returned a status.
-    std::string restOfOutput() const { return m_out; }
-    std::string restOfErrors() const { return m_err; }
-
-private:
-    // Reads whatever is available within `timeoutMs`; false when nothing more can come.
-    bool pump(int timeoutMs);
-    bool takeLine(std::string& buffer, std::string& line);
-
-    pid_t m_pid = -1;
-    int m_in = -1;
-    int m_outFd = -1;
-    int m_errFd = -1;
-    std::string m_out;
-    std::string m_err;
-    int m_status = -1;
 };
 
 // Deadline for anything a test waits for: generous, since sanitizer builds on a small shared

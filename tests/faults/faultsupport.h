@@ -166,25 +166,6 @@ int threadCount();
 // first timer and live as long as the process: what connections themselves cost.
 int ownThreadCount();
 
-// A child process whose standard output is read line by line; killed when destroyed.
-class ChildProcess {
-public:
-    ChildProcess() = default;
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-    bool start(const std::vector<std::string>& arguments);  // arguments[0] is the program's path
-    std::string readLine(int timeoutMs);                    // "" on time-out or end of output
-    void signal(int number);
-    // Waits for the exit and returns its status (128 + signal when killed); -1 on time-out.
-    int exitStatus(int timeoutMs);
-
-private:
-    int m_pid = -1;
-    int m_out = -1;
-    std::string m_pending;
-};
-
 // Prints a measured figure in one recognisable line ("[ figure ] ...") for the report.
 void figure(const std::string& text);
 

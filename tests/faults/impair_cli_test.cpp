@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "childprocess.h"
 #include "faultsupport.h"
 #include "testsupport.h"
 
@@ -14,10 +15,12 @@ namespace {
 TEST(ImpairCommand, RelaysATarnConnectionAndPrintsCountsOnSigterm) {
     faults::TestServer server(eTransportEUDP);
     ASSERT_NE(0, server.start());
-    faults::ChildProcess relay;
-    ASSERT_TRUE(relay.start({TARN_TOOL_PATH, "impair", "--listen", "0", "--to",
-                             "127.0.0.1:" + std::to_string(server.port()), "--dup", "100", "--seed", "5"}));
-    const std::string first = relay.readLine(20000);
+    testsupport::ChildProcess relay({TARN_TOOL_PATH, "impair", "--listen", "0", "--to",
+                                     "127.0.0.1:" + std::to_string(server.port()), "--dup", "100", "--seed",
+                                     "5"});
+    ASSERT_TRUE(relay.started());
+    std::string first;
+    relay.nextLine(first, 20000);
     const std::string prefix = "impair: relaying 127.0.0.1:";
     ASSERT_EQ(0u, first.find(prefix)) << first;
     const int port = std::atoi(first.c_str() + prefix.size());
@@ -34,17 +37,18 @@ TEST(ImpairCommand, RelaysATarnConnectionAndPrintsCountsOnSigterm) {
     connection.disconnect();
 
     relay.signal(SIGTERM);
-    const std::string last = relay.readLine(20000);
+    std::string last;
+    relay.nextLine(last, 20000);
     EXPECT_EQ(0u, last.find("impair: received ")) << last;
     EXPECT_NE(std::string::npos, last.find(", clients 1, refused 0")) << last;
     EXPECT_EQ(std::string::npos, last.find("duplicated 0,")) << last;
 }
 
 TEST(ImpairCommand, RefusesABadPercentage) {
-    faults::ChildProcess relay;
-    ASSERT_TRUE(
-        relay.start({TARN_TOOL_PATH, "impair", "--listen", "0", "--to", "127.0.0.1:9", "--loss", "120"}));
-    EXPECT_EQ(2, relay.exitStatus(20000));
+    testsupport::ChildProcess relay(
+        {TARN_TOOL_PATH, "impair", "--listen", "0", "--to", "127.0.0.1:9", "--loss", "120"});
+    ASSERT_TRUE(relay.started());
+    EXPECT_EQ(2, relay.wait(20000));
 }
 
 }  // namespace
