@@ -159,7 +159,7 @@ bool ChildProcess::nextErrorLine(std::string& line, int timeoutMs) {
 }
 
 bool ChildProcess::waitForLine(const std::function<bool(const std::string&)>& match, std::string& line,
-                              int timeoutMs, std::vector<std::string>* skipped) {
+                               int timeoutMs, std::vector<std::string>* skipped) {
     const std::int64_t deadline = nowMs() + timeoutMs;
     for (;;) {
         const std::int64_t left = deadline - nowMs();

@@ -238,7 +238,7 @@ TEST(TlsFailure, BadConfigurationIsALogLineNotACrash) {
         TLSConfig config = serverConfig();
         config.certFile = certs().dir + "/missing.pem";
         TLSListener listener(config);
-        tcptest::Events events;
+        testsupport::Events events;
         struct Never : ITARNConnector {
             void onNewConnection(TARNConnection*) override {}
         } never;

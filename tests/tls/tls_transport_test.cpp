@@ -47,7 +47,7 @@ struct TransportPair {
     bool connected = false;
 };
 
-bool startsAny(const tcptest::Events& events, const std::string& prefix) {
+bool startsAny(const testsupport::Events& events, const std::string& prefix) {
     for (const std::string& event : events.list()) {
         if (event.compare(0, prefix.size(), prefix) == 0) {
             return true;

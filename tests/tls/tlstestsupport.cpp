@@ -149,7 +149,7 @@ public:
         TLSTransport* const transport = TLSTransport::of(connection);
         std::lock_guard<std::mutex> hold(m_server.m_mutex);
         const std::string prefix = "server#" + std::to_string(m_server.m_connections.size());
-        m_server.m_servers.emplace_back(new tcptest::RecordingServer(m_server.m_events, prefix));
+        m_server.m_servers.emplace_back(new testsupport::RecordingServer(m_server.m_events, prefix));
         connection->setServer(m_server.m_servers.back().get());
         m_server.m_connections.push_back(connection);
         m_server.m_subjects.push_back(transport != nullptr ? transport->getPeerSubject() : "<no transport>");

@@ -57,7 +57,7 @@ public:
     ~TlsServer();  // shuts down, disconnects and deletes every connection
     bool listening() const { return m_bListening; }
     std::uint16_t port() const { return m_listener.getLocalPort(); }
-    tcptest::Events& events() { return m_events; }
+    testsupport::Events& events() { return m_events; }
     std::size_t count() const;
     TARNConnection* connection(std::size_t index) const;
     std::string subject(std::size_t index) const;
@@ -68,7 +68,7 @@ public:
 
 private:
     friend class RecordingConnector;
-    tcptest::Events m_events;
+    testsupport::Events m_events;
     mutable std::mutex m_mutex;
     std::vector<TARNConnection*> m_connections;
     std::vector<std::unique_ptr<ITARNServer>> m_servers;
@@ -82,8 +82,8 @@ struct TlsClient {
     explicit TlsClient(const TLSConfig& config);
     ~TlsClient();
     bool connect(std::uint16_t port, const std::string& host = "127.0.0.1");
-    tcptest::Events events;
-    tcptest::RecordingClient client;
+    testsupport::Events events;
+    testsupport::RecordingClient client;
     TLSTransport* transport;  // owned by the connection
     TARNConnection connection;
 };
