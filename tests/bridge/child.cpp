@@ -1,35 +1,17 @@
 #include "child.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <ftw.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 
-extern char** environ;
-
 namespace bridgetest {
-
-namespace {
-
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-}  // namespace
 
 const char* tarnTool() {
     return TARN_TOOL_PATH;
@@ -39,167 +21,34 @@ const char* bridgeProgram() {
     return TARN_BRIDGE_PATH;
 }
 
-Child::Child(const std::string& program, const std::vector<std::string>& args, const std::string& errorFile) {
-    std::signal(SIGPIPE, SIG_IGN);
-    int in[2];
-    int out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
-        return;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO,
-                                     errorFile.empty() ? "/dev/null" : errorFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
-    std::vector<std::string> words = {program};
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(&word[0]);
-    }
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) == 0) {
-        m_pid = pid;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(in[0]);
-    ::close(out[1]);
-    m_in = in[1];
-    m_out = out[0];
+namespace {
+
+std::vector<std::string> argvOf(const std::string& program, const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {program};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
 }
 
-Child::~Child() {
-    if (m_pid > 0 && m_status < 0) {
-        ::kill(m_pid, SIGKILL);
-        int status = 0;
-        ::waitpid(m_pid, &status, 0);
-    }
-    for (const int fd : {m_in, m_out}) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-}
+}  // namespace
 
-bool Child::send(const std::string& line) {
-    const std::string text = line + "\n";
-    std::size_t done = 0;
-    while (m_in >= 0 && done < text.size()) {
-        const ssize_t n = ::write(m_in, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return done == text.size();
-}
-
-void Child::signal(int number) {
-    if (m_pid > 0 && m_status < 0) {
-        ::kill(m_pid, number);
-    }
-}
-
-bool Child::pump(int timeoutMs) {
-    if (m_out < 0) {
-        return false;
-    }
-    pollfd fd = {m_out, POLLIN, 0};
-    const int ready = ::poll(&fd, 1, timeoutMs);
-    if (ready <= 0) {
-        return ready == 0 || errno == EINTR;
-    }
-    char bytes[4096];
-    const ssize_t n = ::read(m_out, bytes, sizeof(bytes));
-    if (n > 0) {
-        m_buffer.append(bytes, static_cast<std::size_t>(n));
-    } else if (n == 0 || errno != EINTR) {
-        ::close(m_out);
-        m_out = -1;
-    }
-    return true;
-}
-
-bool Child::nextLine(std::string& line, int timeoutMs) {
-    const std::int64_t deadline = now() + timeoutMs;
-    for (;;) {
-        const std::size_t end = m_buffer.find('\n');
-        if (end != std::string::npos) {
-            line = m_buffer.substr(0, end);
-            m_buffer.erase(0, end + 1);
-            return true;
-        }
-        const std::int64_t left = deadline - now();
-        if (left <= 0 || !pump(static_cast<int>(left))) {
-            return false;
-        }
-    }
-}
+Child::Child(const std::string& program, const std::vector<std::string>& args, const std::string& errorFile)
+    : testsupport::ChildProcess(argvOf(program, args), Errors::ToFile, errorFile) {}
 
 bool Child::waitFor(const std::function<bool(const std::string&)>& match, int timeoutMs, std::string* line,
                     std::vector<std::string>* skipped) {
-    const std::int64_t deadline = now() + timeoutMs;
-    std::string candidate;
-    for (;;) {
-        const std::int64_t left = deadline - now();
-        if (left <= 0 || !nextLine(candidate, static_cast<int>(left))) {
-            return false;
-        }
-        if (match(candidate)) {
-            if (line) {
-                *line = candidate;
-            }
-            return true;
-        }
-        if (skipped) {
-            skipped->push_back(candidate);
-        }
+    std::string found;
+    if (!waitForLine(match, found, timeoutMs, skipped)) {
+        return false;
     }
-}
-
-bool Child::waitForLine(const std::string& exact, int timeoutMs, std::vector<std::string>* skipped) {
-    return waitFor([&](const std::string& candidate) { return candidate == exact; }, timeoutMs, nullptr,
-                   skipped);
+    if (line) {
+        *line = found;
+    }
+    return true;
 }
 
 bool Child::waitForText(const std::string& part, int timeoutMs, std::string* line) {
     return waitFor([&](const std::string& candidate) { return candidate.find(part) != std::string::npos; },
                    timeoutMs, line);
-}
-
-void Child::putBack(const std::vector<std::string>& lines) {
-    std::string front;
-    for (const std::string& line : lines) {
-        front += line + "\n";
-    }
-    m_buffer.insert(0, front);
-}
-
-int Child::wait(int timeoutMs) {
-    if (m_pid <= 0) {
-        return -1;
-    }
-    const std::int64_t deadline = now() + timeoutMs;
-    while (m_status < 0) {
-        int status = 0;
-        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            break;
-        }
-        if (now() >= deadline) {
-            return -1;
-        }
-        if (!pump(5)) {
-            ::usleep(5000);  // output closed: only the exit is left to wait for
-        }
-    }
-    return m_status;
 }
 
 TempDir::TempDir() {
@@ -230,8 +79,8 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
 }
 
 bool waitForListener(std::uint16_t port, int timeoutMs) {
-    const std::int64_t deadline = now() + timeoutMs;
-    while (now() < deadline) {
+    const std::int64_t deadline = testsupport::nowMs() + timeoutMs;
+    while (testsupport::nowMs() < deadline) {
         const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in peer = {};
         peer.sin_family = AF_INET;
@@ -320,10 +169,10 @@ Subscriber::Subscriber(const Broker& broker, const std::string& filter)
     // Ready once a probe comes back: anything published after that reaches this subscriber, and
     // the retained messages of the filter arrived before it.
     const std::string probe = "probe/" + std::to_string(::getpid());
-    const std::int64_t deadline = now() + kWaitMs;
+    const std::int64_t deadline = testsupport::nowMs() + kWaitMs;
     std::vector<std::string> early;
     std::string line;
-    while (now() < deadline) {
+    while (testsupport::nowMs() < deadline) {
         publish(broker, probe, "ready");
         if (m_process.waitFor([&](const std::string& l) { return l == "0 " + probe + " ready"; }, 200, &line,
                               &early)) {

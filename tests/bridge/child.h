@@ -1,6 +1,6 @@
 // Child processes for the bridge's tests: any program with its standard output read line by line
-// with deadlines, and the programs the tests run (mosquitto on a port held for it, with its own
-// configuration file, `tarn serve`, tarn-bridge, mosquitto_sub, mosquitto_pub).
+// with deadlines (the toolkit's ChildProcess), and the programs the tests run (mosquitto on a port held for
+// it, with its own configuration file, `tarn serve`, tarn-bridge, mosquitto_sub, mosquitto_pub).
 #ifndef TARN_TESTS_BRIDGE_CHILD_H
 #define TARN_TESTS_BRIDGE_CHILD_H
 
@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "childprocess.h"
 #include "testsupport.h"
 
 namespace bridgetest {
@@ -21,40 +22,17 @@ const int kWaitMs = 20000;
 // A killed EUDP peer is noticed by the keep-alive after about 11 s.
 const int kEudpLossMs = 45000;
 
-class Child {
+// A program run by a bridge test, its standard output read line by line.
+class Child : public testsupport::ChildProcess {
 public:
     // Runs `program` with `args`; standard error goes to `errorFile` when given, else is dropped.
     Child(const std::string& program, const std::vector<std::string>& args,
           const std::string& errorFile = "");
-    ~Child();  // kills a child still running and reaps it
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
 
-    bool started() const { return m_pid > 0; }
-    pid_t pid() const { return m_pid; }
-    bool send(const std::string& line);
-    void signal(int number);
-
-    bool nextLine(std::string& line, int timeoutMs);
     // Reads lines until one satisfies `match`; the lines passed over go to `skipped` when given.
     bool waitFor(const std::function<bool(const std::string&)>& match, int timeoutMs,
                  std::string* line = nullptr, std::vector<std::string>* skipped = nullptr);
-    bool waitForLine(const std::string& exact, int timeoutMs, std::vector<std::string>* skipped = nullptr);
     bool waitForText(const std::string& part, int timeoutMs, std::string* line = nullptr);
-    // Puts lines back in front of what is still to be read.
-    void putBack(const std::vector<std::string>& lines);
-
-    // The exit status, 128 + the signal that ended it, or -1 when still running after `timeoutMs`.
-    int wait(int timeoutMs);
-
-private:
-    bool pump(int timeoutMs);
-
-    pid_t m_pid = -1;
-    int m_in = -1;
-    int m_out = -1;
-    std::string m_buffer;
-    int m_status = -1;
 };
 
 // A scratch directory removed with everything in it when the object goes.

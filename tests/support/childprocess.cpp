@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
@@ -15,21 +16,28 @@ extern char** environ;
 
 namespace testsupport {
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, bool errorsToOutput) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, Errors errors,
+                           const std::string& errorFile) {
     // Writing to a child that has already ended must fail, not end the test.
     std::signal(SIGPIPE, SIG_IGN);
     int in[2];
     int out[2];
     int err[2] = {-1, -1};
     if (argv.empty() || ::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
-        (!errorsToOutput && ::pipe2(err, O_CLOEXEC) != 0)) {
+        (errors == Errors::Pipe && ::pipe2(err, O_CLOEXEC) != 0)) {
         return;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errorsToOutput ? out[1] : err[1], STDERR_FILENO);
+    if (errors == Errors::ToFile) {
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO,
+                                         errorFile.empty() ? "/dev/null" : errorFile.c_str(),
+                                         O_WRONLY | O_CREAT | O_APPEND, 0644);
+    } else {
+        posix_spawn_file_actions_adddup2(&actions, errors == Errors::Pipe ? err[1] : out[1], STDERR_FILENO);
+    }
     std::vector<std::string> words = argv;
     std::vector<char*> args;
     for (std::string& word : words) {
@@ -147,6 +155,14 @@ bool ChildProcess::nextLine(std::string& line, int timeoutMs) {
     return true;
 }
 
+void ChildProcess::putBack(const std::vector<std::string>& lines) {
+    std::string front;
+    for (const std::string& line : lines) {
+        front += line + "\n";
+    }
+    m_out.insert(0, front);
+}
+
 bool ChildProcess::nextErrorLine(std::string& line, int timeoutMs) {
     const std::int64_t deadline = nowMs() + timeoutMs;
     while (!takeLine(m_err, line)) {
@@ -196,10 +212,14 @@ int ChildProcess::wait(int timeoutMs) {
         if (nowMs() >= deadline) {
             return -1;
         }
-        pump(5);
+        if (!pump(5)) {
+            ::usleep(5000);  // output closed: only the exit is left to wait for
+        }
     }
-    // The child is gone: what it wrote is all in the pipes now.
-    while (m_outFd >= 0 || m_errFd >= 0) {
+    // The child is gone: what it wrote is all in the pipes now, unless a process it started holds
+    // them open; that is not waited for past the deadline.
+    const std::int64_t drainUntil = std::max(deadline, nowMs() + 1000);
+    while ((m_outFd >= 0 || m_errFd >= 0) && nowMs() < drainUntil) {
         pump(100);
     }
     return m_status;

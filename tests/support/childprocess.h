@@ -16,9 +16,13 @@ namespace testsupport {
 
 class ChildProcess {
 public:
-    // Starts `argv[0]` with the arguments that follow; started() tells whether it ran. With
-    // `errorsToOutput` standard error goes to the output pipe too, in the order it was written.
-    explicit ChildProcess(const std::vector<std::string>& argv, bool errorsToOutput = false);
+    // Where the child's standard error goes: a pipe of its own (read with nextErrorLine), the
+    // output pipe (in the order it was written), or a file appended to (`errorFile`, "" for none).
+    enum class Errors { Pipe, ToOutput, ToFile };
+
+    // Starts `argv[0]` with the arguments that follow; started() tells whether it ran.
+    explicit ChildProcess(const std::vector<std::string>& argv, Errors errors = Errors::Pipe,
+                          const std::string& errorFile = std::string());
     virtual ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -39,6 +43,8 @@ public:
     bool waitForLine(const std::function<bool(const std::string&)>& match, std::string& line, int timeoutMs,
                      std::vector<std::string>* skipped = nullptr);
     bool waitForLine(const std::string& exact, int timeoutMs, std::vector<std::string>* skipped = nullptr);
+    // Puts lines back in front of the output still to be read.
+    void putBack(const std::vector<std::string>& lines);
     // The next line of standard error within `timeoutMs`.
     bool nextErrorLine(std::string& line, int timeoutMs);
 

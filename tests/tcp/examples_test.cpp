@@ -13,7 +13,7 @@ namespace {
 // An example program with its standard output and error on one pipe.
 class Child : public testsupport::ChildProcess {
 public:
-    explicit Child(const std::vector<std::string>& argv) : testsupport::ChildProcess(argv, true) {
+    explicit Child(const std::vector<std::string>& argv) : testsupport::ChildProcess(argv, Errors::ToOutput) {
         closeInput();  // the examples read nothing
     }
 
