@@ -17,22 +17,6 @@ using namespace clitest;
 
 namespace {
 
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result run(const std::vector<std::string>& args, const std::string& program = std::string()) {
-    ToolProcess process(args, program);
-    process.closeInput();
-    Result result;
-    result.status = process.wait(kWaitMs);
-    result.out = process.restOfOutput();
-    result.err = process.restOfErrors();
-    return result;
-}
-
 const std::string kInstalledBridge = std::string(TARN_INSTALL_BINDIR) + "/tarn-bridge";
 
 // A directory holding a copy of the tool, and whatever a test puts beside it; removed at the end.
@@ -82,7 +66,7 @@ std::string missingMessage(const ToolCopy& copy) {
 TEST(CliBridge, HelpComesFromTheToolWithoutTheBridge) {
     ToolCopy copy;
     ASSERT_TRUE(copy.ok());
-    const Result help = run({"bridge", "--help"}, copy.tool());
+    const ToolResult help = runToEnd({"bridge", "--help"}, "", kWaitMs, copy.tool());
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.err, "");
     EXPECT_EQ(help.out.rfind("usage: tarn bridge [OPTIONS]\n", 0), 0u) << help.out;
@@ -90,16 +74,16 @@ TEST(CliBridge, HelpComesFromTheToolWithoutTheBridge) {
                              "--tls-insecure", "--log-level LEVEL", "exits with 127"}) {
         EXPECT_NE(help.out.find(part), std::string::npos) << part;
     }
-    EXPECT_EQ(run({"bridge", "-h"}, copy.tool()).out, help.out);
-    EXPECT_EQ(run({"help", "bridge"}, copy.tool()).out, help.out);
-    EXPECT_EQ(run({"help", "bridge"}).out, help.out);
-    const Result version = run({"bridge", "--version"}, copy.tool());
+    EXPECT_EQ(runToEnd({"bridge", "-h"}, "", kWaitMs, copy.tool()).out, help.out);
+    EXPECT_EQ(runToEnd({"help", "bridge"}, "", kWaitMs, copy.tool()).out, help.out);
+    EXPECT_EQ(runToEnd({"help", "bridge"}).out, help.out);
+    const ToolResult version = runToEnd({"bridge", "--version"}, "", kWaitMs, copy.tool());
     EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, run({"--version"}).out);
-    EXPECT_EQ(run({"bridge", "-V"}, copy.tool()).out, version.out);
+    EXPECT_EQ(version.out, runToEnd({"--version"}).out);
+    EXPECT_EQ(runToEnd({"bridge", "-V"}, "", kWaitMs, copy.tool()).out, version.out);
     // Listed with the other commands.
-    EXPECT_NE(run({"--help"}).out.find("\n  bridge "), std::string::npos);
-    EXPECT_NE(run({"frob"}).err.find(", impair, bridge, version, help;"), std::string::npos);
+    EXPECT_NE(runToEnd({"--help"}).out.find("\n  bridge "), std::string::npos);
+    EXPECT_NE(runToEnd({"frob"}).err.find(", impair, bridge, version, help;"), std::string::npos);
 }
 
 TEST(CliBridge, MissingBridgeIsStatus127) {
@@ -108,19 +92,19 @@ TEST(CliBridge, MissingBridgeIsStatus127) {
     }
     ToolCopy copy;
     ASSERT_TRUE(copy.ok());
-    Result r = run({"bridge", "--device", "lab=127.0.0.1:5555"}, copy.tool());
+    ToolResult r = runToEnd({"bridge", "--device", "lab=127.0.0.1:5555"}, "", kWaitMs, copy.tool());
     EXPECT_EQ(r.status, 127);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, "tarn: " + missingMessage(copy) + "\n");
     // With no words at all, and with --json: the error as an object on standard output.
-    EXPECT_EQ(run({"bridge"}, copy.tool()).status, 127);
-    r = run({"bridge", "--device", "lab=127.0.0.1:5555", "--json"}, copy.tool());
+    EXPECT_EQ(runToEnd({"bridge"}, "", kWaitMs, copy.tool()).status, 127);
+    r = runToEnd({"bridge", "--device", "lab=127.0.0.1:5555", "--json"}, "", kWaitMs, copy.tool());
     EXPECT_EQ(r.status, 127);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, "{\"event\":\"error\",\"message\":\"" + missingMessage(copy) + "\"}\n");
     // A tarn-bridge that cannot be executed is passed over.
     ASSERT_TRUE(copy.putBridge("#!/bin/sh\nexit 0\n", 0644));
-    r = run({"bridge", "--device", "lab=127.0.0.1:5555"}, copy.tool());
+    r = runToEnd({"bridge", "--device", "lab=127.0.0.1:5555"}, "", kWaitMs, copy.tool());
     EXPECT_EQ(r.status, 127);
     EXPECT_EQ(r.err, "tarn: " + missingMessage(copy) + "\n");
 }

@@ -10,12 +10,9 @@
 
 using namespace clitest;
 using testsupport::Bytes;
+using testsupport::startsWith;
 
 namespace {
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
 
 class CliConnect : public ::testing::TestWithParam<std::string> {
 protected:

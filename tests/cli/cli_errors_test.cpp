@@ -11,21 +11,8 @@ using namespace clitest;
 
 namespace {
 
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result run(const std::vector<std::string>& args, const std::string& input = std::string(),
-           int timeoutMs = kWaitMs) {
-    Result result;
-    result.status = runTool(args, input, timeoutMs, result.out, result.err);
-    return result;
-}
-
 // The single error line the tool prints, without its "tarn: " prefix.
-std::string errorOf(const Result& result) {
+std::string errorOf(const ToolResult& result) {
     const std::vector<std::string> lines = linesOf(result.err);
     EXPECT_EQ(lines.size(), 1u) << result.err;
     if (lines.empty()) {
@@ -38,37 +25,37 @@ std::string errorOf(const Result& result) {
 }  // namespace
 
 TEST(CliUsage, NoCommandPrintsUsageAndFails) {
-    const Result r = run({});
+    const ToolResult r = runToEnd({});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind("usage: tarn COMMAND", 0), 0u) << r.err;
 }
 
 TEST(CliUsage, HelpAndVersion) {
-    Result r = run({"--help"});
+    ToolResult r = runToEnd({"--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.rfind("usage: tarn COMMAND", 0), 0u);
     EXPECT_NE(r.out.find("7 cannot listen"), std::string::npos);
-    r = run({"--version"});
+    r = runToEnd({"--version"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.rfind("tarn ", 0), 0u);
 }
 
 TEST(CliUsage, EverySubcommandHasHelp) {
     for (const char* command : {"demo", "serve", "connect", "call", "sub"}) {
-        const Result r = run({command, "--help"});
+        const ToolResult r = runToEnd({command, "--help"});
         EXPECT_EQ(r.status, 0) << command;
         EXPECT_EQ(r.err, "") << command;
         EXPECT_EQ(r.out.rfind(std::string("usage: tarn ") + command, 0), 0u) << r.out;
         EXPECT_NE(r.out.find("--log-level"), std::string::npos) << command;
         // "tarn help X" is the same text, and so is -h.
-        EXPECT_EQ(run({"help", command}).out, r.out) << command;
-        EXPECT_EQ(run({command, "-h"}).out, r.out) << command;
+        EXPECT_EQ(runToEnd({"help", command}).out, r.out) << command;
+        EXPECT_EQ(runToEnd({command, "-h"}).out, r.out) << command;
     }
 }
 
 TEST(CliUsage, UnknownCommand) {
-    const Result r = run({"frob"});
+    const ToolResult r = runToEnd({"frob"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r),
               "unknown command 'frob' (demo, serve, connect, call, sub, impair, bridge, version, help; see "
@@ -76,46 +63,46 @@ TEST(CliUsage, UnknownCommand) {
 }
 
 TEST(CliUsage, UnknownOptionAndMissingValues) {
-    Result r = run({"sub", "--frob", "127.0.0.1", "1", "x"});
+    ToolResult r = runToEnd({"sub", "--frob", "127.0.0.1", "1", "x"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "unknown option '--frob'; see 'tarn sub --help'");
-    r = run({"sub", "127.0.0.1", "1", "x", "--count"});
+    r = runToEnd({"sub", "127.0.0.1", "1", "x", "--count"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "option --count needs a value; see 'tarn sub --help'");
-    r = run({"call", "--tcp", "--eudp", "127.0.0.1", "1", "f"});
+    r = runToEnd({"call", "--tcp", "--eudp", "127.0.0.1", "1", "f"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "--tcp and --eudp exclude each other; see 'tarn call --help'");
-    r = run({"demo", "extra"});
+    r = runToEnd({"demo", "extra"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "unexpected argument 'extra'; see 'tarn demo --help'");
 }
 
 TEST(CliUsage, MissingArguments) {
-    Result r = run({"call", "127.0.0.1", "5555"});
+    ToolResult r = runToEnd({"call", "127.0.0.1", "5555"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "call needs HOST PORT FID; see 'tarn call --help'");
-    r = run({"sub", "127.0.0.1", "5555"});
+    r = runToEnd({"sub", "127.0.0.1", "5555"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "sub needs HOST PORT NAME...; see 'tarn sub --help'");
-    r = run({"connect", "127.0.0.1"});
+    r = runToEnd({"connect", "127.0.0.1"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "connect needs HOST PORT; see 'tarn connect --help'");
-    r = run({"serve"});
+    r = runToEnd({"serve"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "serve needs --port P (0 picks a free port); see 'tarn serve --help'");
 }
 
 TEST(CliUsage, PortOutOfRange) {
-    Result r = run({"call", "127.0.0.1", "70000", "f"});
+    ToolResult r = runToEnd({"call", "127.0.0.1", "70000", "f"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "port out of range: 70000 (1 to 65535); see 'tarn call --help'");
-    r = run({"sub", "127.0.0.1", "0", "x"});
+    r = runToEnd({"sub", "127.0.0.1", "0", "x"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "port out of range: 0 (1 to 65535); see 'tarn sub --help'");
-    r = run({"connect", "127.0.0.1", "port"});
+    r = runToEnd({"connect", "127.0.0.1", "port"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "not a port number: 'port'; see 'tarn connect --help'");
-    r = run({"serve", "--port", "65536"});
+    r = runToEnd({"serve", "--port", "65536"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "port out of range: 65536 (0 to 65535); see 'tarn serve --help'");
 }
@@ -130,44 +117,44 @@ TEST(CliUsage, MalformedValuesAreRefusedBeforeConnecting) {
         {"x:q=1", "malformed value 'x:q=1': unknown type 'q' (use i, b, f or s)"},
     };
     for (const auto& c : cases) {
-        const Result r = run({"call", "127.0.0.1", "1", "f", "ok=1", c.first});
+        const ToolResult r = runToEnd({"call", "127.0.0.1", "1", "f", "ok=1", c.first});
         EXPECT_EQ(r.status, 2) << c.first;
         EXPECT_EQ(errorOf(r), c.second + "; see 'tarn call --help'");
     }
-    const Result r = run({"call", "127.0.0.1", "1", "f", "x=1", "x:i=2"});
+    const ToolResult r = runToEnd({"call", "127.0.0.1", "1", "f", "x=1", "x:i=2"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "parameter 'x' is given twice; see 'tarn call --help'");
 }
 
 TEST(CliUsage, MessageTooLargeIsRefused) {
-    Result r = run({"call", "127.0.0.1", "1", "f", "s=" + std::string(1482, 'v')});
+    ToolResult r = runToEnd({"call", "127.0.0.1", "1", "f", "s=" + std::string(1482, 'v')});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r),
               "the call is too large for one TARN message: it needs 1489 bytes of room, a message "
               "carries at most 1488; see 'tarn call --help'");
     // A float whose bytes would fit but whose encoder asks for one byte more: refused, not crashed.
-    r = run({"call", "127.0.0.1", "1", "f", std::string(1479, 'z') + ":f=1"});
+    r = runToEnd({"call", "127.0.0.1", "1", "f", std::string(1479, 'z') + ":f=1"});
     EXPECT_EQ(r.status, 2);
-    r = run({"sub", "127.0.0.1", "1", std::string(1488, 'n')});
+    r = runToEnd({"sub", "127.0.0.1", "1", std::string(1488, 'n')});
     EXPECT_EQ(r.status, 2);
 }
 
 TEST(CliUsage, BadOptionValues) {
-    Result r = run({"sub", "127.0.0.1", "1", "x", "--count", "0"});
+    ToolResult r = runToEnd({"sub", "127.0.0.1", "1", "x", "--count", "0"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "--count needs a whole number of messages, 1 or more; see 'tarn sub --help'");
-    r = run({"sub", "127.0.0.1", "1", "x", "--timeout", "soon"});
+    r = runToEnd({"sub", "127.0.0.1", "1", "x", "--timeout", "soon"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r),
               "--timeout needs a number of seconds above 0 (at most 86400); see 'tarn sub --help'");
-    r = run({"call", "--log-level", "loud", "127.0.0.1", "1", "f"});
+    r = runToEnd({"call", "--log-level", "loud", "127.0.0.1", "1", "f"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r),
               "unknown log level 'loud' (none, error, warning, info or debug); see 'tarn call --help'");
-    r = run({"connect", "--allow-send", "reliable", "127.0.0.1", "1"});
+    r = runToEnd({"connect", "--allow-send", "reliable", "127.0.0.1", "1"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r), "--allow-send applies to --eudp only; see 'tarn connect --help'");
-    r = run({"connect", "--eudp", "--allow-receive", "fast", "127.0.0.1", "1"});
+    r = runToEnd({"connect", "--eudp", "--allow-receive", "fast", "127.0.0.1", "1"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(errorOf(r),
               "--allow-receive takes realtime, reliable or realtime,reliable; see 'tarn connect --help'");
@@ -179,7 +166,7 @@ TEST(CliErrors, UnknownHost) {
         if (std::string(command) != "connect") {
             args.push_back("x");
         }
-        const Result r = run(args);
+        const ToolResult r = runToEnd(args);
         EXPECT_EQ(r.status, 3) << command;
         EXPECT_EQ(errorOf(r), "unknown host 'no-such-host.invalid'") << command;
         EXPECT_EQ(r.out, "");
@@ -194,7 +181,7 @@ TEST(CliErrors, TcpConnectionRefused) {
             args.push_back("x");
         }
         const std::int64_t start = testsupport::nowMs();
-        const Result r = run(args);
+        const ToolResult r = runToEnd(args);
         EXPECT_EQ(r.status, 4) << command;
         EXPECT_EQ(errorOf(r), "cannot connect to 127.0.0.1:" + port + " over tcp: connection refused")
             << command;
@@ -206,7 +193,7 @@ TEST(CliErrors, EudpConnectTimesOutAfterFiveSeconds) {
     testsupport::RawUdp silent;  // takes the CON and never answers
     const std::string port = std::to_string(silent.port());
     const std::int64_t start = testsupport::nowMs();
-    const Result r = run({"call", "--eudp", "127.0.0.1", port, "f"});
+    const ToolResult r = runToEnd({"call", "--eudp", "127.0.0.1", port, "f"});
     const std::int64_t took = testsupport::nowMs() - start;
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(errorOf(r),
@@ -224,7 +211,7 @@ TEST(CliErrors, EudpConnectTimesOutAfterFiveSeconds) {
 TEST(CliErrors, LogLevelShowsTheLibrarysLines) {
     testsupport::RawUdp silent;
     const std::string port = std::to_string(silent.port());
-    const Result r = run({"call", "--eudp", "--log-level", "error", "127.0.0.1", port, "f"});
+    const ToolResult r = runToEnd({"call", "--eudp", "--log-level", "error", "127.0.0.1", port, "f"});
     EXPECT_EQ(r.status, 4);
     const std::vector<std::string> lines = linesOf(r.err);
     ASSERT_EQ(lines.size(), 2u) << r.err;
@@ -237,23 +224,23 @@ TEST(CliErrors, LogLevelShowsTheLibrarysLines) {
 
 TEST(CliErrors, ServeOnATakenPort) {
     testsupport::RawTcpListener tcp;
-    Result r = run({"serve", "--tcp", "--bind", "127.0.0.1", "--port", std::to_string(tcp.port())});
+    ToolResult r = runToEnd({"serve", "--tcp", "--bind", "127.0.0.1", "--port", std::to_string(tcp.port())});
     EXPECT_EQ(r.status, 7);
     EXPECT_EQ(errorOf(r), "cannot listen on 127.0.0.1:" + std::to_string(tcp.port()) +
                               " over tcp: address in use or not available");
     testsupport::RawUdp udp;
-    r = run({"serve", "--eudp", "--bind", "127.0.0.1", "--port", std::to_string(udp.port())});
+    r = runToEnd({"serve", "--eudp", "--bind", "127.0.0.1", "--port", std::to_string(udp.port())});
     EXPECT_EQ(r.status, 7);
     EXPECT_EQ(errorOf(r), "cannot listen on 127.0.0.1:" + std::to_string(udp.port()) +
                               " over eudp: address in use or not available");
 }
 
 TEST(CliErrors, ServeOnABadAddress) {
-    Result r = run({"serve", "--bind", "no-such-host.invalid", "--port", "0"});
+    ToolResult r = runToEnd({"serve", "--bind", "no-such-host.invalid", "--port", "0"});
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(errorOf(r), "unknown bind address 'no-such-host.invalid'");
     // A documentation address that is no address of this machine cannot be bound.
-    r = run({"serve", "--bind", "192.0.2.1", "--port", "0"});
+    r = runToEnd({"serve", "--bind", "192.0.2.1", "--port", "0"});
     EXPECT_EQ(r.status, 7);
     EXPECT_EQ(errorOf(r), "cannot listen on 192.0.2.1:0 over tcp: address in use or not available");
 }

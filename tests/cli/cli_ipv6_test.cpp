@@ -9,14 +9,12 @@
 #include <cstdlib>
 
 #include "process.h"
+#include "testsupport.h"
 
 using namespace clitest;
+using testsupport::startsWith;
 
 namespace {
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
 
 bool hasIpv6Loopback() {
     const int fd = ::socket(AF_INET6, SOCK_DGRAM, 0);

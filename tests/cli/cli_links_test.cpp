@@ -15,12 +15,9 @@
 #include "testsupport.h"
 
 using namespace clitest;
+using testsupport::startsWith;
 
 namespace {
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
 
 // A UDP port on which nothing listens at the moment of the call.
 std::uint16_t closedUdpPort() {

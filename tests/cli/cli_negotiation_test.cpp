@@ -7,12 +7,9 @@
 #include "testsupport.h"
 
 using namespace clitest;
+using testsupport::startsWith;
 
 namespace {
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
 
 std::string next(ToolProcess& process, int timeoutMs = kWaitMs) {
     std::string line;

@@ -8,24 +8,9 @@
 #include "testsupport.h"
 
 using namespace clitest;
+using testsupport::startsWith;
 
 namespace {
-
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result run(const std::vector<std::string>& args, const std::string& input = std::string()) {
-    Result result;
-    result.status = runTool(args, input, kWaitMs, result.out, result.err);
-    return result;
-}
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
 
 const std::vector<std::string> kCommands = {"demo", "serve",  "connect", "call",
                                             "sub",  "impair", "bridge",  "version"};
@@ -88,41 +73,41 @@ TEST(CliOptions, HostAndPortInOneWord) {
 }
 
 TEST(CliOptions, MalformedTargets) {
-    Result r = run({"call", "127.0.0.1:99999", "f"});
+    ToolResult r = runToEnd({"call", "127.0.0.1:99999", "f"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: port out of range: 99999 (1 to 65535); see 'tarn call --help'\n");
-    r = run({"sub", "[::1", "5", "x"});
+    r = runToEnd({"sub", "[::1", "5", "x"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err,
               "tarn: malformed address '[::1' (write [ADDR]:PORT or ADDR PORT); see 'tarn sub --help'\n");
-    r = run({"connect", "127.0.0.1:"});
+    r = runToEnd({"connect", "127.0.0.1:"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: not a port number: ''; see 'tarn connect --help'\n");
-    r = run({"connect", "127.0.0.1:5", "extra"});
+    r = runToEnd({"connect", "127.0.0.1:5", "extra"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: unexpected argument 'extra'; see 'tarn connect --help'\n");
-    r = run({"call", "127.0.0.1:5"});
+    r = runToEnd({"call", "127.0.0.1:5"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: call needs HOST PORT FID; see 'tarn call --help'\n");
 }
 
 TEST(CliOptions, UnknownOptionsAreReportedAsSuch) {
-    Result r = run({"sub", "-x", "127.0.0.1", "1", "a"});
+    ToolResult r = runToEnd({"sub", "-x", "127.0.0.1", "1", "a"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: unknown option '-x'; see 'tarn sub --help'\n");
-    r = run({"sub", "127.0.0.1", "1", "a", "-c"});
+    r = runToEnd({"sub", "127.0.0.1", "1", "a", "-c"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: option -c needs a value; see 'tarn sub --help'\n");
-    r = run({"call", "--count", "1", "127.0.0.1", "1", "f"});
+    r = runToEnd({"call", "--count", "1", "127.0.0.1", "1", "f"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: unknown option '--count'; see 'tarn call --help'\n");
-    r = run({"impair", "-q"});
+    r = runToEnd({"impair", "-q"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "tarn: unknown option '-q'; see 'tarn impair --help'\n");
     // A dash and a digit is a word, not an option: a negative number passes as an argument.
     ServeProcess serve("tcp");
     ASSERT_NE(serve.port(), 0);
-    r = run({"call", "127.0.0.1", serve.portText(), "f", "-5"});
+    r = runToEnd({"call", "127.0.0.1", serve.portText(), "f", "-5"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(startsWith(serve.next(), "[1] connected "));
     EXPECT_EQ(serve.next(), "[1] call f arg1=\"-5\"");
@@ -130,21 +115,21 @@ TEST(CliOptions, UnknownOptionsAreReportedAsSuch) {
 }
 
 TEST(CliOptions, VersionEverywhere) {
-    const Result reference = run({"--version"});
+    const ToolResult reference = runToEnd({"--version"});
     EXPECT_EQ(reference.status, 0);
     ASSERT_TRUE(startsWith(reference.out, "tarn ")) << reference.out;
     EXPECT_EQ(reference.out.back(), '\n');
-    EXPECT_EQ(run({"-V"}).out, reference.out);
-    EXPECT_EQ(run({"version"}).out, reference.out);
+    EXPECT_EQ(runToEnd({"-V"}).out, reference.out);
+    EXPECT_EQ(runToEnd({"version"}).out, reference.out);
     for (const std::string& command : kCommands) {
         for (const char* flag : {"--version", "-V"}) {
-            const Result r = run({command, flag});
+            const ToolResult r = runToEnd({command, flag});
             EXPECT_EQ(r.status, 0) << command << " " << flag;
             EXPECT_EQ(r.out, reference.out) << command << " " << flag;
             EXPECT_EQ(r.err, "") << command << " " << flag;
         }
     }
-    const Result extra = run({"version", "now"});
+    const ToolResult extra = runToEnd({"version", "now"});
     EXPECT_EQ(extra.status, 2);
     EXPECT_EQ(extra.err, "tarn: unexpected argument 'now'; see 'tarn version --help'\n");
 }
@@ -157,7 +142,7 @@ TEST(CliOptions, UnknownHostIsStatusThreeInEveryCommand) {
         {"connect", host, "5555"},   {"impair", "--listen", "0", "--to", host + ":5555"},
     };
     for (const auto& args : commands) {
-        const Result r = run(args);
+        const ToolResult r = runToEnd(args);
         EXPECT_EQ(r.status, 3) << args[0];
         EXPECT_EQ(r.err, "tarn: unknown host '" + host + "'\n") << args[0];
         EXPECT_EQ(r.out, "") << args[0];
@@ -165,18 +150,18 @@ TEST(CliOptions, UnknownHostIsStatusThreeInEveryCommand) {
     for (const auto& args : std::vector<std::vector<std::string>>{
              {"serve", "--bind", host, "--port", "0"},
              {"impair", "--bind", host, "--listen", "0", "--to", "127.0.0.1:9"}}) {
-        const Result r = run(args);
+        const ToolResult r = runToEnd(args);
         EXPECT_EQ(r.status, 3) << args[0];
         EXPECT_EQ(r.err, "tarn: unknown bind address '" + host + "'\n") << args[0];
     }
 }
 
 TEST(CliOptions, ImpairIsListedAndDocumentedInItsHelp) {
-    Result r = run({"frob"});
+    ToolResult r = runToEnd({"frob"});
     EXPECT_NE(r.err.find("impair"), std::string::npos) << r.err;
-    r = run({"--help"});
+    r = runToEnd({"--help"});
     EXPECT_NE(r.out.find("\n  impair "), std::string::npos) << r.out;
-    r = run({"impair", "--help"});
+    r = runToEnd({"impair", "--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(startsWith(r.out, "usage: tarn impair [OPTIONS]")) << r.out;
     for (const char* option :
@@ -185,7 +170,7 @@ TEST(CliOptions, ImpairIsListedAndDocumentedInItsHelp) {
         EXPECT_NE(r.out.find(option), std::string::npos) << option;
     }
     // The relay speaks IPv4; an IPv6 address is refused as such, not as an unknown host.
-    r = run({"impair", "--listen", "0", "--to", "[::1]:5555"});
+    r = runToEnd({"impair", "--listen", "0", "--to", "[::1]:5555"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err,
               "tarn: the relay speaks IPv4 only, and '::1' is an IPv6 address; see 'tarn impair --help'\n");
@@ -193,33 +178,33 @@ TEST(CliOptions, ImpairIsListedAndDocumentedInItsHelp) {
 
 TEST(CliOptions, HelpGoesToStandardErrorWithJson) {
     for (const std::string& command : {std::string("serve"), std::string("connect"), std::string("sub")}) {
-        const Result plain = run({command, "--help"});
+        const ToolResult plain = runToEnd({command, "--help"});
         EXPECT_EQ(plain.status, 0);
         EXPECT_EQ(plain.err, "");
         ASSERT_TRUE(startsWith(plain.out, "usage: tarn " + command)) << plain.out;
-        const Result json = run({command, "--json", "--help"});
+        const ToolResult json = runToEnd({command, "--json", "--help"});
         EXPECT_EQ(json.status, 0);
         EXPECT_EQ(json.out, "") << command;
         EXPECT_EQ(json.err, plain.out) << command;
-        EXPECT_EQ(run({command, "-jh"}).err, plain.out) << command;
+        EXPECT_EQ(runToEnd({command, "-jh"}).err, plain.out) << command;
     }
 }
 
 TEST(CliOptions, JsonErrorsAreObjectsOnStandardOutput) {
     // A usage error, with --json given even after the bad word.
-    Result r = run({"sub", "--frob", "--json", "127.0.0.1", "1", "x"});
+    ToolResult r = runToEnd({"sub", "--frob", "--json", "127.0.0.1", "1", "x"});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out,
               "{\"event\":\"error\",\"message\":\"unknown option '--frob'; see 'tarn sub --help'\"}\n");
     // A connection that fails.
     const std::string port = std::to_string(closedTcpPort());
-    r = run({"sub", "-j", "127.0.0.1", port, "x"});
+    r = runToEnd({"sub", "-j", "127.0.0.1", port, "x"});
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, "{\"event\":\"error\",\"message\":\"cannot connect to 127.0.0.1:" + port +
                          " over tcp: connection refused\"}\n");
-    r = run({"connect", "--json", "no-such-host.invalid", "1"});
+    r = runToEnd({"connect", "--json", "no-such-host.invalid", "1"});
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.out, "{\"event\":\"error\",\"message\":\"unknown host 'no-such-host.invalid'\"}\n");
     // A bad line typed into a server, and the lost connection of a client.
@@ -304,7 +289,7 @@ TEST(CliOptions, HelpManPageAndCompletionListTheSameOptions) {
     ASSERT_FALSE(page.empty());
     ASSERT_FALSE(completion.empty());
     for (const std::string& command : kCommands) {
-        const Result help = run({command, "--help"});
+        const ToolResult help = runToEnd({command, "--help"});
         ASSERT_EQ(help.status, 0) << command;
         const std::vector<std::string> options = helpOptions(help.out);
         EXPECT_GE(options.size(), 3u) << help.out;
@@ -331,7 +316,8 @@ TEST(CliOptions, HelpManPageAndCompletionListTheSameOptions) {
 
 TEST(CliOptions, ImpairOnATakenPortCannotListen) {
     testsupport::RawUdp taken;
-    const Result r = run({"impair", "--listen", std::to_string(taken.port()), "--to", "127.0.0.1:9"});
+    const ToolResult r =
+        runToEnd({"impair", "--listen", std::to_string(taken.port()), "--to", "127.0.0.1:9"});
     EXPECT_EQ(r.status, 7);
     EXPECT_EQ(r.err.rfind("tarn: cannot bind 127.0.0.1:" + std::to_string(taken.port()) + ": ", 0), 0u)
         << r.err;

@@ -8,12 +8,9 @@
 #include "testsupport.h"
 
 using namespace clitest;
+using testsupport::startsWith;
 
 namespace {
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
 
 class CliServe : public ::testing::TestWithParam<std::string> {
 protected:

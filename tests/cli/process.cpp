@@ -66,15 +66,24 @@ int ServeProcess::quit() {
     return m_process.wait(kWaitMs);
 }
 
-int runTool(const std::vector<std::string>& args, const std::string& input, int timeoutMs, std::string& out,
-            std::string& err) {
-    ToolProcess process(args);
+ToolResult runToEnd(const std::vector<std::string>& args, const std::string& input, int timeoutMs,
+                    const std::string& program) {
+    ToolProcess process(args, program);
     process.sendRaw(input);
     process.closeInput();
-    const int status = process.wait(timeoutMs);
-    out = process.restOfOutput();
-    err = process.restOfErrors();
-    return status;
+    ToolResult result;
+    result.status = process.wait(timeoutMs);
+    result.out = process.restOfOutput();
+    result.err = process.restOfErrors();
+    return result;
+}
+
+int runTool(const std::vector<std::string>& args, const std::string& input, int timeoutMs, std::string& out,
+            std::string& err) {
+    ToolResult result = runToEnd(args, input, timeoutMs);
+    out = result.out;
+    err = result.err;
+    return result.status;
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

@@ -48,6 +48,17 @@ private:
     std::string m_firstLine;
 };
 
+// What a run of the tool to its end gave: the exit status (-1 when it did not end in time), its
+// standard output and its standard error.
+struct ToolResult {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+// Runs the tool (or `program`) to its end with `input` on standard input (then closed).
+ToolResult runToEnd(const std::vector<std::string>& args, const std::string& input = std::string(),
+                    int timeoutMs = kWaitMs, const std::string& program = std::string());
+
 // Runs the tool to its end with `input` on standard input (then closed); returns the exit status
 // (-1 when it did not end within `timeoutMs`).
 int runTool(const std::vector<std::string>& args, const std::string& input, int timeoutMs, std::string& out,

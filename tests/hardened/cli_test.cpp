@@ -10,12 +10,9 @@ using clitest::kWaitMs;
 using clitest::runTool;
 using clitest::ServeProcess;
 using clitest::ToolProcess;
+using testsupport::startsWith;
 
 namespace {
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;

@@ -163,6 +163,10 @@ Bytes eudpDatagram(const char* command, std::uint32_t value, const Bytes& payloa
 std::uint32_t le32(const Bytes& bytes, std::size_t offset);
 std::string hex(const Bytes& bytes);
 Bytes bytesOf(const std::string& text);
+// Whether `text` begins with `prefix`.
+inline bool startsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
 
 }  // namespace testsupport
 
