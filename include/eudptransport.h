@@ -322,6 +322,8 @@ private:
     bool admitConnection(const sal::HostAddress& address, uint16 port);
     void handOnAdmission(EUDPTransport* pPeer, const sal::HostAddress& address);
     void handOnAllowedModes(EUDPTransport* pPeer) const;
+    void storeAllowedPair(std::atomic<bool>& realtimeFlag, std::atomic<bool>& reliableFlag, bool realtime,
+                          bool reliable);
     void countListenerDrop(int kind);
     // An accepted transport gives its place in the listener's counts back as its link ends.
     void leaveAdmission();

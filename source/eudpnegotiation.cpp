@@ -22,40 +22,32 @@ EConnMode modeFromByte(std::int32_t byte) {
 
 }  // namespace
 
-void EUDPTransport::allowSendMode(bool realtime, bool reliable) {
+// Every allow...Mode setter: a pair allowing neither realtime nor reliable is refused with an error
+// line and the pair before stays.
+void EUDPTransport::storeAllowedPair(std::atomic<bool>& realtimeFlag, std::atomic<bool>& reliableFlag,
+                                     bool realtime, bool reliable) {
     if (!realtime && !reliable) {
         logLine(eError) << "allowing neither realtime nor reliable mode";
         return;
     }
-    m_bAllowSendRealtime.store(realtime);
-    m_bAllowSendReliable.store(reliable);
+    realtimeFlag.store(realtime);
+    reliableFlag.store(reliable);
+}
+
+void EUDPTransport::allowSendMode(bool realtime, bool reliable) {
+    storeAllowedPair(m_bAllowSendRealtime, m_bAllowSendReliable, realtime, reliable);
 }
 
 void EUDPTransport::allowReceiveMode(bool realtime, bool reliable) {
-    if (!realtime && !reliable) {
-        logLine(eError) << "allowing neither realtime nor reliable mode";
-        return;
-    }
-    m_bAllowReceiveRealtime.store(realtime);
-    m_bAllowReceiveReliable.store(reliable);
+    storeAllowedPair(m_bAllowReceiveRealtime, m_bAllowReceiveReliable, realtime, reliable);
 }
 
 void EUDPTransport::allowAcceptedSendMode(bool realtime, bool reliable) {
-    if (!realtime && !reliable) {
-        logLine(eError) << "allowing neither realtime nor reliable mode";
-        return;
-    }
-    m_bAcceptedSendRealtime.store(realtime);
-    m_bAcceptedSendReliable.store(reliable);
+    storeAllowedPair(m_bAcceptedSendRealtime, m_bAcceptedSendReliable, realtime, reliable);
 }
 
 void EUDPTransport::allowAcceptedReceiveMode(bool realtime, bool reliable) {
-    if (!realtime && !reliable) {
-        logLine(eError) << "allowing neither realtime nor reliable mode";
-        return;
-    }
-    m_bAcceptedReceiveRealtime.store(realtime);
-    m_bAcceptedReceiveReliable.store(reliable);
+    storeAllowedPair(m_bAcceptedReceiveRealtime, m_bAcceptedReceiveReliable, realtime, reliable);
 }
 
 // Called by accept() before the new transport's receiver starts.

@@ -143,24 +143,26 @@ void TARNListener::setHardening(const EUDPHardening& hardening) {
     m_hardening = hardening;
 }
 
-// Neither realtime nor reliable is refused, as the transport refuses it, and the setting before
-// stays.
-void TARNListener::allowAcceptedSendMode(bool realtime, bool reliable) {
+namespace {
+
+// Neither realtime nor reliable is refused, as the transport refuses it, and the pair before stays.
+void storeAllowedPair(bool* pair, bool realtime, bool reliable) {
     if (!realtime && !reliable) {
         tarnLog().getErrorStream() << "TARN: allowing neither realtime nor reliable mode";
         return;
     }
-    m_allowed[0] = realtime;
-    m_allowed[1] = reliable;
+    pair[0] = realtime;
+    pair[1] = reliable;
+}
+
+}  // namespace
+
+void TARNListener::allowAcceptedSendMode(bool realtime, bool reliable) {
+    storeAllowedPair(&m_allowed[0], realtime, reliable);
 }
 
 void TARNListener::allowAcceptedReceiveMode(bool realtime, bool reliable) {
-    if (!realtime && !reliable) {
-        tarnLog().getErrorStream() << "TARN: allowing neither realtime nor reliable mode";
-        return;
-    }
-    m_allowed[2] = realtime;
-    m_allowed[3] = reliable;
+    storeAllowedPair(&m_allowed[2], realtime, reliable);
 }
 
 ITARNTransport* TARNListener::newTransport() const {
@@ -172,12 +174,8 @@ ITARNTransport* TARNListener::newTransport() const {
     }
     EUDPTransport* const eudp = new EUDPTransport();
     eudp->setHardening(m_hardening);
-    if (!m_allowed[0] || !m_allowed[1]) {
-        eudp->allowAcceptedSendMode(m_allowed[0], m_allowed[1]);
-    }
-    if (!m_allowed[2] || !m_allowed[3]) {
-        eudp->allowAcceptedReceiveMode(m_allowed[2], m_allowed[3]);
-    }
+    eudp->allowAcceptedSendMode(m_allowed[0], m_allowed[1]);  // both true unless restricted
+    eudp->allowAcceptedReceiveMode(m_allowed[2], m_allowed[3]);
     return eudp;
 }
 

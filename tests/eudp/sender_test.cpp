@@ -139,20 +139,42 @@ TEST(EUDPSender, RealtimeMessagesNeverOvertakeQueuedOnes) {
     EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
 }
 
+// `threads` threads, each sending "t:0" to "t:<each - 1>" (t its index) as fast as it can.
+std::vector<std::thread> startNumberedSenders(EUDPTransport& sender, int threads, int each) {
+    std::vector<std::thread> senders;
+    for (int t = 0; t < threads; ++t) {
+        senders.emplace_back([&sender, t, each] {
+            for (int i = 0; i < each; ++i) {
+                EXPECT_TRUE(send(sender, std::to_string(t) + ":" + std::to_string(i)));
+            }
+        });
+    }
+    return senders;
+}
+
+// A CMD of startNumberedSenders carries its thread's next message, in that thread's order.
+::testing::AssertionResult nextOfItsThread(const Bytes& datagram, std::vector<int>& nextOfThread) {
+    const std::string text(datagram.begin() + 8, datagram.end());
+    const int thread = text.empty() ? -1 : text[0] - '0';
+    if (thread < 0 || thread >= static_cast<int>(nextOfThread.size())) {
+        return ::testing::AssertionFailure() << "no sender thread's message: " << text;
+    }
+    int& next = nextOfThread[static_cast<std::size_t>(thread)];
+    const std::string expected = std::to_string(thread) + ":" + std::to_string(next);
+    if (text != expected) {
+        return ::testing::AssertionFailure() << "expected " << expected << ", got " << text;
+    }
+    ++next;
+    return ::testing::AssertionSuccess();
+}
+
 // Several threads sending at once: the wire carries the numbers in the order they were taken.
 TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open());
     constexpr int kThreads = 4;
     constexpr int kEach = 50;
-    std::vector<std::thread> senders;
-    for (int t = 0; t < kThreads; ++t) {
-        senders.emplace_back([&peer, t] {
-            for (int i = 0; i < kEach; ++i) {
-                EXPECT_TRUE(send(*peer.server, std::to_string(t) + ":" + std::to_string(i)));
-            }
-        });
-    }
+    std::vector<std::thread> senders = startNumberedSenders(*peer.server, kThreads, kEach);
     for (std::thread& sender : senders) {
         sender.join();
     }
@@ -163,14 +185,7 @@ TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
         ASSERT_EQ("CMD", commandOf(datagram));
         EXPECT_EQ(n, le32(datagram, 4));
         // Each thread's own messages keep their order too.
-        std::string text(datagram.begin() + 8, datagram.end());
-        int thread = text[0] - '0';
-        ASSERT_GE(thread, 0);
-        ASSERT_LT(thread, kThreads);
-        EXPECT_EQ(
-            std::to_string(thread) + ":" + std::to_string(nextOfThread[static_cast<std::size_t>(thread)]),
-            text);
-        ++nextOfThread[static_cast<std::size_t>(thread)];
+        ASSERT_TRUE(nextOfItsThread(datagram, nextOfThread));
     }
 }
 
@@ -183,14 +198,7 @@ TEST(EUDPSender, ConcurrentReliableSendersKeepNumbersInWireOrder) {
     makeReliable(peer);
     constexpr int kThreads = 4;
     constexpr int kEach = 40;
-    std::vector<std::thread> senders;
-    for (int t = 0; t < kThreads; ++t) {
-        senders.emplace_back([&peer, t] {
-            for (int i = 0; i < kEach; ++i) {
-                EXPECT_TRUE(send(*peer.server, std::to_string(t) + ":" + std::to_string(i)));
-            }
-        });
-    }
+    std::vector<std::thread> senders = startNumberedSenders(*peer.server, kThreads, kEach);
     std::vector<int> nextOfThread(kThreads, 0);
     std::uint32_t next = 0;
     while (next < static_cast<std::uint32_t>(kThreads * kEach)) {
@@ -205,14 +213,7 @@ TEST(EUDPSender, ConcurrentReliableSendersKeepNumbersInWireOrder) {
         if (number < next) {
             continue;  // a resend
         }
-        std::string text(datagram.begin() + 8, datagram.end());
-        int thread = text[0] - '0';
-        ASSERT_GE(thread, 0);
-        ASSERT_LT(thread, kThreads);
-        EXPECT_EQ(
-            std::to_string(thread) + ":" + std::to_string(nextOfThread[static_cast<std::size_t>(thread)]),
-            text);
-        ++nextOfThread[static_cast<std::size_t>(thread)];
+        ASSERT_TRUE(nextOfItsThread(datagram, nextOfThread));
         ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", number)));
         ++next;
     }
