@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -291,6 +292,40 @@ TEST_F(BridgeTest, CallToAnOfflineDeviceIsAnswered) {
 
 class BridgeDeviceRestart : public BridgeTest, public ::testing::WithParamInterface<const char*> {};
 
+// Keeps a stopped device's port from the other sockets of the machine until the device starts
+// again on it: a TCP port by a socket that never listens (the device binds beside it), a UDP port by
+// a bound socket that is given up just before the device binds.
+class DevicePortHold {
+public:
+    DevicePortHold(const std::string& transport, std::uint16_t port)
+        : m_transport(transport), m_port(port), m_tcp(port), m_udp(port) {
+        if (transport == "tcp") {
+            m_udp.release();
+        }
+    }
+    bool held() const { return m_transport == "tcp" ? m_tcp.port() == m_port : m_udp.held(); }
+
+    // `tarn serve` on the port again. Another socket may take the UDP port in the moment between
+    // the hold's end and the device's bind; the device is then started again until the deadline.
+    std::unique_ptr<Serve> restart() {
+        std::unique_ptr<Serve> serve;
+        testsupport::waitUntil(
+            [&] {
+                m_udp.release();
+                serve.reset(new Serve(m_transport, m_port));
+                return serve->port() == m_port;
+            },
+            kWaitMs);
+        return serve;
+    }
+
+private:
+    std::string m_transport;
+    std::uint16_t m_port;
+    testsupport::ReservedTcpPort m_tcp;
+    testsupport::HeldUdpPort m_udp;
+};
+
 TEST_P(BridgeDeviceRestart, OfflineThenOnlineWithItsStatesAgain) {
     const std::string transport = GetParam();
     const int lossMs = transport == "eudp" ? kEudpLossMs : kWaitMs;
@@ -309,6 +344,8 @@ TEST_P(BridgeDeviceRestart, OfflineThenOnlineWithItsStatesAgain) {
 
     serve->process().signal(SIGKILL);
     delete serve;
+    DevicePortHold hold(transport, port);
+    ASSERT_TRUE(hold.held());
     EXPECT_TRUE(watcher.waitForLine("0 tarn/dev/status offline", lossMs));
     EXPECT_TRUE(bridge.waitForDevice("dev", "offline", lossMs));
     // The last value stays retained while the device is away.
@@ -317,11 +354,11 @@ TEST_P(BridgeDeviceRestart, OfflineThenOnlineWithItsStatesAgain) {
         EXPECT_TRUE(meanwhile.waitForLine("1 tarn/dev/state/temp " + typed("float", "21")));
     }
 
-    Serve again(transport, port);
-    ASSERT_EQ(again.port(), port);
-    again.send("set temp:f=30");
+    const std::unique_ptr<Serve> again = hold.restart();
+    ASSERT_EQ(again->port(), port);
+    again->send("set temp:f=30");
     EXPECT_TRUE(watcher.waitForMessage("tarn/dev/status online", seen)) << seen;
-    EXPECT_TRUE(again.process().waitForLine("[1] subscribe temp", kWaitMs));
+    EXPECT_TRUE(again->process().waitForLine("[1] subscribe temp", kWaitMs));
     EXPECT_TRUE(watcher.waitForMessage("tarn/dev/state/temp " + typed("float", "30"), seen)) << seen;
     EXPECT_EQ(bridge.stop(SIGTERM), 0);
 }

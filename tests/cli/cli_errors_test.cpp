@@ -174,7 +174,8 @@ TEST(CliErrors, UnknownHost) {
 }
 
 TEST(CliErrors, TcpConnectionRefused) {
-    const std::string port = std::to_string(closedTcpPort());
+    const testsupport::ClosedTcpPort closed;
+    const std::string port = std::to_string(closed.port());
     for (const char* command : {"call", "sub", "connect"}) {
         std::vector<std::string> args = {command, "127.0.0.1", port};
         if (std::string(command) != "connect") {

@@ -19,17 +19,19 @@ using testsupport::startsWith;
 
 namespace {
 
-// A UDP port on which nothing listens at the moment of the call.
-std::uint16_t closedUdpPort() {
-    testsupport::RawUdp socket;
-    return socket.port();
-}
-
 class CliLinks : public ::testing::TestWithParam<std::string> {
 protected:
     std::string transport() const { return GetParam(); }
     std::string flag() const { return "--" + GetParam(); }
-    std::uint16_t closedPort() const { return GetParam() == "tcp" ? closedTcpPort() : closedUdpPort(); }
+    // A port on which nothing answers, kept from other sockets for the test: the TCP one by a
+    // socket that never listens (a server started on it binds beside it), the UDP one by a socket
+    // that nobody reads until openClosedPort() gives it up for a server about to bind it.
+    std::uint16_t closedPort() const { return transport() == "tcp" ? m_tcp.port() : m_udp.port(); }
+    void openClosedPort() { m_udp.release(); }
+
+private:
+    testsupport::ReservedTcpPort m_tcp;
+    testsupport::HeldUdpPort m_udp;
 };
 
 }  // namespace
@@ -80,6 +82,7 @@ TEST_P(CliLinks, SubWaitsForAServerThatComesUpLater) {
         transport() == "tcp" ? "connection refused" : "no answer within 5 s (timed out)";
     EXPECT_EQ(line, "waiting up to 60 s for a server at 127.0.0.1:" + port + " over " + transport() + " (" +
                         reason + ")");
+    openClosedPort();
     ToolProcess serve({"serve", flag(), "--bind", "127.0.0.1", "--port", port});
     ASSERT_TRUE(serve.nextLine(line, kWaitMs));
     ASSERT_EQ(line, "listening on " + transport() + " 127.0.0.1:" + port);
@@ -94,7 +97,8 @@ TEST_P(CliLinks, SubWaitsForAServerThatComesUpLater) {
 }
 
 TEST(CliWait, ConnectWaitsToo) {
-    const std::string port = std::to_string(closedTcpPort());
+    const testsupport::ReservedTcpPort closed;  // the server binds beside it
+    const std::string port = std::to_string(closed.port());
     ToolProcess client({"connect", "-w", "60", "127.0.0.1:" + port});
     std::string line;
     ASSERT_TRUE(client.nextErrorLine(line, kWaitMs));
@@ -111,7 +115,8 @@ TEST(CliWait, ConnectWaitsToo) {
 }
 
 TEST(CliWait, GivesUpWhenTheWaitRunsOut) {
-    const std::string port = std::to_string(closedTcpPort());
+    const testsupport::ClosedTcpPort closed;
+    const std::string port = std::to_string(closed.port());
     const std::int64_t start = testsupport::nowMs();
     std::string out;
     std::string err;
@@ -138,7 +143,8 @@ TEST(CliWait, GivesUpWhenTheWaitRunsOut) {
 }
 
 TEST(CliWait, ASignalEndsTheWait) {
-    const std::string port = std::to_string(closedTcpPort());
+    const testsupport::ClosedTcpPort closed;
+    const std::string port = std::to_string(closed.port());
     ToolProcess sub({"sub", "--wait", "600", "127.0.0.1", port, "x"});
     std::string line;
     ASSERT_TRUE(sub.nextErrorLine(line, kWaitMs));

@@ -198,7 +198,8 @@ TEST(CliOptions, JsonErrorsAreObjectsOnStandardOutput) {
     EXPECT_EQ(r.out,
               "{\"event\":\"error\",\"message\":\"unknown option '--frob'; see 'tarn sub --help'\"}\n");
     // A connection that fails.
-    const std::string port = std::to_string(closedTcpPort());
+    const testsupport::ClosedTcpPort closed;
+    const std::string port = std::to_string(closed.port());
     r = runToEnd({"sub", "-j", "127.0.0.1", port, "x"});
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(r.err, "");

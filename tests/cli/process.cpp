@@ -1,8 +1,5 @@
 #include "process.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -98,18 +95,6 @@ std::vector<std::string> linesOf(const std::string& text) {
         start = end + 1;
     }
     return lines;
-}
-
-std::uint16_t closedTcpPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in local = {};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local));
-    socklen_t length = sizeof(local);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length);
-    ::close(fd);  // bound but never listening: connecting to it is refused
-    return ntohs(local.sin_port);
 }
 
 }  // namespace clitest

@@ -67,9 +67,6 @@ int runTool(const std::vector<std::string>& args, const std::string& input, int 
 // The lines of a text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);
 
-// A local port on which nothing listens (TCP) at the moment of the call.
-std::uint16_t closedTcpPort();
-
 }  // namespace clitest
 
 #endif  // TARN_TESTS_CLI_PROCESS_H

@@ -66,10 +66,15 @@ TEST(BinarySemaphore, GiveWakesAWaiterWithoutLimit) {
 
 TEST(BinarySemaphore, GiveWithinTheLimitIsTaken) {
     BinarySemaphore semaphore;
+    // Given only once this thread waits in take().
+    const int taker = testsupport::currentThreadId();
+    std::atomic<bool> taking{false};
     std::thread giver([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        waitUntil([&] { return taking.load(); }, 5000);
+        testsupport::waitUntilBlocked(taker, 5000);
         semaphore.give();
     });
+    taking = true;
     const std::int64_t start = nowMs();
     EXPECT_EQ(0, semaphore.take(10000));
     EXPECT_LT(nowMs() - start, 5000);

@@ -154,14 +154,22 @@ TEST(Thread, DestructorWaitsForRunningRun) {
     std::unique_ptr<Detached> pThread(new Detached(started, release, finished));
     ASSERT_TRUE(pThread->start());
     ASSERT_EQ(0, started.take(5000));
-    std::thread releaser([&release] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // Released only once this thread waits in the destructor.
+    const int deleter = testsupport::currentThreadId();
+    std::atomic<bool> deleting{false};
+    std::atomic<std::int64_t> releasedAt{0};
+    std::thread releaser([&] {
+        waitUntil([&] { return deleting.load(); }, 5000);
+        testsupport::waitUntilBlocked(deleter, 5000);
+        releasedAt = nowMs();
         release.give();
     });
-    const std::int64_t start = nowMs();
+    deleting = true;
     pThread.reset();  // blocks until run() returned; must not terminate the process
+    const std::int64_t deletedAt = nowMs();
     EXPECT_EQ(1, finished.load());
-    EXPECT_GE(nowMs() - start, 150);
+    EXPECT_NE(0, releasedAt.load());
+    EXPECT_GE(deletedAt, releasedAt.load());
     releaser.join();
 }
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -99,6 +100,25 @@ long wakeUpsOf(const std::string& name) {
     }
     ::closedir(pDir);
     return result;
+}
+
+// The kernel's id of the first thread named `name`, 0 when there is none.
+int threadIdNamed(const std::string& name) {
+    DIR* pDir = ::opendir("/proc/self/task");
+    if (pDir == nullptr) {
+        return 0;
+    }
+    int id = 0;
+    while (dirent* pEntry = ::readdir(pDir)) {
+        if (id == 0 && pEntry->d_name[0] != '.') {
+            std::ifstream comm(std::string("/proc/self/task/") + pEntry->d_name + "/comm");
+            std::string taskName;
+            std::getline(comm, taskName);
+            id = taskName == name ? std::atoi(pEntry->d_name) : 0;
+        }
+    }
+    ::closedir(pDir);
+    return id;
 }
 
 int threadsNamed(const std::string& name) {
@@ -213,12 +233,14 @@ TEST(Timer, StartWhileRunningDoesNotPostpone) {
     const std::int64_t start = nowMs();
     ASSERT_TRUE(timer.start(1000000, true));
     ASSERT_TRUE(waitUntil([&] { return nowMs() - start >= 600; }, 5000));
+    const std::int64_t restartedAt = nowMs();
     EXPECT_FALSE(timer.start(1000000, true));  // running: nothing changes
     EXPECT_FALSE(timer.start(50000, true));    // not even to an earlier expiry
     ASSERT_TRUE(waitUntil([&] { return firedAt.load() != 0; }, 10000));
     const std::int64_t elapsed = firedAt.load() - start;
     EXPECT_GE(elapsed, 1000);
-    EXPECT_LT(elapsed, 1450);  // a postponed expiry would come at 1600 ms or later
+    // A postponed expiry would come a full second after the second start, 1600 ms or later.
+    EXPECT_LT(elapsed, restartedAt - start + 1000);
 }
 
 TEST(Timer, StopThenStartRestartsTheWait) {
@@ -443,10 +465,15 @@ TEST(Timer, WaitUntilIdleWaitsForTheCallback) {
     ASSERT_TRUE(timer.start(1000, true));
     ASSERT_EQ(0, entered.take(5000));
     EXPECT_EQ(1, insideResult.load());
+    // Released only once this thread waits in stop() or waitUntilIdle().
+    const int waiter = testsupport::currentThreadId();
+    std::atomic<bool> waiting{false};
     std::thread releaser([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        waitUntil([&] { return waiting.load(); }, 5000);
+        testsupport::waitUntilBlocked(waiter, 5000);
         release.give();
     });
+    waiting = true;
     timer.stop();
     timer.waitUntilIdle();
     EXPECT_EQ(1, finished.load());
@@ -802,8 +829,13 @@ TEST(Timer, ExpiriesCloseTogetherShareAWakeUp) {
             return true;
         }));
     }
-    // Let the scheduler settle before counting its wake-ups.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    // The scheduler, where an earlier start made one, asleep before its wake-ups are counted.
+    ASSERT_TRUE(waitUntil(
+        [] {
+            const int scheduler = threadIdNamed("sal-timer");
+            return scheduler == 0 || testsupport::waitUntilBlocked(scheduler, 0);
+        },
+        5000));
     const long before = wakeUpsOf("sal-timer");
     // Half a second ahead: starting the hundred timers must end before the first comes due, also
     // under ThreadSanitizer on a loaded machine.

@@ -248,9 +248,36 @@ ReservedTcpPort::ReservedTcpPort() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)), m_
     }
 }
 
+ReservedTcpPort::ReservedTcpPort(std::uint16_t port) : m_fd(::socket(AF_INET, SOCK_STREAM, 0)), m_port(0) {
+    int on = 1;
+    sockaddr_in address = loopback(port);
+    if (m_fd >= 0 && ::setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0 &&
+        ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        m_port = port;
+    }
+}
+
 ReservedTcpPort::~ReservedTcpPort() {
     if (m_fd >= 0) {
         ::close(m_fd);
+    }
+}
+
+// Not inherited by the programs a test starts, which would keep the port after release().
+HeldUdpPort::HeldUdpPort(std::uint16_t port)
+    : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_port(0) {
+    sockaddr_in address = loopback(port);
+    if (m_fd >= 0 && ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        m_port = boundPort(m_fd);
+    } else {
+        release();
+    }
+}
+
+void HeldUdpPort::release() {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
     }
 }
 

@@ -120,13 +120,37 @@ private:
 // SO_REUSEADDR (mosquitto and openssl s_server do): a bound socket with SO_REUSEADDR that never
 // listens. The kernel hands the port to no other socket for the holder's lifetime, also between a
 // stop and a restart of that program, while the program's own bind succeeds.
+// The second form holds a given port (port() is 0 when another socket has it without
+// SO_REUSEADDR), for a program started again on the port it had.
 class ReservedTcpPort {
 public:
     ReservedTcpPort();
+    explicit ReservedTcpPort(std::uint16_t port);
     ~ReservedTcpPort();
     ReservedTcpPort(const ReservedTcpPort&) = delete;
     ReservedTcpPort& operator=(const ReservedTcpPort&) = delete;
     std::uint16_t port() const { return m_port; }
+
+private:
+    int m_fd;
+    std::uint16_t m_port;
+};
+
+// A UDP port on 127.0.0.1 (a given one, or an ephemeral one with the first form) held by a bound
+// socket that nobody reads, until release() or the end of the holder: no other socket can take the
+// port meanwhile, and a sender's unconnected socket sees no difference from a port nothing is bound
+// to. held() is false when another socket had the port already. For a program started on the port
+// later: held until just before it binds.
+class HeldUdpPort {
+public:
+    HeldUdpPort() : HeldUdpPort(0) {}
+    explicit HeldUdpPort(std::uint16_t port);
+    ~HeldUdpPort() { release(); }
+    HeldUdpPort(const HeldUdpPort&) = delete;
+    HeldUdpPort& operator=(const HeldUdpPort&) = delete;
+    std::uint16_t port() const { return m_port; }  // kept after release()
+    bool held() const { return m_fd >= 0; }
+    void release();
 
 private:
     int m_fd;

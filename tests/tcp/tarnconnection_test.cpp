@@ -3,6 +3,7 @@
 // and destruction.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -391,14 +392,25 @@ private:
 // Margin under the 200 ms that a start() waiting for a loop would take at least.
 const std::int64_t kAtOnceMs = 180;
 
+// The quickest of three calls of start() that all fail, in milliseconds: a call that lost the
+// processor for a while on a loaded machine does not count as one that waited.
+std::int64_t quickestFailedStart(TARNConnection& connection) {
+    std::int64_t quickest = -1;
+    for (int i = 0; i < 3; ++i) {
+        const std::int64_t start = nowMs();
+        EXPECT_FALSE(connection.start());
+        const std::int64_t took = nowMs() - start;
+        quickest = quickest < 0 ? took : std::min(quickest, took);
+    }
+    return quickest;
+}
+
 }  // namespace
 
 TEST(TarnConnectionTcp, StartOnARunningConnectionFailsAtOnce) {
     Connected c;
     ASSERT_TRUE(c.events.waitFor("client:connected", 5000));
-    const std::int64_t start = nowMs();
-    EXPECT_FALSE(c.connection->start());
-    EXPECT_LT(nowMs() - start, kAtOnceMs);
+    EXPECT_LT(quickestFailedStart(*c.connection), kAtOnceMs);
     // The loop that runs is the one it was: the next packet arrives once.
     ASSERT_TRUE(c.peer.sendAll(frame(packet('T', concat({cstr("x"), intValue(1)})))));
     ASSERT_TRUE(c.events.waitFor("client:trigger x I:1", 5000));
@@ -415,9 +427,7 @@ TEST(TarnConnectionTcp, StartWhileTheLoopIsStillInItsDisconnectedCallbackFailsAt
     ASSERT_TRUE(peer.valid());
     peer.close();
     ASSERT_TRUE(events.waitFor("client:disconnected", 5000));
-    const std::int64_t start = nowMs();
-    EXPECT_FALSE(connection.start());
-    EXPECT_LT(nowMs() - start, kAtOnceMs);
+    EXPECT_LT(quickestFailedStart(connection), kAtOnceMs);
     client.release();
     ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
     connection.disconnect();
