@@ -16,6 +16,7 @@
 #include <tarnlistener.h>
 
 #include "faultsupport.h"
+#include "recording.h"
 #include "testsupport.h"
 
 namespace hardened {
@@ -39,12 +40,7 @@ constexpr bool kCheckResident = false;
 constexpr bool kCheckResident = true;
 #endif
 
-class NullClient : public ITARNClient {
-public:
-    void onTrigger(const std::string&, const ParameterValue&) override {}
-    void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatusChanged(EConnStatus) override {}
-};
+using testsupport::NullClient;
 
 // A client whose socket is bound to `address` (another loopback address than the flood's).
 inline bool connectFrom(const std::string& address, uint16 port, bool hardened = false) {

@@ -16,21 +16,15 @@
 
 #include "eudptestaccess.h"
 #include "lossylink.h"
+#include "recording.h"
 #include "testsupport.h"
 
 using testsupport::Bytes;
 using testsupport::bytesOf;
+using testsupport::NullClient;
 using testsupport::waitUntil;
 
 namespace {
-
-class NullClient : public ITARNClient {
-public:
-    void onTrigger(const std::string&, const ParameterValue&) override { ++triggers; }
-    void onUpdateState(const std::string&, const ParameterValue&) override {}
-    void onStatusChanged(EConnStatus) override {}
-    std::atomic<int> triggers{0};
-};
 
 // Keeps what the listener hands out; deletes it at the end.
 class Keeper : public ITARNConnector {

@@ -197,6 +197,27 @@ bool ChildProcess::waitForLine(const std::string& exact, int timeoutMs, std::vec
                        skipped);
 }
 
+bool ChildProcess::readExactly(std::string& bytes, std::size_t count, int timeoutMs) {
+    const std::int64_t deadline = nowMs() + timeoutMs;
+    while (m_out.size() < count) {
+        const std::int64_t left = deadline - nowMs();
+        if (left <= 0 || m_outFd < 0 || !pump(static_cast<int>(left))) {
+            return false;
+        }
+    }
+    bytes = m_out.substr(0, count);
+    m_out.erase(0, count);
+    return true;
+}
+
+std::string ChildProcess::errorsSoFar() {
+    std::size_t before = 0;
+    do {
+        before = m_out.size() + m_err.size();
+    } while (pump(0) && m_out.size() + m_err.size() != before);
+    return m_err;
+}
+
 int ChildProcess::wait(int timeoutMs) {
     if (m_pid <= 0) {
         return -1;

@@ -48,6 +48,12 @@ public:
     // The next line of standard error within `timeoutMs`.
     bool nextErrorLine(std::string& line, int timeoutMs);
 
+    // Exactly `count` bytes of standard output within `timeoutMs`, for a child whose output is not
+    // made of lines; false on time-out or end of output, the bytes then left for later reads.
+    bool readExactly(std::string& bytes, std::size_t count, int timeoutMs);
+    // Standard error so far, without waiting: what the pipe holds now is read too.
+    std::string errorsSoFar();
+
     // Waits for the child to end: its exit status, 128 + the signal that ended it, or -1 when it
     // is still running after `timeoutMs`. Output keeps being collected meanwhile.
     int wait(int timeoutMs);

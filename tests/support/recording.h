@@ -1,11 +1,13 @@
 // The test toolkit's recording callbacks: clients and servers that write every callback they get
 // into an Events record as one line of text ("client:trigger name I:7", "server:subscribe name",
-// "server:connected"), and the record itself, which any thread may add to and a test waits on.
+// "server:connected"), and the record itself, which any thread may add to and a test waits on;
+// and a client that records nothing but a count of its triggers.
 //
 // Ownership: a recorder refers to its Events, which must outlive it. Threads: any.
 #ifndef TARN_TESTS_SUPPORT_RECORDING_H
 #define TARN_TESTS_SUPPORT_RECORDING_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -70,6 +72,15 @@ public:
 private:
     Events& m_events;
     std::string m_prefix;
+};
+
+// A client that keeps nothing but how many triggers it got.
+class NullClient final : public ITARNClient {
+public:
+    void onTrigger(const std::string&, const ParameterValue&) override { ++triggers; }
+    void onUpdateState(const std::string&, const ParameterValue&) override {}
+    void onStatusChanged(EConnStatus) override {}
+    std::atomic<int> triggers{0};
 };
 
 }  // namespace testsupport

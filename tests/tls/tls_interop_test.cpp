@@ -23,8 +23,8 @@ const int kWaitMs = 10000;
 // with the server certificate, and `extra` options.
 std::unique_ptr<Child> startServer(std::uint16_t port, const std::vector<std::string>& extra) {
     std::vector<std::string> args = {
-        "openssl", "s_server",     "-quiet", "-accept",        "127.0.0.1:" + std::to_string(port),
-        "-cert",   certs().server, "-key",   certs().serverKey};
+        TARN_OPENSSL_PATH, "s_server",     "-quiet", "-accept",        "127.0.0.1:" + std::to_string(port),
+        "-cert",           certs().server, "-key",   certs().serverKey};
     args.insert(args.end(), extra.begin(), extra.end());
     return std::unique_ptr<Child>(new Child(args));
 }
@@ -35,7 +35,7 @@ bool connectWhenUp(TlsClient& client, std::uint16_t port) {
 }
 
 std::unique_ptr<Child> startClient(std::uint16_t port, const std::vector<std::string>& extra) {
-    std::vector<std::string> args = {"openssl",          "s_client", "-quiet",
+    std::vector<std::string> args = {TARN_OPENSSL_PATH,  "s_client", "-quiet",
                                      "-nocommands",      "-connect", "127.0.0.1:" + std::to_string(port),
                                      "-CAfile",          certs().ca, "-verify_return_error",
                                      "-verify_hostname", "localhost"};

@@ -228,91 +228,13 @@ bool TlsClient::connect(std::uint16_t port, const std::string& host) {
     return connection.connect(host, port, &client);
 }
 
-Child::Child(const std::vector<std::string>& args) {
-    // Standard input is a socket, so that a write to a child that has gone fails instead of raising
-    // SIGPIPE in the test.
-    int in[2], out[2], err[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, in) != 0 || pipe2(out, O_CLOEXEC) != 0 ||
-        pipe2(err, O_CLOEXEC) != 0) {
-        return;
-    }
-    std::vector<char*> argv;
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    argv.push_back(nullptr);
-    m_pid = fork();
-    if (m_pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    m_in = in[1];
-    m_out = out[0];
-    m_err = err[0];
-    fcntl(m_err, F_SETFL, O_NONBLOCK);
-}
-
-Child::~Child() {
-    if (m_pid > 0) {
-        kill(m_pid, SIGKILL);
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-    }
-    for (int fd : {m_in, m_out, m_err}) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-}
-
-bool Child::write(const Bytes& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::send(m_in, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 bool Child::readExactly(Bytes& bytes, std::size_t count, int timeoutMs) {
-    bytes.clear();
-    const std::int64_t deadline = testsupport::nowMs() + timeoutMs;
-    while (bytes.size() < count) {
-        const std::int64_t left = deadline - testsupport::nowMs();
-        pollfd entry{m_out, POLLIN, 0};
-        if (left <= 0 || ::poll(&entry, 1, static_cast<int>(left)) <= 0) {
-            return false;
-        }
-        std::uint8_t chunk[4096];
-        const ssize_t n = ::read(m_out, chunk, std::min(sizeof chunk, count - bytes.size()));
-        if (n <= 0) {
-            return false;
-        }
-        bytes.insert(bytes.end(), chunk, chunk + n);
+    std::string text;
+    if (!testsupport::ChildProcess::readExactly(text, count, timeoutMs)) {
+        return false;
     }
+    bytes.assign(text.begin(), text.end());
     return true;
-}
-
-void Child::pumpErrors() {
-    char chunk[4096];
-    ssize_t n = 0;
-    while ((n = ::read(m_err, chunk, sizeof chunk)) > 0) {
-        m_errors.append(chunk, static_cast<std::size_t>(n));
-    }
-}
-
-std::string Child::errors() {
-    pumpErrors();
-    return m_errors;
 }
 
 }  // namespace tlstest

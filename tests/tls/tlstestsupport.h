@@ -17,6 +17,7 @@
 #include <tlslistener.h>
 #include <tlstransport.h>
 
+#include "childprocess.h"
 #include "tcptestutil.h"
 #include "testsupport.h"
 
@@ -88,26 +89,15 @@ struct TlsClient {
     TARNConnection connection;
 };
 
-// A child process with its standard input and output on pipes, standard error into a string.
-class Child {
+// A child process (the toolkit's ChildProcess) whose standard input and output carry bytes rather
+// than lines; standard error is kept apart.
+class Child : public testsupport::ChildProcess {
 public:
-    explicit Child(const std::vector<std::string>& args);
-    ~Child();  // kills and reaps
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    bool started() const { return m_pid > 0; }
-    bool write(const Bytes& bytes);
+    explicit Child(const std::vector<std::string>& args) : testsupport::ChildProcess(args) {}
+    bool write(const Bytes& bytes) { return sendRaw(std::string(bytes.begin(), bytes.end())); }
     // Exactly `count` bytes of standard output within `timeoutMs`.
     bool readExactly(Bytes& bytes, std::size_t count, int timeoutMs);
-    std::string errors();  // standard error so far
-
-private:
-    void pumpErrors();
-    pid_t m_pid = -1;
-    int m_in = -1;
-    int m_out = -1;
-    int m_err = -1;
-    std::string m_errors;
+    std::string errors() { return errorsSoFar(); }  // standard error so far
 };
 
 }  // namespace tlstest
