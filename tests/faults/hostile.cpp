@@ -17,6 +17,7 @@ namespace faults {
 using testsupport::Bytes;
 using testsupport::nowMs;
 using testsupport::waitUntil;
+namespace Log = Corvane::Utilities::Logging;
 
 namespace {
 
@@ -177,188 +178,243 @@ bool establish(TestServer& server, Generation& generation, const EUDPHardening* 
     return true;
 }
 
-}  // namespace
-
-HostileReport runHostile(int seconds, std::uint32_t seed, bool hardened) {
-    namespace Log = Corvane::Utilities::Logging;
-    HostileReport report;
-    std::atomic<std::uint64_t> warnings{0};
-    std::atomic<std::uint64_t> errors{0};
-    const Log::ELogLevel previousLevel = Log::LogManager::getInstance().getLevel();
-    Log::LogManager::getInstance().setLevel(Log::eWarning);
-    Log::LogManager::getInstance().setSink([&](Log::ELogLevel level, const std::string&, const std::string&) {
-        ++(level == Log::eError ? errors : warnings);
-    });
-
-    TestServer tcpServer(eTransportTCP);
-    TestServer eudpServer(eTransportEUDP);
-    const EUDPHardening hardening = EUDPHardening::on();
-    if (hardened) {
-        eudpServer.hardening = hardening;
+// Counts the library's warning and error lines (and keeps none) for its lifetime.
+class CountingLog {
+public:
+    CountingLog() : m_previousLevel(Log::LogManager::getInstance().getLevel()) {
+        Log::LogManager::getInstance().setLevel(Log::eWarning);
+        Log::LogManager::getInstance().setSink(
+            [this](Log::ELogLevel level, const std::string&, const std::string&) {
+                ++(level == Log::eError ? m_errors : m_warnings);
+            });
     }
-    if (tcpServer.start() == 0 || eudpServer.start() == 0) {
+    ~CountingLog() {
         Log::LogManager::getInstance().setSink(Log::LogSink());
-        return report;
+        Log::LogManager::getInstance().setLevel(m_previousLevel);
     }
+    CountingLog(const CountingLog&) = delete;
+    CountingLog& operator=(const CountingLog&) = delete;
+    std::uint64_t warnings() const { return m_warnings; }
+    std::uint64_t errors() const { return m_errors; }
+
+private:
+    Log::ELogLevel m_previousLevel;
+    std::atomic<std::uint64_t> m_warnings{0};
+    std::atomic<std::uint64_t> m_errors{0};
+};
+
+// One hostile run: the two servers, the well-behaved clients' and the attackers' bodies (each on
+// a thread of its own), and what they share while the run lasts.
+class HostileRun {
+public:
+    HostileRun(std::uint32_t seed, bool hardened)
+        : m_seed(seed), m_hardened(hardened), m_tcpServer(eTransportTCP), m_eudpServer(eTransportEUDP) {
+        if (hardened) {
+            m_eudpServer.hardening = m_hardening;
+        }
+    }
+    bool start() { return m_tcpServer.start() != 0 && m_eudpServer.start() != 0; }
+    void run(int seconds);
+    void finish();
+
+    HostileReport report;
+
+private:
+    const EUDPHardening* hardening() const { return m_hardened ? &m_hardening : nullptr; }
+    void tcpGood();
+    void eudpGood();
+    void eudpGeneration(Generation& generation);
+    void udpAttack();
+    void tcpAttack();
+
+    const std::uint32_t m_seed;
+    const bool m_hardened;
+    const EUDPHardening m_hardening = EUDPHardening::on();
+    TestServer m_tcpServer;
+    TestServer m_eudpServer;
+    std::atomic<bool> m_stop{false};
+    std::atomic<uint16> m_clientPort{0};
+    std::atomic<uint16> m_serverConnectionPort{0};
+    SeqClient m_tcpClient;
+    std::unique_ptr<TARNConnection> m_tcpConnection;
+};
+
+void HostileRun::run(int seconds) {
     const std::int64_t deadline = nowMs() + seconds * 1000;
-    std::atomic<bool> stop{false};
-    std::atomic<uint16> clientPort{0};
-    std::atomic<uint16> serverConnectionPort{0};
-
-    // Well-behaved TCP client: a call every 2 ms, all of which must arrive in order.
-    SeqClient tcpClient;
-    std::unique_ptr<TARNConnection> tcpConnection =
-        connectWithRetry(eTransportTCP, tcpServer.port(), &tcpClient, 3);
-    std::thread tcpGood([&] {
-        for (int i = 0; tcpConnection && !stop; ++i) {
-            if (tcpConnection->callFunctionId("seq", seqParams(i))) {
-                report.tcpCalls = i + 1;
-            }
-            sal::Thread::mssleep(2);
-        }
-    });
-
-    // Well-behaved EUDP client: reconnects when a stranger ends or stalls its connection.
-    std::thread eudpGood([&] {
-        while (!stop) {
-            Generation generation;
-            if (!establish(eudpServer, generation, hardened ? &hardening : nullptr)) {
-                if (generation.connection) {
-                    closeClient(generation.connection, generation.client);
-                }
-                continue;
-            }
-            ++report.eudpGenerations;
-            clientPort = generation.connection->getLocalPort();
-            TARNConnection* serverSide = eudpServer.accepted().connection(
-                static_cast<std::size_t>(eudpServer.accepted().findByPeerPort(clientPort)));
-            serverConnectionPort = serverSide != nullptr ? serverSide->getLocalPort() : 0;
-            std::size_t seen = 0;
-            std::int64_t progress = nowMs();
-            for (int i = 0; !stop; ++i) {
-                if (generation.client.disconnects() > 0) {
-                    ++report.eudpClosedByStrangers;
-                    break;
-                }
-                generation.connection->callFunctionId("seq", seqParams(i));
-                const std::size_t now = generation.recorder->calls.size();
-                if (now != seen) {
-                    seen = now;
-                    progress = nowMs();
-                } else if (nowMs() - progress > 3000) {
-                    ++report.eudpStalls;
-                    break;
-                }
-                sal::Thread::mssleep(2);
-            }
-            const std::vector<int> values = generation.recorder->calls.values();
-            report.eudpDelivered += static_cast<int>(values.size());
-            const std::string order = checkIncreasing(values);
-            if (report.eudpOrderError.empty() && !order.empty()) {
-                report.eudpOrderError = "generation " + std::to_string(report.eudpGenerations) + ": " + order;
-            }
-            clientPort = 0;
-            serverConnectionPort = 0;
-            closeClient(generation.connection, generation.client);
-        }
-    });
-
-    // Hostile datagrams: about 500 a second; a connection request about once a second and a
-    // closing or stalling datagram (DIS, WIN, an empty datagram) about once a second, so that the
-    // well-behaved client gets work done between them.
-    std::thread udpAttacker([&] {
-        Generator generator(seed);
-        testsupport::RawUdp socket;
-        for (std::uint64_t n = 0; !stop; ++n) {
-            const int aim = generator.below(3);
-            uint16 port = aim == 0   ? eudpServer.port()
-                          : aim == 1 ? clientPort.load()
-                                     : serverConnectionPort.load();
-            if (port == 0) {
-                port = eudpServer.port();
-            }
-            const bool fatal = generator.below(1000) < 2;
-            const bool connectRequest = aim == 0 && generator.below(1000) < 6;
-            Bytes datagram =
-                fatal && generator.chance(30) ? Bytes() : generator.datagram(fatal, connectRequest);
-            if (datagram.empty() && port == eudpServer.port() && !hardened) {
-                // An empty datagram on the listening port ends the listener for good (its accept
-                // fails, and the leaked listening transport keeps the port): a test of its own.
-                datagram.push_back(2);
-            }
-            socket.sendTo(datagram, port);
-            ++report.datagramsSent;
-            if (n % 2 == 1) {
-                sal::Thread::mssleep(4);
-            }
-        }
-    });
-
-    // Hostile TCP streams: each a handful of chunks, then closed.
-    std::thread tcpAttacker([&] {
-        Generator generator(seed ^ 0x5A5A5A5Au);
-        while (!stop) {
-            testsupport::RawTcp stream = testsupport::RawTcp::connectTo(tcpServer.port());
-            if (!stream.valid()) {
-                sal::Thread::mssleep(10);
-                continue;
-            }
-            ++report.tcpStreams;
-            for (int i = generator.below(20); i >= 0 && !stop; --i) {
-                if (!stream.sendAll(generator.tcpChunk())) {
-                    break;
-                }
-                ++report.framesSent;
-                sal::Thread::mssleep(1);
-            }
-            stream.close();
-            sal::Thread::mssleep(5);
-        }
-    });
-
+    m_tcpConnection = connectWithRetry(eTransportTCP, m_tcpServer.port(), &m_tcpClient, 3);
+    std::thread tcpGoodThread([this] { tcpGood(); });
+    std::thread eudpGoodThread([this] { eudpGood(); });
+    std::thread udpAttacker([this] { udpAttack(); });
+    std::thread tcpAttacker([this] { tcpAttack(); });
     while (nowMs() < deadline) {
         sal::Thread::mssleep(500);
-        const std::size_t live = tcpServer.accepted().reap() + eudpServer.accepted().reap();
+        const std::size_t live = m_tcpServer.accepted().reap() + m_eudpServer.accepted().reap();
         if (live > report.mostServerConnections) {
             report.mostServerConnections = live;
         }
         report.residentKb.push_back(residentKb());
     }
-    stop = true;
+    m_stop = true;
     udpAttacker.join();
     tcpAttacker.join();
-    eudpGood.join();
-    tcpGood.join();
+    eudpGoodThread.join();
+    tcpGoodThread.join();
+}
 
-    // What the TCP server got from the well-behaved client, once the last call has arrived.
+// Well-behaved TCP client: a call every 2 ms, all of which must arrive in order.
+void HostileRun::tcpGood() {
+    for (int i = 0; m_tcpConnection && !m_stop; ++i) {
+        if (m_tcpConnection->callFunctionId("seq", seqParams(i))) {
+            report.tcpCalls = i + 1;
+        }
+        sal::Thread::mssleep(2);
+    }
+}
+
+// Well-behaved EUDP client: reconnects when a stranger ends or stalls its connection.
+void HostileRun::eudpGood() {
+    while (!m_stop) {
+        Generation generation;
+        if (!establish(m_eudpServer, generation, hardening())) {
+            if (generation.connection) {
+                closeClient(generation.connection, generation.client);
+            }
+            continue;
+        }
+        ++report.eudpGenerations;
+        eudpGeneration(generation);
+        const std::vector<int> values = generation.recorder->calls.values();
+        report.eudpDelivered += static_cast<int>(values.size());
+        const std::string order = checkIncreasing(values);
+        if (report.eudpOrderError.empty() && !order.empty()) {
+            report.eudpOrderError = "generation " + std::to_string(report.eudpGenerations) + ": " + order;
+        }
+        m_clientPort = 0;
+        m_serverConnectionPort = 0;
+        closeClient(generation.connection, generation.client);
+    }
+}
+
+// Calls every 2 ms over one established connection until the run ends, a stranger closed the
+// connection, or 3 s pass without a call arriving.
+void HostileRun::eudpGeneration(Generation& generation) {
+    m_clientPort = generation.connection->getLocalPort();
+    TARNConnection* serverSide = m_eudpServer.accepted().connection(
+        static_cast<std::size_t>(m_eudpServer.accepted().findByPeerPort(m_clientPort)));
+    m_serverConnectionPort = serverSide != nullptr ? serverSide->getLocalPort() : 0;
+    std::size_t seen = 0;
+    std::int64_t progress = nowMs();
+    for (int i = 0; !m_stop; ++i) {
+        if (generation.client.disconnects() > 0) {
+            ++report.eudpClosedByStrangers;
+            return;
+        }
+        generation.connection->callFunctionId("seq", seqParams(i));
+        const std::size_t now = generation.recorder->calls.size();
+        if (now != seen) {
+            seen = now;
+            progress = nowMs();
+        } else if (nowMs() - progress > 3000) {
+            ++report.eudpStalls;
+            return;
+        }
+        sal::Thread::mssleep(2);
+    }
+}
+
+// Hostile datagrams: about 500 a second; a connection request about once a second and a closing
+// or stalling datagram (DIS, WIN, an empty datagram) about once a second, so that the well-behaved
+// client gets work done between them.
+void HostileRun::udpAttack() {
+    Generator generator(m_seed);
+    testsupport::RawUdp socket;
+    for (std::uint64_t n = 0; !m_stop; ++n) {
+        const int aim = generator.below(3);
+        uint16 port = aim == 0   ? m_eudpServer.port()
+                      : aim == 1 ? m_clientPort.load()
+                                 : m_serverConnectionPort.load();
+        if (port == 0) {
+            port = m_eudpServer.port();
+        }
+        const bool fatal = generator.below(1000) < 2;
+        const bool connectRequest = aim == 0 && generator.below(1000) < 6;
+        Bytes datagram = fatal && generator.chance(30) ? Bytes() : generator.datagram(fatal, connectRequest);
+        if (datagram.empty() && port == m_eudpServer.port() && !m_hardened) {
+            // An empty datagram on the listening port ends the listener for good (its accept
+            // fails, and the leaked listening transport keeps the port): a test of its own.
+            datagram.push_back(2);
+        }
+        socket.sendTo(datagram, port);
+        ++report.datagramsSent;
+        if (n % 2 == 1) {
+            sal::Thread::mssleep(4);
+        }
+    }
+}
+
+// Hostile TCP streams: each a handful of chunks, then closed.
+void HostileRun::tcpAttack() {
+    Generator generator(m_seed ^ 0x5A5A5A5Au);
+    while (!m_stop) {
+        testsupport::RawTcp stream = testsupport::RawTcp::connectTo(m_tcpServer.port());
+        if (!stream.valid()) {
+            sal::Thread::mssleep(10);
+            continue;
+        }
+        ++report.tcpStreams;
+        for (int i = generator.below(20); i >= 0 && !m_stop; --i) {
+            if (!stream.sendAll(generator.tcpChunk())) {
+                break;
+            }
+            ++report.framesSent;
+            sal::Thread::mssleep(1);
+        }
+        stream.close();
+        sal::Thread::mssleep(5);
+    }
+}
+
+// What the TCP server got from the well-behaved client once its last call arrived, whether a fresh
+// EUDP client still gets in, and the listener's figures; then both servers stop.
+void HostileRun::finish() {
     const int tcpIndex =
-        tcpConnection ? tcpServer.accepted().findByPeerPort(tcpConnection->getLocalPort()) : -1;
+        m_tcpConnection ? m_tcpServer.accepted().findByPeerPort(m_tcpConnection->getLocalPort()) : -1;
     if (tcpIndex >= 0) {
-        SeqServer* recorder = tcpServer.accepted().server(static_cast<std::size_t>(tcpIndex));
+        SeqServer* recorder = m_tcpServer.accepted().server(static_cast<std::size_t>(tcpIndex));
         waitUntil([&] { return static_cast<int>(recorder->calls.size()) >= report.tcpCalls; }, 10000);
         report.tcpReceived = recorder->calls.values();
     }
-    closeClient(tcpConnection, tcpClient);
-    report.tcpDisconnects = tcpClient.disconnects() - 1;  // the one of our own disconnect
+    closeClient(m_tcpConnection, m_tcpClient);
+    report.tcpDisconnects = m_tcpClient.disconnects() - 1;  // the one of our own disconnect
     {
         SeqClient fresh;
-        std::unique_ptr<TARNConnection> after = connectWithRetry(eTransportEUDP, eudpServer.port(), &fresh, 1,
-                                                                 nullptr, hardened ? &hardening : nullptr);
+        std::unique_ptr<TARNConnection> after =
+            connectWithRetry(eTransportEUDP, m_eudpServer.port(), &fresh, 1, nullptr, hardening());
         report.servingAfterwards = after != nullptr;
         if (after) {
             closeClient(after, fresh);
         }
     }
-    report.eudpListener = eudpServer.listener()->getStatistics();
-    tcpServer.stop();
-    eudpServer.stop();
-    tcpServer.accepted().closeAll();
-    eudpServer.accepted().closeAll();
-    Log::LogManager::getInstance().setSink(Log::LogSink());
-    Log::LogManager::getInstance().setLevel(previousLevel);
-    report.warnings = warnings;
-    report.errors = errors;
-    return report;
+    report.eudpListener = m_eudpServer.listener()->getStatistics();
+    m_tcpServer.stop();
+    m_eudpServer.stop();
+    m_tcpServer.accepted().closeAll();
+    m_eudpServer.accepted().closeAll();
+}
+
+}  // namespace
+
+HostileReport runHostile(int seconds, std::uint32_t seed, bool hardened) {
+    const CountingLog log;
+    HostileRun run(seed, hardened);
+    if (!run.start()) {
+        return run.report;
+    }
+    run.run(seconds);
+    run.finish();
+    run.report.warnings = log.warnings();
+    run.report.errors = log.errors();
+    return run.report;
 }
 
 std::string describe(const HostileReport& report) {

@@ -80,9 +80,11 @@ bool setKernelLoss(const std::string& protocol, int permille, std::string& why) 
     return true;
 }
 
-StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& options) {
-    StreamResult result;
-    SeqClient client;
+namespace {
+
+// A connection to `port` with the modes `options` ask for, or null (with result.setupError said).
+std::unique_ptr<TARNConnection> connectForStream(uint16 port, const StreamOptions& options, SeqClient& client,
+                                                 StreamResult& result) {
     std::unique_ptr<TARNConnection> connection;
     const bool eudp = options.kind == eTransportEUDP;
     // Negotiation gets one try per connection. A request that timed out leaves a direction that
@@ -95,7 +97,7 @@ StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& opt
         result.connectAttempts += connects;
         if (!connection) {
             result.setupError = "no connection after " + std::to_string(options.attempts) + " attempts";
-            return result;
+            return nullptr;
         }
         if (!eudp || !options.reliable) {
             break;
@@ -111,15 +113,16 @@ StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& opt
         client.resetStatus();  // the connection is gone: nothing reports to `client` any more
         result.setupError = "mode negotiation failed on " + std::to_string(session + 1) + " connections";
     }
-    if (!connection) {
-        return result;
-    }
-    // Which accepted connection is ours: the one that hears the hello (a connect attempt that the
-    // client gave up may have left another one on the server).
+    return connection;
+}
+
+// Which accepted connection is ours: the one that hears the hello (a connect attempt that the
+// client gave up may have left another one on the server); -1 when none does.
+int findByHello(TestServer& server, TARNConnection& connection) {
     int index = -1;
     waitUntil(
         [&] {
-            connection->subscribe("hello");
+            connection.subscribe("hello");
             for (std::size_t i = 0; i < server.accepted().count(); ++i) {
                 if (server.accepted().server(i)->subscribes.load() > 0) {
                     index = static_cast<int>(i);
@@ -130,19 +133,17 @@ StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& opt
             return false;
         },
         30000);
-    if (index < 0) {
-        result.setupError = "the server never heard the client";
-        closeClient(connection, client);
-        return result;
-    }
-    TARNConnection* serverSide = server.accepted().connection(static_cast<std::size_t>(index));
-    SeqServer* recorder = server.accepted().server(static_cast<std::size_t>(index));
+    return index;
+}
 
-    const bool paced = eudp && !options.reliable;
+// Sends the numbered calls up and triggers down at the same time, then waits for them.
+void exchange(TARNConnection& connection, TARNConnection& serverSide, SeqClient& client, SeqServer& recorder,
+              const StreamOptions& options, StreamResult& result) {
+    const bool paced = options.kind == eTransportEUDP && !options.reliable;
     const std::int64_t start = nowMs();
     std::thread up([&] {
         for (int i = 0; i < options.messages; ++i) {
-            connection->callFunctionId("seq", seqParams(i));
+            connection.callFunctionId("seq", seqParams(i));
             if (paced && i % 20 == 19) {
                 sal::Thread::mssleep(1);
             }
@@ -150,7 +151,7 @@ StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& opt
     });
     std::thread down([&] {
         for (int i = 0; i < options.messages; ++i) {
-            serverSide->trigger("seq", ParameterValue(i));
+            serverSide.trigger("seq", ParameterValue(i));
             if (paced && i % 20 == 19) {
                 sal::Thread::mssleep(1);
             }
@@ -164,7 +165,7 @@ StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& opt
         std::int64_t lastChange = nowMs();
         waitUntil(
             [&] {
-                const std::size_t now = recorder->calls.size() + client.triggers.size();
+                const std::size_t now = recorder.calls.size() + client.triggers.size();
                 if (now != seen) {
                     seen = now;
                     lastChange = nowMs();
@@ -173,12 +174,31 @@ StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& opt
             },
             options.timeoutMs);
     } else {
-        waitUntil([&] { return recorder->calls.size() >= all && client.triggers.size() >= all; },
+        waitUntil([&] { return recorder.calls.size() >= all && client.triggers.size() >= all; },
                   options.timeoutMs);
     }
     result.seconds = static_cast<double>(nowMs() - start) / 1000.0;
-    result.toServer = recorder->calls.values();
+    result.toServer = recorder.calls.values();
     result.toClient = client.triggers.values();
+}
+
+}  // namespace
+
+StreamResult runStream(TestServer& server, uint16 port, const StreamOptions& options) {
+    StreamResult result;
+    SeqClient client;
+    std::unique_ptr<TARNConnection> connection = connectForStream(port, options, client, result);
+    if (!connection) {
+        return result;
+    }
+    const int index = findByHello(server, *connection);
+    if (index < 0) {
+        result.setupError = "the server never heard the client";
+        closeClient(connection, client);
+        return result;
+    }
+    exchange(*connection, *server.accepted().connection(static_cast<std::size_t>(index)), client,
+             *server.accepted().server(static_cast<std::size_t>(index)), options, result);
     closeClient(connection, client);
     return result;
 }
