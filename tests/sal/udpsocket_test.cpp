@@ -558,3 +558,266 @@ TEST(UdpSocket, CloseWakesArmedWatcher) {
     EXPECT_EQ(-1, socket->tryReceiveFrom(buffer, sizeof(buffer), from, fromPort));
     watcher.stop();
 }
+
+namespace {
+
+using Datagram = UdpSocket::ReceivedDatagram;
+
+// Entries of `count` buffers of `size` bytes each.
+struct Batch {
+    Batch(int count, int size)
+        : storage(static_cast<std::size_t>(count), Bytes(static_cast<std::size_t>(size))) {
+        for (auto& buffer : storage) {
+            Datagram entry;
+            entry.buffer = buffer.data();
+            entry.size = static_cast<int>(buffer.size());
+            entry.length = -7;
+            entry.fromPort = 0;
+            entries.push_back(entry);
+        }
+    }
+    Bytes bytesOf(int index) const {
+        const Bytes& buffer = storage[static_cast<std::size_t>(index)];
+        return Bytes(buffer.begin(), buffer.begin() + entries[static_cast<std::size_t>(index)].length);
+    }
+    std::vector<Bytes> storage;
+    std::vector<Datagram> entries;
+};
+
+Bytes numbered(int number, std::size_t length) {
+    Bytes datagram(length, static_cast<std::uint8_t>(number));
+    if (!datagram.empty()) {
+        datagram[0] = static_cast<std::uint8_t>(0xA0 + number);
+    }
+    return datagram;
+}
+
+TEST(UdpSocketBatch, ReceiveBatchTakesEverythingWaitingInArrivalOrder) {
+    auto socket = makeBound();
+    RawUdp peer;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(peer.sendTo(numbered(i, 10 + static_cast<std::size_t>(i)), socket->getLocalPort()));
+    }
+    Batch batch(8, 64);
+    ASSERT_EQ(5, socket->receiveBatch(batch.entries.data(), 8));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(numbered(i, 10 + static_cast<std::size_t>(i)), batch.bytesOf(i)) << i;
+        EXPECT_EQ("127.0.0.1", batch.entries[static_cast<std::size_t>(i)].from.getAddressString());
+        EXPECT_EQ(peer.port(), batch.entries[static_cast<std::size_t>(i)].fromPort);
+    }
+    EXPECT_EQ(-7, batch.entries[5].length);  // entries past the count are left alone
+    EXPECT_EQ(UdpSocket::WOULD_BLOCK, socket->tryReceiveBatch(batch.entries.data(), 8));
+}
+
+TEST(UdpSocketBatch, ReceiveBatchTakesAtMostTheCountAndLeavesTheRestQueued) {
+    auto socket = makeBound();
+    RawUdp peer;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(peer.sendTo(numbered(i, 4), socket->getLocalPort()));
+    }
+    Batch batch(3, 16);
+    ASSERT_EQ(3, socket->receiveBatch(batch.entries.data(), 3));
+    EXPECT_EQ(numbered(2, 4), batch.bytesOf(2));
+    ASSERT_EQ(2, socket->tryReceiveBatch(batch.entries.data(), 3));
+    EXPECT_EQ(numbered(3, 4), batch.bytesOf(0));
+    EXPECT_EQ(numbered(4, 4), batch.bytesOf(1));
+}
+
+TEST(UdpSocketBatch, ReceiveBatchWaitsForTheFirstDatagramOnly) {
+    auto socket = makeBound();
+    RawUdp peer;
+    Batch batch(8, 16);
+    std::atomic<int> result{12345};
+    std::thread receiver([&] { result = socket->receiveBatch(batch.entries.data(), 8); });
+    EXPECT_FALSE(waitUntil([&] { return result.load() != 12345; }, 200));  // nothing has arrived
+    ASSERT_TRUE(peer.sendTo(numbered(1, 3), socket->getLocalPort()));
+    // One datagram is a whole batch: the call does not wait for a second one.
+    EXPECT_TRUE(waitUntil([&] { return result.load() != 12345; }, 5000));
+    receiver.join();
+    EXPECT_EQ(1, result.load());
+    EXPECT_EQ(numbered(1, 3), batch.bytesOf(0));
+}
+
+TEST(UdpSocketBatch, ReceiveBatchTruncatesLongDatagramsAndCountsEmptyOnes) {
+    auto socket = makeBound();
+    RawUdp peer;
+    const Bytes longOne = numbered(1, 100);
+    ASSERT_TRUE(peer.sendTo(longOne, socket->getLocalPort()));
+    ASSERT_TRUE(peer.sendTo(Bytes(), socket->getLocalPort()));
+    ASSERT_TRUE(peer.sendTo(numbered(3, 2), socket->getLocalPort()));
+    Batch batch(4, 10);
+    ASSERT_EQ(3, socket->receiveBatch(batch.entries.data(), 4));
+    EXPECT_EQ(10, batch.entries[0].length);
+    EXPECT_EQ(Bytes(longOne.begin(), longOne.begin() + 10), batch.bytesOf(0));
+    EXPECT_EQ(0, batch.entries[1].length);
+    EXPECT_EQ(peer.port(), batch.entries[1].fromPort);
+    EXPECT_EQ(numbered(3, 2), batch.bytesOf(2));
+    EXPECT_FALSE(socket->isClosed());
+}
+
+TEST(UdpSocketBatch, ReceiveBatchRefusesBadArguments) {
+    auto socket = makeBound();
+    Batch batch(1, 8);
+    EXPECT_EQ(-1, socket->receiveBatch(batch.entries.data(), 0));
+    EXPECT_EQ(-1, socket->tryReceiveBatch(nullptr, 1));
+    batch.entries[0].size = -1;
+    EXPECT_EQ(-1, socket->tryReceiveBatch(batch.entries.data(), 1));
+}
+
+TEST(UdpSocketBatch, CloseWakesBlockedReceiveBatch) {
+    auto socket = makeBound();
+    Batch batch(4, 16);
+    std::atomic<int> result{12345};
+    std::thread receiver([&] { result = socket->receiveBatch(batch.entries.data(), 4); });
+    EXPECT_FALSE(waitUntil([&] { return result.load() != 12345; }, 200));
+    const std::int64_t start = nowMs();
+    socket->close();
+    EXPECT_TRUE(waitUntil([&] { return result.load() != 12345; }, 5000));
+    EXPECT_LT(nowMs() - start, 2000);
+    receiver.join();
+    EXPECT_EQ(-1, result.load());
+}
+
+TEST(UdpSocketBatch, BatchesAfterCloseFailEvenWithDatagramsQueued) {
+    auto socket = makeBound();
+    RawUdp peer;
+    ASSERT_TRUE(peer.sendTo({1, 2, 3}, socket->getLocalPort()));
+    ASSERT_TRUE(peer.sendTo({4, 5}, socket->getLocalPort()));
+    socket->close();
+    Batch batch(4, 16);
+    EXPECT_EQ(-1, socket->receiveBatch(batch.entries.data(), 4));
+    EXPECT_EQ(-1, socket->tryReceiveBatch(batch.entries.data(), 4));
+    const UdpSocket::OutgoingDatagram one{"x", 1};
+    EXPECT_EQ(-1, socket->sendBatchTo(&one, 1, kLoopback, peer.port()));
+    EXPECT_TRUE(peer.quietFor(100));
+}
+
+std::vector<Bytes> receiveAll(RawUdp& peer, std::size_t count, uint16& fromPort) {
+    std::vector<Bytes> received;
+    Bytes datagram;
+    while (received.size() < count && peer.receive(datagram, fromPort, 5000)) {
+        received.push_back(datagram);
+    }
+    return received;
+}
+
+TEST(UdpSocketBatch, SendBatchToSendsEachDatagramWholeAndInOrder) {
+    UdpSocket socket;  // unbound: the batch's first call gives it its port, as sendTo would
+    RawUdp peer;
+    std::vector<Bytes> datagrams;
+    std::vector<UdpSocket::OutgoingDatagram> batch;
+    for (int i = 0; i < 5; ++i) {
+        datagrams.push_back(numbered(i, 20 + 300 * static_cast<std::size_t>(i)));
+    }
+    datagrams.push_back(Bytes());  // an empty datagram is one datagram too
+    for (const Bytes& datagram : datagrams) {
+        batch.push_back({datagram.data(), static_cast<int>(datagram.size())});
+    }
+    EXPECT_EQ(6, socket.sendBatchTo(batch.data(), static_cast<int>(batch.size()), kLoopback, peer.port()));
+    uint16 fromPort = 0;
+    EXPECT_EQ(datagrams, receiveAll(peer, datagrams.size(), fromPort));
+    EXPECT_NE(0, socket.getLocalPort());
+    EXPECT_EQ(socket.getLocalPort(), fromPort);
+    EXPECT_TRUE(peer.quietFor(100));
+    EXPECT_EQ(0, socket.sendBatchTo(batch.data(), 0, kLoopback, peer.port()));
+    EXPECT_TRUE(peer.quietFor(50));
+}
+
+TEST(UdpSocketBatch, SendBatchToLargerThanOneCallKeepsOrder) {
+    auto socket = makeBound();
+    RawUdp peer;
+    const int count = UdpSocket::MAX_BATCH * 2 + 5;
+    std::vector<Bytes> datagrams;
+    std::vector<UdpSocket::OutgoingDatagram> batch;
+    for (int i = 0; i < count; ++i) {
+        Bytes datagram(4);
+        std::memcpy(datagram.data(), &i, sizeof(i));
+        datagrams.push_back(datagram);
+    }
+    for (const Bytes& datagram : datagrams) {
+        batch.push_back({datagram.data(), static_cast<int>(datagram.size())});
+    }
+    EXPECT_EQ(count, socket->sendBatchTo(batch.data(), count, kLoopback, peer.port()));
+    uint16 fromPort = 0;
+    EXPECT_EQ(datagrams, receiveAll(peer, datagrams.size(), fromPort));
+}
+
+// The system takes the datagrams before the one it refuses and reports them alone; the batch goes
+// on after the refused one, so the wire sees what separate sendTo calls would have sent.
+TEST(UdpSocketBatch, SendBatchToResumesAfterAPartialHandOverAndSkipsTheRefusedDatagram) {
+    auto socket = makeBound();
+    RawUdp peer;
+    const Bytes tooLong(70000, 0x55);  // longer than any datagram can be
+    EXPECT_EQ(-1, socket->sendTo(tooLong.data(), static_cast<int>(tooLong.size()), kLoopback, peer.port()));
+    const std::vector<Bytes> good = {numbered(0, 5), numbered(1, 6), numbered(2, 7), numbered(3, 8)};
+    std::vector<UdpSocket::OutgoingDatagram> batch = {{good[0].data(), 5},
+                                                      {good[1].data(), 6},
+                                                      {tooLong.data(), static_cast<int>(tooLong.size())},
+                                                      {good[2].data(), 7},
+                                                      {good[3].data(), 8}};
+    EXPECT_EQ(4, socket->sendBatchTo(batch.data(), 5, kLoopback, peer.port()));
+    uint16 fromPort = 0;
+    EXPECT_EQ(good, receiveAll(peer, good.size(), fromPort));
+    EXPECT_TRUE(peer.quietFor(100));
+
+    // Refused first and last: the rest still go.
+    batch = {{tooLong.data(), static_cast<int>(tooLong.size())},
+             {good[0].data(), 5},
+             {tooLong.data(), static_cast<int>(tooLong.size())}};
+    EXPECT_EQ(1, socket->sendBatchTo(batch.data(), 3, kLoopback, peer.port()));
+    EXPECT_EQ(std::vector<Bytes>{good[0]}, receiveAll(peer, 1, fromPort));
+    EXPECT_TRUE(peer.quietFor(100));
+}
+
+TEST(UdpSocketBatch, SendBatchToRefusesBadArguments) {
+    auto socket = makeBound();
+    RawUdp peer;
+    const UdpSocket::OutgoingDatagram bad[2] = {{"ab", 2}, {nullptr, 3}};
+    EXPECT_EQ(-1, socket->sendBatchTo(bad, 2, kLoopback, peer.port()));  // nothing of it leaves
+    EXPECT_EQ(-1, socket->sendBatchTo(nullptr, 1, kLoopback, peer.port()));
+    EXPECT_EQ(-1, socket->sendBatchTo(bad, 1, HostAddress(), peer.port()));
+    EXPECT_TRUE(peer.quietFor(100));
+}
+
+// A batch sent from one thread while another thread sends single datagrams: every datagram of both
+// arrives whole, and the batch's own datagrams keep their order among themselves.
+TEST(UdpSocketBatch, ConcurrentSendersKeepEachBatchInItsOwnOrder) {
+    auto socket = makeBound();
+    RawUdp peer;
+    const int perBatch = 40;
+    std::vector<Bytes> datagrams;
+    for (int i = 0; i < perBatch; ++i) {
+        datagrams.push_back(Bytes{0xB0, static_cast<std::uint8_t>(i)});
+    }
+    std::vector<UdpSocket::OutgoingDatagram> batch;
+    for (const Bytes& datagram : datagrams) {
+        batch.push_back({datagram.data(), 2});
+    }
+    std::atomic<int> batchSent{0};
+    std::thread batcher(
+        [&] { batchSent = socket->sendBatchTo(batch.data(), perBatch, kLoopback, peer.port()); });
+    int singles = 0;
+    for (int i = 0; i < perBatch; ++i) {
+        const std::uint8_t single[2] = {0xC0, static_cast<std::uint8_t>(i)};
+        singles += socket->sendTo(single, 2, kLoopback, peer.port()) == 2 ? 1 : 0;
+    }
+    batcher.join();
+    EXPECT_EQ(perBatch, batchSent.load());
+    EXPECT_EQ(perBatch, singles);
+    uint16 fromPort = 0;
+    const std::vector<Bytes> received = receiveAll(peer, 2 * perBatch, fromPort);
+    ASSERT_EQ(static_cast<std::size_t>(2 * perBatch), received.size());
+    int nextBatch = 0;
+    int nextSingle = 0;
+    for (const Bytes& datagram : received) {
+        ASSERT_EQ(2u, datagram.size());
+        if (datagram[0] == 0xB0) {
+            EXPECT_EQ(nextBatch++, datagram[1]);
+        } else {
+            ASSERT_EQ(0xC0, datagram[0]);
+            EXPECT_EQ(nextSingle++, datagram[1]);
+        }
+    }
+}
+
+}  // namespace

@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "sockutil.h"
 
 namespace sal {
 
 const int UdpSocket::WOULD_BLOCK;
+const int UdpSocket::MAX_BATCH;
 
 UdpSocket::UdpSocket() : m_fd(-1), m_family(AF_INET), m_watchFd(-1), m_bClosed(false) {
     m_fd = detail::openSocket(SOCK_DGRAM, m_family);
@@ -95,6 +97,111 @@ int UdpSocket::receive(void* buffer, int size, HostAddress& from, uint16& fromPo
             return -1;
         }
     }
+}
+
+int UdpSocket::receiveBatch(ReceivedDatagram* datagrams, int count) {
+    return receiveMany(datagrams, count, MSG_WAITFORONE);
+}
+
+int UdpSocket::tryReceiveBatch(ReceivedDatagram* datagrams, int count) {
+    return receiveMany(datagrams, count, MSG_DONTWAIT);
+}
+
+// MSG_WAITFORONE blocks for the first datagram only and takes the rest without waiting.
+int UdpSocket::receiveMany(ReceivedDatagram* datagrams, int count, int flags) {
+    if (m_fd < 0 || datagrams == nullptr || count < 1) {
+        return -1;
+    }
+    const int n = count < MAX_BATCH ? count : MAX_BATCH;
+    mmsghdr headers[MAX_BATCH];
+    iovec pieces[MAX_BATCH];
+    sockaddr_in6 senders[MAX_BATCH];
+    for (int i = 0; i < n; ++i) {
+        if (datagrams[i].size < 0 || (datagrams[i].buffer == nullptr && datagrams[i].size > 0)) {
+            return -1;
+        }
+        pieces[i].iov_base = datagrams[i].buffer;
+        pieces[i].iov_len = static_cast<size_t>(datagrams[i].size);
+        std::memset(&headers[i], 0, sizeof(headers[i]));
+        headers[i].msg_hdr.msg_name = &senders[i];
+        headers[i].msg_hdr.msg_namelen = sizeof(senders[i]);
+        headers[i].msg_hdr.msg_iov = &pieces[i];
+        headers[i].msg_hdr.msg_iovlen = 1;
+    }
+    for (;;) {
+        if (isClosed()) {
+            return -1;
+        }
+        const int taken = ::recvmmsg(m_fd, headers, static_cast<unsigned int>(n), flags, nullptr);
+        // After close() the shutdown makes the call return at once with a zero-length entry; the
+        // flag tells that apart from a real empty datagram.
+        if (isClosed()) {
+            return -1;
+        }
+        if (taken > 0) {
+            for (int i = 0; i < taken; ++i) {
+                datagrams[i].length = static_cast<int>(headers[i].msg_len);
+                detail::fromSockaddr(senders[i], headers[i].msg_hdr.msg_namelen, datagrams[i].from,
+                                     datagrams[i].fromPort);
+            }
+            return taken;
+        }
+        if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && (flags & MSG_DONTWAIT) != 0) {
+            return WOULD_BLOCK;
+        }
+        if (taken == 0 || errno != EINTR) {
+            return -1;
+        }
+    }
+}
+
+// The system hands over what it can in one call and reports how many went; an error on a datagram
+// after the first ends that call early and is lost, and the next call, beginning at that datagram,
+// reports it, so the refused datagram is skipped there.
+int UdpSocket::sendBatchTo(const OutgoingDatagram* datagrams, int count, const HostAddress& address,
+                           uint16 port) {
+    if (m_fd < 0 || isClosed() || datagrams == nullptr || count < 0 || !address.isValid()) {
+        return -1;
+    }
+    sockaddr_in6 remote;
+    const socklen_t remoteLength = detail::toSockaddr(m_family, address, port, false, remote);
+    if (remoteLength == 0) {
+        return -1;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (datagrams[i].length < 0 || (datagrams[i].data == nullptr && datagrams[i].length > 0)) {
+            return -1;
+        }
+    }
+    int sent = 0;
+    int next = 0;
+    while (next < count) {
+        if (isClosed()) {
+            return sent;
+        }
+        const int n = count - next < MAX_BATCH ? count - next : MAX_BATCH;
+        mmsghdr headers[MAX_BATCH];
+        iovec pieces[MAX_BATCH];
+        for (int i = 0; i < n; ++i) {
+            pieces[i].iov_base = const_cast<void*>(datagrams[next + i].data);
+            pieces[i].iov_len = static_cast<size_t>(datagrams[next + i].length);
+            std::memset(&headers[i], 0, sizeof(headers[i]));
+            headers[i].msg_hdr.msg_name = &remote;
+            headers[i].msg_hdr.msg_namelen = remoteLength;
+            headers[i].msg_hdr.msg_iov = &pieces[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+        const int handed = ::sendmmsg(m_fd, headers, static_cast<unsigned int>(n), MSG_NOSIGNAL);
+        if (handed > 0) {
+            sent += handed;
+            next += handed;
+        } else if (handed < 0 && errno == EINTR) {
+            continue;
+        } else {
+            ++next;  // refused: skipped, as a failed sendTo
+        }
+    }
+    return sent;
 }
 
 // A one-shot, level-triggered watch: arming reports a datagram already waiting as well, so a turn

@@ -15,6 +15,11 @@
 // (armWatch, disarmWatch, waitReadable): one sleeps in waitReadable while the other reads, and the
 // turn passes by arming and disarming; the caller serialises the receives and the arming.
 //
+// Batches: receiveBatch and tryReceiveBatch take several waiting datagrams in one system call,
+// sendBatchTo hands several datagrams for one destination to the system in as few calls as it
+// takes; each datagram is still one whole datagram on the wire, in the order given. Their
+// blocking, partial results and closing are stated with each.
+//
 // An unbound socket gets an ephemeral port from the system on its first sendTo.
 #ifndef SAL_UDPSOCKET_H
 #define SAL_UDPSOCKET_H
@@ -48,6 +53,47 @@ public:
     static const int WOULD_BLOCK = -2;
     int tryReceiveFrom(void* buffer, int size, HostAddress& from, uint16& fromPort);
 
+    // One entry of a received batch: `buffer` and `size` are the caller's; `length`, `from` and
+    // `fromPort` are filled in for each datagram taken (`length` as receiveFrom counts it: at most
+    // `size`, the rest of a longer datagram discarded, 0 for an empty datagram).
+    struct ReceivedDatagram {
+        void* buffer;
+        int size;
+        int length;
+        HostAddress from;
+        uint16 fromPort;
+    };
+    // The most datagrams one batch call takes or hands over in one system call; a larger count is
+    // served in several calls (sends) or taken as this many (receives).
+    static const int MAX_BATCH = 64;
+
+    // Blocks until a datagram is waiting, then takes it and whatever else is already waiting, up to
+    // `count` (at most MAX_BATCH), in the order they arrived, in one system call; it never waits for
+    // a second datagram. Returns how many were taken (at least 1), filling entries 0 to n-1. Returns
+    // -1 on error, for a count below 1, or once the socket is closed: close() wakes a thread blocked
+    // here, and datagrams the call had taken when the close came are dropped, as receiveFrom drops
+    // its one.
+    int receiveBatch(ReceivedDatagram* datagrams, int count);
+    // receiveBatch that never blocks: WOULD_BLOCK when no datagram is waiting.
+    int tryReceiveBatch(ReceivedDatagram* datagrams, int count);
+
+    // One datagram of a batch to send: `length` bytes at `data`.
+    struct OutgoingDatagram {
+        const void* data;
+        int length;
+    };
+    // Sends `count` datagrams to one destination, in the order given, as sendTo would send them one
+    // after another, in as few system calls as the system allows (one when it takes the whole batch
+    // at once, which it does for up to MAX_BATCH datagrams unless one is refused). Blocks only as
+    // sendTo blocks, while the system has no room for the next datagram. A partial hand-over goes
+    // on with the rest, in order; a datagram the system refuses (too long, for instance) is skipped,
+    // as a failed sendTo would be, and the ones after it still go. Returns how many datagrams left;
+    // -1 when nothing was sent because the arguments or destination are invalid or the socket is
+    // closed. A close() between two system calls of a batch stops it there: the result is then the
+    // number that had left. Concurrent senders on the socket may put their datagrams between two
+    // datagrams of a batch; callers that need a batch kept together serialise their sends.
+    int sendBatchTo(const OutgoingDatagram* datagrams, int count, const HostAddress& address, uint16 port);
+
     // The readiness watch, for one thread that waits while another may be reading. waitReadable()
     // blocks until the watch is armed and a datagram is waiting (or the socket is closed), and
     // every such return disarms the watch. armWatch() arms it, reporting at once what is already
@@ -72,6 +118,7 @@ public:
 
 private:
     int receive(void* buffer, int size, HostAddress& from, uint16& fromPort, int flags);
+    int receiveMany(ReceivedDatagram* datagrams, int count, int flags);
     bool setWatch(unsigned int events);
 
     int m_fd;
