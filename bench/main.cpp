@@ -6,8 +6,9 @@
 //
 // Markdown goes to standard output (JSON with --json); --out also writes the JSON to FILE.
 // Progress goes to standard error. --only runs just the series whose key (e.g. "tarn-eudp-rt/16")
-// contains TEXT, which is what a profiler wants to look at; --only scale runs the scale scenario
-// alone. The exit status is 3 when some scenario never completed a run or left a figure unmeasured.
+// contains TEXT, or one of several texts separated by commas, which is what a profiler wants to
+// look at; --only scale runs the scale scenario alone. The exit status is 3 when some scenario
+// never completed a run or left a figure unmeasured.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -346,8 +347,25 @@ private:
             });
     }
 
+    // --only TEXT may list several texts separated by commas: a series runs when its key contains
+    // any of them.
     bool selected(const std::string& seriesKey) const {
-        return m_r.config.only.empty() || seriesKey.find(m_r.config.only) != std::string::npos;
+        const std::string& only = m_r.config.only;
+        if (only.empty()) {
+            return true;
+        }
+        std::size_t begin = 0;
+        for (;;) {
+            const std::size_t end = only.find(',', begin);
+            const std::string text = only.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+            if (!text.empty() && seriesKey.find(text) != std::string::npos) {
+                return true;
+            }
+            if (end == std::string::npos) {
+                return false;
+            }
+            begin = end + 1;
+        }
     }
 
     // Only pairs whose two series both ran are compared.
