@@ -357,7 +357,8 @@ private:
         std::size_t begin = 0;
         for (;;) {
             const std::size_t end = only.find(',', begin);
-            const std::string text = only.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+            const std::string text =
+                only.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
             if (!text.empty() && seriesKey.find(text) != std::string::npos) {
                 return true;
             }
