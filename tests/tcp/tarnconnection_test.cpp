@@ -405,6 +405,18 @@ std::int64_t quickestFailedStart(TARNConnection& connection) {
     return quickest;
 }
 
+// Once a connection with a SlowClient was served a second time: waits until the client saw `last`
+// on the second link and checks its whole story (the first link, its end with the callback
+// returning, the second link up to `last`); then ends the connection.
+void expectServedAgain(Events& events, TARNConnection& connection, const std::string& last) {
+    ASSERT_TRUE(events.waitFor(last, 5000)) << ::testing::PrintToString(events.list());
+    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
+                                        "client:connected", last}),
+              events.list());
+    connection.disconnect();
+    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+}
+
 }  // namespace
 
 TEST(TarnConnectionTcp, StartOnARunningConnectionFailsAtOnce) {
@@ -453,12 +465,7 @@ TEST(TarnConnectionTcp, ReconnectWaitsForTheOldLoopToReturnFromItsCallback) {
     RawTcp peer(second.accept(5000));
     ASSERT_TRUE(peer.valid());
     ASSERT_TRUE(peer.sendAll(frame(packet('T', concat({cstr("again"), intValue(2)})))));
-    ASSERT_TRUE(events.waitFor("client:trigger again I:2", 5000)) << ::testing::PrintToString(events.list());
-    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
-                                        "client:connected", "client:trigger again I:2"}),
-              events.list());
-    connection.disconnect();
-    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+    expectServedAgain(events, connection, "client:trigger again I:2");
 }
 
 TEST(TarnConnectionTcp, ConnectRightAfterDisconnectWaitsForTheStoppedLoop) {
@@ -478,12 +485,7 @@ TEST(TarnConnectionTcp, ConnectRightAfterDisconnectWaitsForTheStoppedLoop) {
     ASSERT_TRUE(peer.valid());
     ASSERT_TRUE(peer.sendAll(frame(packet('U', concat({cstr("s"), intValue(3)})))));
     ASSERT_TRUE(peer.sendAll(frame(packet('T', concat({cstr("t"), intValue(4)})))));
-    ASSERT_TRUE(events.waitFor("client:trigger t I:4", 5000)) << ::testing::PrintToString(events.list());
-    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
-                                        "client:connected", "client:trigger t I:4"}),
-              events.list());
-    connection.disconnect();
-    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+    expectServedAgain(events, connection, "client:trigger t I:4");
 }
 
 TEST(TarnConnectionEudp, ReconnectAfterTheLinkEndedWaitsForTheOldLoop) {
@@ -515,12 +517,7 @@ TEST(TarnConnectionEudp, ReconnectAfterTheLinkEndedWaitsForTheOldLoop) {
     ASSERT_NE(firstPort, clientPort);
     ASSERT_TRUE(
         server.sendTo(eudpDatagram("CMD", 0, packet('T', concat({cstr("e"), intValue(5)}))), clientPort));
-    ASSERT_TRUE(events.waitFor("client:trigger e I:5", 5000)) << ::testing::PrintToString(events.list());
-    EXPECT_EQ((std::vector<std::string>{"client:connected", "client:disconnected", "client:callback returned",
-                                        "client:connected", "client:trigger e I:5"}),
-              events.list());
-    connection.disconnect();
-    ASSERT_TRUE(events.waitFor("client:callback returned", 5000));
+    expectServedAgain(events, connection, "client:trigger e I:5");
 }
 
 TEST(TarnConnectionTcpDeathTest, UnknownTransportKindIsRefused) {
