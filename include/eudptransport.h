@@ -260,11 +260,11 @@ private:
     void queueLocked(const uint8* data, uint length);
     void sendOutsideLock(const EUDPPacket& packet);
 
-    // The sender thread's loop, cut at the places where it waits (eudpsender.cpp). A wait for
-    // data (m_sendWakeSem's role) or for an acknowledgement within 500 ms (m_ackSem's role), before
-    // the pass when the window is full or after a pass that sent nothing, is given by the thread
-    // that makes the event; when what the sender would do next sends nothing, that thread takes
-    // the sender's steps itself up to its next wait and leaves the sender thread asleep.
+    // The sender thread's loop, cut at the places where it waits (eudpsender.cpp, eudpsenderwait.cpp). A wait
+    // for data (m_sendWakeSem's role) or for an acknowledgement within 500 ms (m_ackSem's role), before the
+    // pass when the window is full or after a pass that sent nothing, is given by the thread that makes the
+    // event; when what the sender would do next sends nothing, that thread takes the sender's steps itself up
+    // to its next wait and leaves the sender thread asleep.
     enum class SenderStep : std::uint8_t {
         eLoopHead,
         eWindowCheck,
@@ -292,9 +292,11 @@ private:
     void giveAckForResend();
     // Takes the steps that follow a given wait up to the next wait, holding m_senderLock.
     bool advanceLocked(SenderStep from);
-    // The receiver thread's handling of one valid datagram, by command.
+    // The receiver thread's handling of one valid datagram, by command. ACK and NAK move the send
+    // window (eudpsender.cpp); rewind is its one go-back: everything after `lastSent` goes out again.
     void handleAck(std::int32_t seq, uint16 fromPort);
     void handleNak(std::int32_t seq);
+    void rewind(std::int32_t lastSent);
     void handleData(const EUDPPacket& packet, std::int32_t seq);
     void handleModeRequest(std::uint32_t word);
     void handlePeerDisconnect();

@@ -1,6 +1,10 @@
-// EUDP receiver thread: reads every datagram of the connection, keeps the window going (ACK, NAK),
-// orders and delivers data, answers the peer's mode and window requests and ends the connection on
-// DIS or a failed receive. Also receiveData, through which the application takes delivered data.
+// EUDP receive side. Owns the receive ring (m_receiveBuffer) with its lock and count
+// (m_receiveMutex, m_receiveSem), the next number expected (m_receiveSeq), and the reading turn
+// (m_readLock, m_pReadSocket, m_bReaderWaiting). Here: the reader loop that reads every datagram of
+// the connection and hands each to its handler (ACK and NAK go to the send window, eudpsender.cpp);
+// ordering and delivery of data with its gaps, duplicates and answers (ACK, NAK, NOP); the answers
+// to the peer's mode and window requests; the end of the connection on DIS or a failed receive; and
+// receiveData, through which the application takes delivered data.
 #include <eudptransport.h>
 
 #include <cstring>
@@ -180,52 +184,6 @@ bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, const sal::
             break;
     }
     return !m_bClosed.load();
-}
-
-void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
-    if (m_peerPort.load() == 0) {
-        // The answer to our CON: its source is the port the server gave this connection.
-        m_peerPort.store(fromPort);
-        m_lastAcked.setFromWord(seq);
-        m_connectSem.give();
-        return;
-    }
-    if (ModuloValue::distance(seq, m_lastAcked.getValue()) <= 0) {
-        return;  // old or repeated
-    }
-    m_sendMutex.take();
-    m_lastAcked.setFromWord(seq);
-    m_counters.countAcknowledged(seq);
-    // Cumulative: everything up to the acknowledged number leaves the ring, sent or not.
-    while (!m_sendBuffer.isEmpty()) {
-        std::int32_t front =
-            static_cast<std::int32_t>(m_sendBuffer.front().getValue()) % ModuloValue::MODULUS;
-        if (ModuloValue::distance(front, m_lastAcked.getValue()) > 0) {
-            break;
-        }
-        m_sendSpaceSem.give();
-        m_sendBuffer.pop();
-        m_unacked.fetch_sub(1);
-    }
-    // The acknowledgement wait is given with the ring in view, so that a sender with nothing to
-    // send after it is left asleep (eudpsender.cpp).
-    const bool bWake = giveAckLocked();
-    m_sendMutex.give();
-    if (bWake) {
-        m_sendWakeSem.give();
-    }
-}
-
-void EUDPTransport::handleNak(std::int32_t seq) {
-    // A plain unsigned comparison, not distance(): before the first acknowledgement (-1, the
-    // largest unsigned value) and across the wrap every NAK is refused.
-    if (static_cast<std::uint32_t>(m_lastAcked.getValue()) < static_cast<std::uint32_t>(seq)) {
-        m_lastSent.setFromWord(seq - 1);
-        m_unacked.store(0);
-        giveAckForResend();
-    } else {
-        logLine(eWarning) << "Received a NAK for a packet that had already been ACKed (ignoring)";
-    }
 }
 
 void EUDPTransport::handlePeerDisconnect() {

@@ -1,15 +1,17 @@
-// EUDP sending path: control datagrams sent at once, data queued in the send ring, and the sender
-// thread that drains the ring once (realtime) or under the window with go-back resend (reliable).
+// EUDP send window. Owns the send ring (m_sendBuffer) and the window's counters: the next number
+// to give (m_sendSeq), the last datagram sent (m_lastSent) and acknowledged (m_lastAcked), the count
+// still unacknowledged (m_unacked), and the locks that guard them (m_sendMutex, and m_wireLock
+// around every data datagram on its way). Here: sendData queueing a message (or sending it at once),
+// the sender thread's loop that drains the ring once (realtime) or under the window (reliable), the
+// ACK and NAK that the receiver thread hands over, which free ring slots and move the window, and
+// rewind, the one go-back to a number. Where the sender's loop waits, and who wakes it, lives in
+// eudpsenderwait.cpp.
 #include <eudptransport.h>
 
 using Corvane::Utilities::Logging::eDebug;
-using Corvane::Utilities::Logging::eError;
+using Corvane::Utilities::Logging::eWarning;
 
-// The only resend delay: an acknowledgement wait that runs 500 ms without a give. sendTo is called from the
-// sender, the receiver and application threads at once; sal::UdpSocket sends each datagram whole from any
-// number of threads.
 namespace {
-const unsigned int ACK_WAIT_MS = 500;
 
 // Raised while the sender thread's loop runs.
 class ActiveFlag {
@@ -22,29 +24,8 @@ public:
 private:
     std::atomic<bool>& m_flag;
 };
-}  // namespace
 
-bool EUDPTransport::sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port) {
-    if (port == 0) {
-        port = m_peerPort.load();
-    }
-    if (port == 0) {
-        logLine(eError) << "no remote port (internal error)";
-        return false;
-    }
-    EUDPPacket packet(command);
-    packet.setValue(value);
-    sal::UdpSocket* pSocket = m_pSocket.load();
-    if (pSocket == nullptr) {
-        return false;
-    }
-    int sent = pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress, port);
-    if (sent != static_cast<int>(packet.m_length)) {
-        return false;
-    }
-    m_counters.countSentControl(command);
-    return true;
-}
+}  // namespace
 
 bool EUDPTransport::sendData(const uint8* data, uint length) {
     m_sendMutex.take();
@@ -257,8 +238,7 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
                                                            : SenderStep::ePass;
         case SenderStep::eAckBeforePassTimedOut:
             if (!m_bClosed.load()) {
-                m_unacked.store(0);
-                m_lastSent = m_lastAcked;
+                rewind(m_lastAcked.getValue());
             }
             return SenderStep::ePass;
         case SenderStep::eAckBeforePassGiven:
@@ -269,9 +249,7 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
             if (m_bClosed.load()) {
                 return SenderStep::eExit;
             }
-            // Go back: everything after the last acknowledgement goes out again.
-            m_unacked.store(0);
-            m_lastSent = m_lastAcked;
+            rewind(m_lastAcked.getValue());
             return SenderStep::eLoopHead;
         default:  // after a pass, a given data wait or a given acknowledgement wait
             if (m_bClosed.load()) {
@@ -315,142 +293,55 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
     return SenderStep::eAfterPass;
 }
 
-namespace {
-
-using SenderClock = std::chrono::steady_clock;
-
-// The whole milliseconds to sleep so as to wake no earlier than `deadline`, at least one.
-unsigned int msUntil(SenderClock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - SenderClock::now());
-    const long long ms = (left.count() + 999) / 1000;
-    return ms < 1 ? 1u : static_cast<unsigned int>(ms);
-}
-
-}  // namespace
-
-// The thread waits in `wait` until a giver has it resume, its acknowledgement wait runs out
-// (500 ms after it began, a beginning that givers move later without waking it), or, in a data
-// wait, a plain give of m_sendWakeSem (the closing paths). A give that was pending when the wait
-// began is taken at once, as a semaphore would.
-EUDPTransport::SenderStep EUDPTransport::waitAs(SenderStep wait) {
-    std::unique_lock<std::mutex> lock(m_senderLock);
-    if (wait == SenderStep::eWaitData) {
-        if (m_bWakePending || m_sendWakeSem.take(0) == 0) {
-            m_bWakePending = false;
-            return SenderStep::eWokenForData;
+void EUDPTransport::handleAck(std::int32_t seq, uint16 fromPort) {
+    if (m_peerPort.load() == 0) {
+        // The answer to our CON: its source is the port the server gave this connection.
+        m_peerPort.store(fromPort);
+        m_lastAcked.setFromWord(seq);
+        m_connectSem.give();
+        return;
+    }
+    if (ModuloValue::distance(seq, m_lastAcked.getValue()) <= 0) {
+        return;  // old or repeated
+    }
+    m_sendMutex.take();
+    m_lastAcked.setFromWord(seq);
+    m_counters.countAcknowledged(seq);
+    // Cumulative: everything up to the acknowledged number leaves the ring, sent or not.
+    while (!m_sendBuffer.isEmpty()) {
+        std::int32_t front =
+            static_cast<std::int32_t>(m_sendBuffer.front().getValue()) % ModuloValue::MODULUS;
+        if (ModuloValue::distance(front, m_lastAcked.getValue()) > 0) {
+            break;
         }
-    } else if (m_ackSem.take(0) == 0) {
-        return wait == SenderStep::eWaitAckBeforePass ? SenderStep::eAckBeforePassGiven
-                                                      : SenderStep::eAckAfterPassGiven;
-    } else {
-        m_ackWaitStart = SenderClock::now();
+        m_sendSpaceSem.give();
+        m_sendBuffer.pop();
+        m_unacked.fetch_sub(1);
     }
-    m_senderWait = wait;
-    for (;;) {
-        if (m_senderWait == SenderStep::eRunning) {
-            return m_senderResume;
-        }
-        const bool bTimed = m_senderWait != SenderStep::eWaitData;
-        const SenderClock::time_point deadline = m_ackWaitStart + std::chrono::milliseconds(ACK_WAIT_MS);
-        if (bTimed && SenderClock::now() >= deadline) {
-            const SenderStep next = m_senderWait == SenderStep::eWaitAckBeforePass
-                                        ? SenderStep::eAckBeforePassTimedOut
-                                        : SenderStep::eAckAfterPassTimedOut;
-            m_senderWait = SenderStep::eRunning;
-            return next;
-        }
-        m_bSleepsUntimed = !bTimed;
-        lock.unlock();
-        const int timedOut = m_sendWakeSem.take(bTimed ? msUntil(deadline) : sal::WAIT_FOREVER);
-        m_senderWakeUps.fetch_add(1, std::memory_order_relaxed);
-        lock.lock();
-        m_bSleepsUntimed = false;
-        if (timedOut == 0 && m_senderWait != SenderStep::eRunning) {
-            // A plain give: it ends a data wait; during an acknowledgement wait it stays pending
-            // for the next data wait, as m_sendWakeSem's give would.
-            if (m_senderWait == SenderStep::eWaitData) {
-                m_senderWait = SenderStep::eRunning;
-                return SenderStep::eWokenForData;
-            }
-            m_bWakePending = true;
-        }
-    }
-}
-
-bool EUDPTransport::giveDataLocked() {
-    std::lock_guard<std::mutex> lock(m_senderLock);
-    if (m_senderWait != SenderStep::eWaitData) {
-        m_bWakePending = true;
-        return false;
-    }
-    return advanceLocked(SenderStep::eWokenForData);
-}
-
-bool EUDPTransport::giveAckLocked() {
-    std::lock_guard<std::mutex> lock(m_senderLock);
-    if (m_senderWait == SenderStep::eWaitAckBeforePass) {
-        return advanceLocked(SenderStep::eAckBeforePassGiven);
-    }
-    if (m_senderWait == SenderStep::eWaitAckAfterPass) {
-        return advanceLocked(SenderStep::eAckAfterPassGiven);
-    }
-    m_ackSem.give();
-    return false;
-}
-
-void EUDPTransport::giveAckForResend() {
-    bool bWake = false;
-    {
-        std::lock_guard<std::mutex> lock(m_senderLock);
-        if (m_senderWait == SenderStep::eWaitAckBeforePass || m_senderWait == SenderStep::eWaitAckAfterPass) {
-            m_senderResume = m_senderWait == SenderStep::eWaitAckBeforePass ? SenderStep::eAckBeforePassGiven
-                                                                            : SenderStep::eAckAfterPassGiven;
-            m_senderWait = SenderStep::eRunning;
-            bWake = true;
-        } else {
-            m_ackSem.give();
-        }
-    }
+    // The acknowledgement wait is given with the ring in view, so that a sender with nothing to
+    // send after it is left asleep (eudpsenderwait.cpp).
+    const bool bWake = giveAckLocked();
+    m_sendMutex.give();
     if (bWake) {
         m_sendWakeSem.give();
     }
 }
 
-// The giver's look ahead: the steps that need no sending are taken here, pending gives consumed
-// on the way as the thread would consume them, and the wait reached becomes the sender's. An
-// acknowledgement wait reached this way begins now, as it would have begun in the thread; the
-// thread, asleep until the end of an earlier one, finds the later end when it wakes and sleeps on.
-// Only a thread asleep without a limit is woken, to begin counting. A step that sends or ends is
-// left to the thread, which resumes there.
-bool EUDPTransport::advanceLocked(SenderStep from) {
-    SenderStep step = from;
-    for (int guard = 0; guard < 16; ++guard) {
-        const SenderStep next = senderStep(step, true, nullptr);
-        if (next == SenderStep::eNeedsThread) {
-            break;
-        }
-        if (next == SenderStep::eWaitData) {
-            if (m_bWakePending) {
-                m_bWakePending = false;
-                step = SenderStep::eWokenForData;
-                continue;
-            }
-            m_senderWait = next;
-            return false;
-        }
-        if (next == SenderStep::eWaitAckBeforePass || next == SenderStep::eWaitAckAfterPass) {
-            if (m_ackSem.take(0) == 0) {
-                step = next == SenderStep::eWaitAckBeforePass ? SenderStep::eAckBeforePassGiven
-                                                              : SenderStep::eAckAfterPassGiven;
-                continue;
-            }
-            m_senderWait = next;
-            m_ackWaitStart = SenderClock::now();
-            return m_bSleepsUntimed;
-        }
-        step = next;
+void EUDPTransport::handleNak(std::int32_t seq) {
+    // A plain unsigned comparison, not distance(): before the first acknowledgement (-1, the
+    // largest unsigned value) and across the wrap every NAK is refused.
+    if (static_cast<std::uint32_t>(m_lastAcked.getValue()) < static_cast<std::uint32_t>(seq)) {
+        rewind(seq - 1);
+        giveAckForResend();
+    } else {
+        logLine(eWarning) << "Received a NAK for a packet that had already been ACKed (ignoring)";
     }
-    m_senderResume = step;
-    m_senderWait = SenderStep::eRunning;
-    return true;
+}
+
+// Go back: everything after `lastSent` goes out again, and the window counts nothing as out. The
+// two timed-out acknowledgement waits go back to the last acknowledgement, an accepted NAK to the
+// number before the one it names.
+void EUDPTransport::rewind(std::int32_t lastSent) {
+    m_unacked.store(0);
+    m_lastSent.setFromWord(lastSent);
 }

@@ -1,5 +1,7 @@
-// EUDP transport: sequence numbers, construction and destruction, the CON/ACK handshake from both
-// sides, DIS, and the peer accessors. The data path lives in eudpsender.cpp and eudpreceiver.cpp,
+// EUDP transport: sequence numbers, construction and destruction, the socket and the peer's
+// address (m_pSocket, m_peerAddress, m_peerPort), the CON/ACK handshake from both sides, DIS, the
+// header-only control datagrams (sendPacket) and the peer accessors. The send window lives in
+// eudpsender.cpp (its waits in eudpsenderwait.cpp), the receive side in eudpreceiver.cpp,
 // negotiation in eudpnegotiation.cpp, supervision in eudptimers.cpp.
 #include <eudptransport.h>
 
@@ -10,6 +12,7 @@
 
 #include "eudpadmission.h"
 
+using Corvane::Utilities::Logging::eError;
 using Corvane::Utilities::Logging::ELogLevel;
 using Corvane::Utilities::Logging::LogManager;
 using Corvane::Utilities::Logging::LogStream;
@@ -342,6 +345,32 @@ void EUDPTransport::disconnect() {
         pSocket->close();
     }
     m_bClosed.store(true);
+}
+
+// ---- control datagrams ---------------------------------------------------------------------------
+
+// Called from the sender, the receiver, the timers and application threads at once: sal::UdpSocket
+// sends each datagram whole from any number of threads.
+bool EUDPTransport::sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port) {
+    if (port == 0) {
+        port = m_peerPort.load();
+    }
+    if (port == 0) {
+        logLine(eError) << "no remote port (internal error)";
+        return false;
+    }
+    EUDPPacket packet(command);
+    packet.setValue(value);
+    sal::UdpSocket* pSocket = m_pSocket.load();
+    if (pSocket == nullptr) {
+        return false;
+    }
+    int sent = pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress, port);
+    if (sent != static_cast<int>(packet.m_length)) {
+        return false;
+    }
+    m_counters.countSentControl(command);
+    return true;
 }
 
 // ---- accessors ----------------------------------------------------------------------------------
