@@ -300,6 +300,10 @@ private:
     void handleData(const EUDPPacket& packet, std::int32_t seq);
     void handleModeRequest(std::uint32_t word);
     void handlePeerDisconnect();
+    // Stops whichever of the two liveness timers runs, the keep-alive one first (eudptimers.cpp).
+    void stopTimers();
+    // Ends the link on this side without a word to the peer: closed, timers stopped, socket closed.
+    void closeLocally();
 
     // One received datagram (`received` is what the receive returned), handled as the receiver
     // thread handles it, in whichever thread read it; false once the connection is over.

@@ -2,22 +2,29 @@
 // the peer's send window. The answering side is the receiver thread's (eudpreceiver.cpp).
 #include <eudptransport.h>
 
+#include "eudpmodeword.h"
+
 using Corvane::Utilities::Logging::eError;
 
 namespace {
 
 const unsigned int ANSWER_WAIT_MS = 10000;
-const std::uint32_t LEAVE = 'D';  // "leave this direction as it is"
+const std::uint8_t LEAVE = 'D';  // "leave this direction as it is"
 
 // One byte of the mode word, sign-extended as the answer bytes have always been read.
-std::int32_t modeByte(std::uint32_t word, unsigned int index) {
-    return static_cast<std::int8_t>(static_cast<std::uint8_t>((word >> (8 * index)) & 0xFF));
+std::int32_t modeByte(const tarn::EUDPModeBytes& bytes, unsigned int index) {
+    return static_cast<std::int8_t>(bytes[index]);
 }
 
 // An answer byte becomes the mode as it is, sign-extended: 0xD2 is -46, a mode that is neither
 // realtime nor reliable (EConnMode is 32 bits wide, so it holds any such value).
 EConnMode modeFromByte(std::int32_t byte) {
     return static_cast<EConnMode>(byte);
+}
+
+// The letter that asks for `mode`: its low byte.
+std::uint8_t requestedLetter(EConnMode mode) {
+    return static_cast<std::uint8_t>(static_cast<std::uint32_t>(mode) & 0xFF);
 }
 
 }  // namespace
@@ -60,15 +67,15 @@ void EUDPTransport::handOnAllowedModes(EUDPTransport* pPeer) const {
 
 // setSendMode changes how the peer sends, so this side receives in that mode afterwards.
 bool EUDPTransport::setSendMode(EConnMode mode) {
-    std::uint32_t requested = static_cast<std::uint32_t>(mode) & 0xFF;
-    sendPacket(MOD, requested | (LEAVE << 8) | (LEAVE << 16) | (LEAVE << 24), 0);
+    const std::uint8_t requested = requestedLetter(mode);
+    sendPacket(MOD, tarn::packModeWord({requested, LEAVE, LEAVE, LEAVE}), 0);
     if (m_modeSem.take(ANSWER_WAIT_MS) != 0) {
         logLine(eError) << "failed to set send mode (timeout)";
         return false;
     }
-    std::uint32_t answer = m_modeAck.load();
+    const tarn::EUDPModeBytes answer = tarn::unpackModeWord(m_modeAck.load());
     std::int32_t peerSend = modeByte(answer, 1);
-    if (requested != LEAVE && modeByte(requested, 0) != peerSend) {
+    if (requested != LEAVE && static_cast<std::int8_t>(requested) != peerSend) {
         logLine(eError) << "failed to set send mode (peer refused)";
         return false;
     }
@@ -79,15 +86,15 @@ bool EUDPTransport::setSendMode(EConnMode mode) {
 
 // setReceiveMode changes how the peer receives, so this side sends in that mode afterwards.
 bool EUDPTransport::setReceiveMode(EConnMode mode) {
-    std::uint32_t requested = static_cast<std::uint32_t>(mode) & 0xFF;
-    sendPacket(MOD, LEAVE | (LEAVE << 8) | (requested << 16) | (LEAVE << 24), 0);
+    const std::uint8_t requested = requestedLetter(mode);
+    sendPacket(MOD, tarn::packModeWord({LEAVE, LEAVE, requested, LEAVE}), 0);
     if (m_modeSem.take(ANSWER_WAIT_MS) != 0) {
         logLine(eError) << "failed to set receive mode (timeout)";
         return false;
     }
-    std::uint32_t answer = m_modeAck.load();
+    const tarn::EUDPModeBytes answer = tarn::unpackModeWord(m_modeAck.load());
     std::int32_t peerReceive = modeByte(answer, 3);
-    if (requested != LEAVE && modeByte(requested, 0) != peerReceive) {
+    if (requested != LEAVE && static_cast<std::int8_t>(requested) != peerReceive) {
         logLine(eError) << "failed to set receive mode (peer refused)";
         return false;
     }

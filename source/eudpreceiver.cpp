@@ -9,6 +9,8 @@
 
 #include <cstring>
 
+#include "eudpmodeword.h"
+
 using Corvane::Utilities::Logging::eDebug;
 using Corvane::Utilities::Logging::eError;
 using Corvane::Utilities::Logging::eWarning;
@@ -119,12 +121,7 @@ bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, const sal::
         }
         if (!m_bClosed.load()) {
             m_bClosed.store(true);
-            if (m_sendAliveTimer.isRunning()) {
-                m_sendAliveTimer.stop();
-            }
-            if (m_aliveTimer.isRunning()) {
-                m_aliveTimer.stop();
-            }
+            stopTimers();
         }
         return false;
     }
@@ -187,17 +184,7 @@ bool EUDPTransport::handleDatagram(EUDPPacket& packet, int received, const sal::
 }
 
 void EUDPTransport::handlePeerDisconnect() {
-    m_bClosed.store(true);
-    if (m_sendAliveTimer.isRunning()) {
-        m_sendAliveTimer.stop();
-    }
-    if (m_aliveTimer.isRunning()) {
-        m_aliveTimer.stop();
-    }
-    sal::UdpSocket* pSocket = m_pSocket.load();
-    if (pSocket != nullptr) {
-        pSocket->close();
-    }
+    closeLocally();
 }
 
 void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
@@ -258,9 +245,7 @@ void EUDPTransport::handleData(const EUDPPacket& packet, std::int32_t seq) {
 }
 
 void EUDPTransport::handleModeRequest(std::uint32_t word) {
-    std::uint8_t bytes[4] = {
-        static_cast<std::uint8_t>(word & 0xFF), static_cast<std::uint8_t>((word >> 8) & 0xFF),
-        static_cast<std::uint8_t>((word >> 16) & 0xFF), static_cast<std::uint8_t>(word >> 24)};
+    tarn::EUDPModeBytes bytes = tarn::unpackModeWord(word);
     // Byte 0 asks for our send direction, byte 2 for our receive direction; bytes 1 and 3 carry
     // the answer. A refusal of byte 2 leaves a change made for byte 0 in force.
     if (!applyModeRequest(bytes[0], m_bAllowSendRealtime, m_bAllowSendReliable, m_sendMode)) {
@@ -273,10 +258,7 @@ void EUDPTransport::handleModeRequest(std::uint32_t word) {
         return;
     }
     bytes[3] = static_cast<std::uint8_t>(m_receiveMode.load() & 0xFF);
-    std::uint32_t answer =
-        static_cast<std::uint32_t>(bytes[0]) | (static_cast<std::uint32_t>(bytes[1]) << 8) |
-        (static_cast<std::uint32_t>(bytes[2]) << 16) | (static_cast<std::uint32_t>(bytes[3]) << 24);
-    sendPacket(MAK, answer, 0);
+    sendPacket(MAK, tarn::packModeWord(bytes), 0);
 }
 
 int EUDPTransport::receiveData(uint8* buffer, uint bufferSize) {

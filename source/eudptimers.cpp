@@ -26,13 +26,17 @@ void EUDPTransport::initTimers(unsigned int aliveTimeout) {
     resetTimers();
 }
 
-void EUDPTransport::resetTimers() {
+void EUDPTransport::stopTimers() {
     if (m_sendAliveTimer.isRunning()) {
         m_sendAliveTimer.stop();
     }
     if (m_aliveTimer.isRunning()) {
         m_aliveTimer.stop();
     }
+}
+
+void EUDPTransport::resetTimers() {
+    stopTimers();
     // A period of 0 means initTimers has not run yet (the receiver starts before it): nothing to
     // arm then, initTimers arms the timer itself.
     unsigned int period = m_aliveTimeout.load();

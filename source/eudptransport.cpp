@@ -326,25 +326,22 @@ void EUDPTransport::disconnect() {
     if (m_bClosed.load()) {
         return;
     }
+    if (m_peerPort.load() != 0) {
+        stopTimers();
+        sendPacket(DIS, static_cast<std::uint32_t>(m_sendSeq.getValue()), 0);
+    }
+    closeLocally();
+}
+
+// Every end of the link on this side: closed first (sendData refuses from here on), both timers
+// stopped, then the socket closed, which ends the receiver's blocked read.
+void EUDPTransport::closeLocally() {
+    m_bClosed.store(true);
+    stopTimers();
     sal::UdpSocket* pSocket = m_pSocket.load();
-    if (m_peerPort.load() == 0) {
-        if (pSocket != nullptr) {
-            pSocket->close();
-        }
-        m_bClosed.store(true);
-        return;
-    }
-    if (m_sendAliveTimer.isRunning()) {
-        m_sendAliveTimer.stop();
-    }
-    if (m_aliveTimer.isRunning()) {
-        m_aliveTimer.stop();
-    }
-    sendPacket(DIS, static_cast<std::uint32_t>(m_sendSeq.getValue()), 0);
     if (pSocket != nullptr) {
         pSocket->close();
     }
-    m_bClosed.store(true);
 }
 
 // ---- control datagrams ---------------------------------------------------------------------------

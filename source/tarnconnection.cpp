@@ -14,6 +14,8 @@
 #include <tarnpacket.h>
 #include <tcptransport.h>
 
+#include "tarntransportkind.h"
+
 namespace Log = Corvane::Utilities::Logging;
 
 namespace {
@@ -107,15 +109,9 @@ TARNConnection::TARNConnection(ETransport transport)
       m_pThread(nullptr),
       m_bStop(true),
       m_bLoopEnding(false) {
-    switch (transport) {
-        case eTransportEUDP:
-            m_pTransport = new EUDPTransport();
-            break;
-        case eTransportTCP:
-            m_pTransport = new TCPTransport();
-            break;
-        default:
-            SAL_ASSERT_AT(false, kUnit, 49, "TARNConnection::TARNConnection(ETransport)");
+    m_pTransport = tarn::newTransportOfKind(transport);
+    if (m_pTransport == nullptr) {
+        SAL_ASSERT_AT(false, kUnit, 49, "TARNConnection::TARNConnection(ETransport)");
     }
 }
 

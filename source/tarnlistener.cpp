@@ -11,6 +11,8 @@
 #include <tarnconnection.h>
 #include <tcptransport.h>
 
+#include "tarntransportkind.h"
+
 namespace Log = Corvane::Utilities::Logging;
 
 namespace {
@@ -166,17 +168,14 @@ void TARNListener::allowAcceptedReceiveMode(bool realtime, bool reliable) {
 }
 
 ITARNTransport* TARNListener::newTransport() const {
-    if (m_transportType == eTransportTCP) {
-        return new TCPTransport();
+    ITARNTransport* const transport = tarn::newTransportOfKind(m_transportType);
+    EUDPTransport* const eudp = dynamic_cast<EUDPTransport*>(transport);
+    if (eudp != nullptr) {
+        eudp->setHardening(m_hardening);
+        eudp->allowAcceptedSendMode(m_allowed[0], m_allowed[1]);  // both true unless restricted
+        eudp->allowAcceptedReceiveMode(m_allowed[2], m_allowed[3]);
     }
-    if (m_transportType != eTransportEUDP) {
-        return nullptr;
-    }
-    EUDPTransport* const eudp = new EUDPTransport();
-    eudp->setHardening(m_hardening);
-    eudp->allowAcceptedSendMode(m_allowed[0], m_allowed[1]);  // both true unless restricted
-    eudp->allowAcceptedReceiveMode(m_allowed[2], m_allowed[3]);
-    return eudp;
+    return transport;
 }
 
 TARNListenerStatistics TARNListener::getStatistics() const {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "eudpmodeword.h"
 #include "eudptestaccess.h"
 
 using Corvane::Utilities::Logging::eError;
@@ -349,3 +350,24 @@ TEST(RingBuffer, PopOnEmptyDoesNothing) {
 }
 
 }  // namespace
+
+TEST(EUDPModeWord, UnpackTakesTheBytesLeastSignificantFirst) {
+    const tarn::EUDPModeBytes bytes = tarn::unpackModeWord(0x44524454u);
+    EXPECT_EQ('T', bytes[0]);
+    EXPECT_EQ('D', bytes[1]);
+    EXPECT_EQ('R', bytes[2]);
+    EXPECT_EQ('D', bytes[3]);
+}
+
+TEST(EUDPModeWord, PackPutsByteZeroLowest) {
+    EXPECT_EQ(0x44524454u, tarn::packModeWord({'T', 'D', 'R', 'D'}));
+    EXPECT_EQ(0x44444444u, tarn::packModeWord({'D', 'D', 'D', 'D'}));
+}
+
+TEST(EUDPModeWord, HighBytesSurviveARoundTripBothWays) {
+    for (std::uint32_t word : {0u, 0xFFFFFFFFu, 0x80D2FF01u, 0x01020304u}) {
+        EXPECT_EQ(word, tarn::packModeWord(tarn::unpackModeWord(word)));
+    }
+    const tarn::EUDPModeBytes bytes{0xD2, 0x80, 0xFF, 0x00};
+    EXPECT_EQ(bytes, tarn::unpackModeWord(tarn::packModeWord(bytes)));
+}
