@@ -315,6 +315,11 @@ private:
     // receiveData's wait while nothing is delivered: the caller takes the reading turn and reads
     // the socket itself.
     void readWhileWaiting();
+    // One read of the socket, by whoever reads it: the first datagram into `packet` and whatever
+    // else is already waiting behind it (up to READ_BATCH in all) taken in the same system call,
+    // then each handled in arrival order as if read alone. `bWait`: block for the first datagram;
+    // otherwise `bNothing` tells that none was waiting. False once the connection is over.
+    bool readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, bool bWait, bool& bNothing);
     // Hardened mode's checks (eudphardening.cpp). Each answers whether the datagram goes on.
     // A connected transport: whether a datagram from address:port is its peer's (always, when not
     // hardened); whether the receiver goes on after a receive of `received` (0 or less) bytes
@@ -412,6 +417,10 @@ private:
     // ends, and when the system refused a watch): a waiting caller reads only this one.
     sal::UdpSocket* m_pReadSocket{nullptr};
     std::atomic<bool> m_bReaderWaiting{false};  // a receiveData caller waits for the turn
+    // Room for the datagrams that one read takes behind its first: mapped by the first read, used
+    // by whoever reads, its pages touched only as far as datagrams fill them.
+    static const int READ_BATCH = 32;
+    std::uint8_t* m_pReadBatch{nullptr};
 
     // Statistics and hardened mode. m_pAdmission: the record of accepted and refused connections
     // (every transport makes one; only a listening one fills it); an accepted transport shares its

@@ -57,12 +57,9 @@ void EUDPTransport::receiverThread() {
         receiveInTurn(pSocket, packet);
     } else {
         // Without a watch this thread is the only reader and blocks in the receive itself.
-        sal::HostAddress fromAddress;
-        uint16 fromPort = 0;
+        bool bNothing = false;
         while (!m_bClosed.load()) {
-            int received =
-                pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
-            if (!handleDatagram(packet, received, fromAddress, fromPort)) {
+            if (!readAndHandle(pSocket, packet, true, bNothing)) {
                 break;
             }
         }
@@ -78,28 +75,24 @@ void EUDPTransport::receiverThread() {
 // caller disarms the watch and arms it again as it leaves, so whatever arrives while nobody waits
 // in receiveData still wakes this thread.
 void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
-    sal::HostAddress fromAddress;
-    uint16 fromPort = 0;
+    const sal::HostAddress noAddress;
     bool bOpen = true;
     while (bOpen) {
         const bool bWoken = pSocket->waitReadable();
         std::lock_guard<std::mutex> lock(m_readLock);
         if (!bWoken) {
             // A failed wait ends it like a failed receive.
-            bOpen = handleDatagram(packet, -1, fromAddress, 0);
+            bOpen = handleDatagram(packet, -1, noAddress, 0);
         }
         while (bOpen) {
             if (m_bClosed.load()) {
                 bOpen = false;
                 break;
             }
-            int received =
-                pSocket->tryReceiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
-            if (received == sal::UdpSocket::WOULD_BLOCK) {
-                break;
-            }
-            bOpen = handleDatagram(packet, received, fromAddress, fromPort);
-            if (m_bReaderWaiting.load()) {
+            bool bNothing = false;
+            bOpen = readAndHandle(pSocket, packet, false, bNothing);
+            // A waiting receiveData caller takes the turn after the datagrams in hand.
+            if (bNothing || m_bReaderWaiting.load()) {
                 break;
             }
         }
@@ -313,11 +306,9 @@ void EUDPTransport::readWhileWaiting() {
     }
     pSocket->disarmWatch();
     EUDPPacket packet;
-    sal::HostAddress fromAddress;
-    uint16 fromPort = 0;
+    bool bNothing = false;
     while (!m_bClosed.load() && m_receiveSem.getCount() == 0) {
-        int received = pSocket->receiveFrom(packet.m_pHeader, EUDPPacket::MAX_LENGTH, fromAddress, fromPort);
-        if (!handleDatagram(packet, received, fromAddress, fromPort)) {
+        if (!readAndHandle(pSocket, packet, true, bNothing)) {
             break;
         }
     }
@@ -328,4 +319,43 @@ void EUDPTransport::readWhileWaiting() {
     } else {
         pSocket->armWatch();
     }
+}
+
+// The datagrams behind the first are copied into `packet` one after another as they are handled,
+// so that each is handled exactly as a datagram read alone. A datagram that ends the connection
+// (DIS) ends the handling too: what came behind it is dropped, as the closed socket would have
+// given nothing more. Called only by the thread holding the reading turn (or the receiver thread,
+// when it is the only reader).
+bool EUDPTransport::readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, bool bWait, bool& bNothing) {
+    const std::size_t batchBytes = (READ_BATCH - 1) * std::size_t{EUDPPacket::MAX_LENGTH};
+    if (m_pReadBatch == nullptr) {
+        m_pReadBatch = static_cast<std::uint8_t*>(RingStorage::allocate(batchBytes));
+    }
+    sal::UdpSocket::ReceivedDatagram batch[READ_BATCH];
+    batch[0].buffer = packet.m_pHeader;
+    batch[0].size = static_cast<int>(EUDPPacket::MAX_LENGTH);
+    int room = 1;
+    if (m_pReadBatch != nullptr) {
+        for (; room < READ_BATCH; ++room) {
+            batch[room].buffer = m_pReadBatch + (room - 1) * std::size_t{EUDPPacket::MAX_LENGTH};
+            batch[room].size = static_cast<int>(EUDPPacket::MAX_LENGTH);
+        }
+    }
+    const int taken = bWait ? pSocket->receiveBatch(batch, room) : pSocket->tryReceiveBatch(batch, room);
+    bNothing = taken == sal::UdpSocket::WOULD_BLOCK;
+    if (bNothing) {
+        return true;
+    }
+    if (taken <= 0) {
+        return handleDatagram(packet, -1, batch[0].from, 0);
+    }
+    for (int i = 0; i < taken; ++i) {
+        if (i > 0 && batch[i].length > 0) {
+            std::memcpy(packet.m_pHeader, batch[i].buffer, static_cast<std::size_t>(batch[i].length));
+        }
+        if (!handleDatagram(packet, batch[i].length, batch[i].from, batch[i].fromPort)) {
+            return false;
+        }
+    }
+    return true;
 }

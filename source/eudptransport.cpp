@@ -208,6 +208,7 @@ EUDPTransport::~EUDPTransport() {
 
     delete pSocket;
     m_pSocket.store(nullptr);
+    RingStorage::release(m_pReadBatch, (READ_BATCH - 1) * std::size_t{EUDPPacket::MAX_LENGTH});
     leaveAdmission();
 }
 

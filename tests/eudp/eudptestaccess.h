@@ -28,6 +28,8 @@ public:
     static RingBuffer<EUDPPacket>& receiveBuffer(EUDPTransport& t) { return t.m_receiveBuffer; }
     static sal::MutexSemaphore& sendMutex(EUDPTransport& t) { return t.m_sendMutex; }
     static std::mutex& wireLock(EUDPTransport& t) { return t.m_wireLock; }
+    // The reading turn: while a test holds it, datagrams stay queued in the socket.
+    static std::mutex& readLock(EUDPTransport& t) { return t.m_readLock; }
     // Whether the sender waits for an acknowledgement (its thread sending nothing until then).
     static bool senderWaitsForAck(EUDPTransport& t) {
         std::lock_guard<std::mutex> lock(t.m_senderLock);
