@@ -683,8 +683,20 @@ TEST(Timer, InlineAttemptDoesTheWorkOnTheSchedulingThread) {
     // The service and its worker come with the first start; let the worker settle before counting.
     ASSERT_TRUE(timer.start(1000000, true));
     timer.stop();
-    ASSERT_TRUE(waitUntil([] { return wakeUpsOf("sal-timer-work") >= 1; }, 5000));  // asleep
-    const long workerWakeUps = wakeUpsOf("sal-timer-work");
+    // Asleep, and its count unchanged for 20 polls in a row: a worker that is still starting (under
+    // AddressSanitizer it can block more than once on its way) does not count as woken later.
+    long workerWakeUps = -1;
+    int unchanged = 0;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            const int worker = threadIdNamed("sal-timer-work");
+            const long now = wakeUpsOf("sal-timer-work");
+            const bool asleep = worker != 0 && now >= 1 && testsupport::waitUntilBlocked(worker, 0);
+            unchanged = asleep && now == workerWakeUps ? unchanged + 1 : 0;
+            workerWakeUps = now;
+            return unchanged >= 20;
+        },
+        5000));
     ASSERT_TRUE(timer.start(2000, true));
     ASSERT_TRUE(waitUntil(
         [&] {
