@@ -78,6 +78,8 @@ public:
     static void release(void* pStorage, std::size_t bytes);
 };
 
+class EUDPTransportTest;  // white-box access for the test suite
+
 // Fixed-capacity circular queue of values; capacity N holds N - 1 entries. Takes no lock: its owner
 // guards it. The two indices are relaxed atomics because the sender thread asks isEmpty() without
 // the owner's lock; everything else about them goes through the owner's mutex.
@@ -126,15 +128,17 @@ public:
     std::uint32_t next(std::uint32_t index) const { return (index + 1) % m_capacity; }
     std::uint32_t readIndex() const { return m_read.load(std::memory_order_relaxed); }
     std::uint32_t writeIndex() const { return m_write.load(std::memory_order_relaxed); }
+    std::uint32_t capacity() const { return m_capacity; }
     // How many slots, from index 0 on, hold a constructed element.
     std::uint32_t constructedCount() const { return m_constructed; }
+
+private:
+    friend class EUDPTransportTest;
 
     std::uint32_t m_capacity;
     std::atomic<std::uint32_t> m_read;   // oldest entry
     std::atomic<std::uint32_t> m_write;  // next free slot
     T* m_pBuffer;
-
-private:
     std::uint32_t m_constructed;  // guarded like the slots, by the owner's lock
 };
 
@@ -148,32 +152,12 @@ bool RingBuffer<T>::push(const T& item) {
     return true;
 }
 
-class EUDPTransportTest;  // white-box access for the test suite
-
 // One EUDP endpoint (see the top of this file). An application creates one itself, and hands it to
 // TARNConnection(ITARNTransport*), when it wants to set allowSendMode/allowReceiveMode before
 // connecting or to read the modes and window agreed; otherwise TARNConnection(eTransportEUDP) does.
 class TARN_EXPORT EUDPTransport : public ITARNTransport {
 public:
     static const std::uint32_t RING_CAPACITY = 1000;
-
-    // The sender thread: runs senderThread() on its transport.
-    class TARN_EXPORT EUDPSender : public sal::Thread {
-    public:
-        EUDPSender();
-        ~EUDPSender() override;
-        void run() override;
-        EUDPTransport* m_pTransport;
-    };
-
-    // The receiver thread: runs receiverThread() on its transport.
-    class TARN_EXPORT EUDPReceiver : public sal::Thread {
-    public:
-        EUDPReceiver();
-        ~EUDPReceiver() override;
-        void run() override;
-        EUDPTransport* m_pTransport;
-    };
 
     EUDPTransport();                                                      // listening or client object
     EUDPTransport(const sal::HostAddress& address, unsigned short port);  // per-peer, from accept()
@@ -195,19 +179,6 @@ public:
     sal::HostAddress getPeerAddress() const override;
     uint16 getPeerPort() const override;
     uint16 getLocalPort() const override;
-
-    // Sends one header-only datagram now from the calling thread; port 0 means m_peerPort.
-    bool sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port);
-
-    // Liveness supervision (periods in microseconds).
-    void initTimers(unsigned int aliveTimeout);
-    void resetTimers();
-    void onSendAliveTimer();
-    void onAliveTimer();
-
-    // Thread bodies.
-    void senderThread();
-    void receiverThread();
 
     // Current state, for applications and tools.
     EConnMode getSendMode() const { return m_sendMode.load(std::memory_order_relaxed); }
@@ -242,23 +213,53 @@ public:
 private:
     friend class EUDPTransportTest;
 
+    // The sender thread: runs senderThread() on its transport.
+    class TARN_NO_EXPORT EUDPSender : public sal::Thread {
+    public:
+        EUDPSender();
+        ~EUDPSender() override;
+        void run() override;
+        EUDPTransport* m_pTransport;
+    };
+
+    // The receiver thread: runs receiverThread() on its transport.
+    class TARN_NO_EXPORT EUDPReceiver : public sal::Thread {
+    public:
+        EUDPReceiver();
+        ~EUDPReceiver() override;
+        void run() override;
+        EUDPTransport* m_pTransport;
+    };
+
+    // Sends one header-only datagram now from the calling thread; port 0 means m_peerPort.
+    bool sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port);
+    // Liveness supervision (periods in microseconds).
+    void initTimers(unsigned int aliveTimeout);
+    TARN_NO_EXPORT void resetTimers();
+    TARN_NO_EXPORT void onSendAliveTimer();
+    TARN_NO_EXPORT void onAliveTimer();
+    // Thread bodies.
+    TARN_NO_EXPORT void senderThread();
+    TARN_NO_EXPORT void receiverThread();
+
     static const int kSocketReceiveBuffer = 4 * 1024 * 1024;
-    static sal::UdpSocket* newSocket();
+    static TARN_NO_EXPORT sal::UdpSocket* newSocket();
 
     // A line on `level` that already carries the "TARN/EUDP[<id>]: " prefix.
-    Corvane::Utilities::Logging::LogStream logLine(Corvane::Utilities::Logging::ELogLevel level) const;
+    TARN_NO_EXPORT Corvane::Utilities::Logging::LogStream logLine(
+        Corvane::Utilities::Logging::ELogLevel level) const;
 
     // The timers' inline attempts (sal::ICallback::callInline): the same work as onSendAliveTimer
     // and onAliveTimer, done on the timer service's thread when it need not wait.
-    bool sendAliveWithoutWaiting();
-    bool closeOnSilence();
+    TARN_NO_EXPORT bool sendAliveWithoutWaiting();
+    TARN_NO_EXPORT bool closeOnSilence();
 
     // sendData's parts, with m_sendMutex held; all give it back. refuseClosedLocked logs the
     // refusal and answers false; queueLocked numbers the message and sends or queues it;
     // sendOutsideLock sends queueLocked's reliable datagram once the lock is given back.
-    bool refuseClosedLocked();
-    void queueLocked(const uint8* data, uint length);
-    void sendOutsideLock(const EUDPPacket& packet);
+    TARN_NO_EXPORT bool refuseClosedLocked();
+    TARN_NO_EXPORT void queueLocked(const uint8* data, uint length);
+    TARN_NO_EXPORT void sendOutsideLock(const EUDPPacket& packet);
 
     // The sender thread's loop, cut at the places where it waits (eudpsender.cpp, eudpsenderwait.cpp). A wait
     // for data (m_sendWakeSem's role) or for an acknowledgement within 500 ms (m_ackSem's role), before the
@@ -282,64 +283,65 @@ private:
         eNeedsThread,
         eRunning
     };
-    SenderStep senderStep(SenderStep step, bool dry, sal::UdpSocket* pSocket);
-    SenderStep waitAs(SenderStep wait);
+    TARN_NO_EXPORT SenderStep senderStep(SenderStep step, bool dry, sal::UdpSocket* pSocket);
+    TARN_NO_EXPORT SenderStep waitAs(SenderStep wait);
     // With m_sendMutex held: new data (queueLocked), a new acknowledgement (handleAck). True when
     // the sender thread must be woken (m_sendWakeSem given) once both locks are released.
-    bool giveDataLocked();
-    bool giveAckLocked();
+    TARN_NO_EXPORT bool giveDataLocked();
+    TARN_NO_EXPORT bool giveAckLocked();
     // An accepted NAK: its give always has the sender resend, so it wakes the thread.
-    void giveAckForResend();
+    TARN_NO_EXPORT void giveAckForResend();
     // Takes the steps that follow a given wait up to the next wait, holding m_senderLock.
-    bool advanceLocked(SenderStep from);
+    TARN_NO_EXPORT bool advanceLocked(SenderStep from);
     // The receiver thread's handling of one valid datagram, by command. ACK and NAK move the send
     // window (eudpsender.cpp); rewind is its one go-back: everything after `lastSent` goes out again.
-    void handleAck(std::int32_t seq, uint16 fromPort);
-    void handleNak(std::int32_t seq);
-    void rewind(std::int32_t lastSent);
-    void handleData(const EUDPPacket& packet, std::int32_t seq);
-    void handleModeRequest(std::uint32_t word);
-    void handlePeerDisconnect();
+    TARN_NO_EXPORT void handleAck(std::int32_t seq, uint16 fromPort);
+    TARN_NO_EXPORT void handleNak(std::int32_t seq);
+    TARN_NO_EXPORT void rewind(std::int32_t lastSent);
+    TARN_NO_EXPORT void handleData(const EUDPPacket& packet, std::int32_t seq);
+    TARN_NO_EXPORT void handleModeRequest(std::uint32_t word);
+    TARN_NO_EXPORT void handlePeerDisconnect();
     // Stops whichever of the two liveness timers runs, the keep-alive one first (eudptimers.cpp).
-    void stopTimers();
+    TARN_NO_EXPORT void stopTimers();
     // Ends the link on this side without a word to the peer: closed, timers stopped, socket closed.
-    void closeLocally();
+    TARN_NO_EXPORT void closeLocally();
 
     // One received datagram (`received` is what the receive returned), handled as the receiver
     // thread handles it, in whichever thread read it; false once the connection is over.
-    bool handleDatagram(EUDPPacket& packet, int received, const sal::HostAddress& fromAddress,
-                        uint16 fromPort);
+    TARN_NO_EXPORT bool handleDatagram(EUDPPacket& packet, int received, const sal::HostAddress& fromAddress,
+                                       uint16 fromPort);
     // receiverThread's loop when the socket's readiness watch is there: the thread sleeps on the
     // watch, and reads whatever is waiting when it holds the reading turn.
-    void receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet);
+    TARN_NO_EXPORT void receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet);
     // receiveData's wait while nothing is delivered: the caller takes the reading turn and reads
     // the socket itself.
-    void readWhileWaiting();
+    TARN_NO_EXPORT void readWhileWaiting();
     // One read of the socket, by whoever reads it: the first datagram into `packet` and whatever
     // else is already waiting behind it (up to READ_BATCH in all) taken in the same system call,
     // then each handled in arrival order as if read alone. `bWait`: block for the first datagram;
     // otherwise `bNothing` tells that none was waiting. False once the connection is over.
-    bool readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, bool bWait, bool& bNothing);
+    TARN_NO_EXPORT bool readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, bool bWait,
+                                      bool& bNothing);
     // Hardened mode's checks (eudphardening.cpp). Each answers whether the datagram goes on.
     // A connected transport: whether a datagram from address:port is its peer's (always, when not
     // hardened); whether the receiver goes on after a receive of `received` (0 or less) bytes
     // from address:port; the window that a WIN asking for `requested` sets.
-    bool takeFrom(const sal::HostAddress& address, uint16 port);
-    bool survivesEmptyOrError(int received, const sal::HostAddress& address, uint16 port);
-    std::uint32_t boundWindowRequest(std::uint32_t requested);
+    TARN_NO_EXPORT bool takeFrom(const sal::HostAddress& address, uint16 port);
+    TARN_NO_EXPORT bool survivesEmptyOrError(int received, const sal::HostAddress& address, uint16 port);
+    TARN_NO_EXPORT std::uint32_t boundWindowRequest(std::uint32_t requested);
     // The listening side: whether accept() goes on after a receive of 0 or less bytes; whether a
     // CON from address:port may have a transport; handing the admission on to the new transport.
-    bool listenerSurvives(sal::UdpSocket* pSocket, int received);
-    bool admitConnection(const sal::HostAddress& address, uint16 port);
-    void handOnAdmission(EUDPTransport* pPeer, const sal::HostAddress& address);
-    void handOnAllowedModes(EUDPTransport* pPeer) const;
-    void storeAllowedPair(std::atomic<bool>& realtimeFlag, std::atomic<bool>& reliableFlag, bool realtime,
-                          bool reliable);
-    void countListenerDrop(int kind);
+    TARN_NO_EXPORT bool listenerSurvives(sal::UdpSocket* pSocket, int received);
+    TARN_NO_EXPORT bool admitConnection(const sal::HostAddress& address, uint16 port);
+    TARN_NO_EXPORT void handOnAdmission(EUDPTransport* pPeer, const sal::HostAddress& address);
+    TARN_NO_EXPORT void handOnAllowedModes(EUDPTransport* pPeer) const;
+    TARN_NO_EXPORT void storeAllowedPair(std::atomic<bool>& realtimeFlag, std::atomic<bool>& reliableFlag,
+                                         bool realtime, bool reliable);
+    TARN_NO_EXPORT void countListenerDrop(int kind);
     // An accepted transport gives its place in the listener's counts back as its link ends.
-    void leaveAdmission();
-    void logHardenedDrop(EEUDPHardenedCause cause, std::uint64_t total, const sal::HostAddress* pFrom,
-                         uint16 fromPort);
+    TARN_NO_EXPORT void leaveAdmission();
+    TARN_NO_EXPORT void logHardenedDrop(EEUDPHardenedCause cause, std::uint64_t total,
+                                        const sal::HostAddress* pFrom, uint16 fromPort);
 
     std::atomic<sal::UdpSocket*> m_pSocket;
     sal::HostAddress m_peerAddress;

@@ -52,17 +52,7 @@ public:
     virtual ~ITARNServer() = default;
 };
 
-class TARNConnection;
-
-// The connection's receive thread: runs TARNConnection::run(). Internal; applications do not use it.
-class TARN_EXPORT RunThreadC : public sal::Thread {
-public:
-    explicit RunThreadC(TARNConnection* pConnection);
-    ~RunThreadC() override;
-    void run() override;
-
-    TARNConnection* m_pConnection;
-};
+class RunThreadC;  // the connection's receive thread (tarnconnection.cpp)
 
 // One end of a TARN link (see the top of this file). Owns its transport and receive thread, never its
 // ITARNClient or ITARNServer. Ended by disconnect() and then delete, never from inside one of its own
@@ -128,13 +118,15 @@ public:
     // nothing changed, when the transport is not EUDP.
     bool setHardening(const EUDPHardening& hardening);
 
-    // The receive loop; runs on the receive thread. Internal; applications do not call it.
-    void run();
-
 private:
-    bool sendPacket(const class TARNPacket& packet, const char* failure, const std::string& name);
-    void awaitEndingLoop();
-    void endLoop();
+    friend class RunThreadC;
+
+    // The receive loop; runs on the receive thread.
+    TARN_NO_EXPORT void run();
+    TARN_NO_EXPORT bool sendPacket(const class TARNPacket& packet, const char* failure,
+                                   const std::string& name);
+    TARN_NO_EXPORT void awaitEndingLoop();
+    TARN_NO_EXPORT void endLoop();
 
     ITARNTransport* m_pTransport;
     std::atomic<ITARNClient*> m_pClient;

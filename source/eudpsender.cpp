@@ -138,7 +138,7 @@ void EUDPTransport::sendOutsideLock(const EUDPPacket& packet) {
 namespace {
 
 std::int32_t wordAt(RingBuffer<EUDPPacket>& ring, std::uint32_t offset) {
-    return static_cast<std::int32_t>(ring.at((ring.readIndex() + offset) % ring.m_capacity).getValue());
+    return static_cast<std::int32_t>(ring.at((ring.readIndex() + offset) % ring.capacity()).getValue());
 }
 
 // The offset from the front of the first queued datagram after `lastSent`, or `count` when there
@@ -173,7 +173,7 @@ std::uint32_t firstAfter(RingBuffer<EUDPPacket>& ring, std::uint32_t count, std:
 static std::uint32_t nextReliable(RingBuffer<EUDPPacket>& ring, const std::atomic<std::uint32_t>& unacked,
                                   const std::atomic<std::uint32_t>& windowSize, const ModuloValue& lastSent,
                                   std::uint32_t& count) {
-    count = (ring.writeIndex() + ring.m_capacity - ring.readIndex()) % ring.m_capacity;
+    count = (ring.writeIndex() + ring.capacity() - ring.readIndex()) % ring.capacity();
     if (static_cast<std::int32_t>(unacked.load()) >= static_cast<std::int32_t>(windowSize.load())) {
         return count;
     }
@@ -228,7 +228,7 @@ static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint
         if (offset == count) {
             break;
         }
-        const EUDPPacket& packet = ring.at((ring.readIndex() + offset) % ring.m_capacity);
+        const EUDPPacket& packet = ring.at((ring.readIndex() + offset) % ring.capacity());
         packets[taken++] = &packet;
         unacked.fetch_add(1);
         lastSent.setFromWord(static_cast<std::int32_t>(packet.getValue()));

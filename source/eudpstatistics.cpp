@@ -116,7 +116,7 @@ EUDPStatistics EUDPTransport::getStatistics() const {
     EUDPStatistics out;
     m_counters.fill(out);
     out.hardened = isHardened();
-    const std::uint32_t capacity = m_sendBuffer.m_capacity;
+    const std::uint32_t capacity = m_sendBuffer.capacity();
     out.sendRingOccupancy = (m_sendBuffer.writeIndex() + capacity - m_sendBuffer.readIndex()) % capacity;
     out.unacknowledged = m_unacked.load(std::memory_order_relaxed);
     out.sendMode = getSendMode();

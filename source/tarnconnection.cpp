@@ -89,6 +89,16 @@ void dispatch(const TARNPacket& packet, ITARNClient* client, ITARNServer* server
 
 }  // namespace
 
+// The connection's receive thread: runs TARNConnection::run().
+class RunThreadC : public sal::Thread {
+public:
+    explicit RunThreadC(TARNConnection* pConnection);
+    ~RunThreadC() override;
+    void run() override;
+
+    TARNConnection* m_pConnection;
+};
+
 RunThreadC::RunThreadC(TARNConnection* pConnection) : m_pConnection(pConnection) {}
 
 // run() uses this object, so it must have returned before the derived part goes. The default

@@ -51,6 +51,16 @@ public:
     static bool allowReceiveRealtime(EUDPTransport& t) { return t.m_bAllowReceiveRealtime.load(); }
     static bool allowReceiveReliable(EUDPTransport& t) { return t.m_bAllowReceiveReliable.load(); }
     static sal::UdpSocket* socket(EUDPTransport& t) { return t.m_pSocket.load(); }
+    // Internal operations a test drives directly.
+    static bool sendPacket(EUDPTransport& t, EEUDPCommand command, std::uint32_t value, uint16 port) {
+        return t.sendPacket(command, value, port);
+    }
+    static void initTimers(EUDPTransport& t, unsigned int aliveTimeout) { t.initTimers(aliveTimeout); }
+    // A ring's slot storage, where its first slot lies.
+    template <class T>
+    static T* slots(const RingBuffer<T>& ring) {
+        return ring.m_pBuffer;
+    }
     // How often the sender thread has come back from sleeping (woken or at the end of a wait).
     static std::uint64_t senderWakeUps(EUDPTransport& t) { return t.m_senderWakeUps.load(); }
 
@@ -75,8 +85,8 @@ public:
     static std::uint32_t sendQueued(EUDPTransport& t) {
         t.m_sendMutex.take();
         std::uint32_t n =
-            (t.m_sendBuffer.writeIndex() + t.m_sendBuffer.m_capacity - t.m_sendBuffer.readIndex()) %
-            t.m_sendBuffer.m_capacity;
+            (t.m_sendBuffer.writeIndex() + t.m_sendBuffer.capacity() - t.m_sendBuffer.readIndex()) %
+            t.m_sendBuffer.capacity();
         t.m_sendMutex.give();
         return n;
     }
@@ -84,8 +94,8 @@ public:
     static std::uint32_t receiveQueued(EUDPTransport& t) {
         t.m_receiveMutex.take();
         std::uint32_t n =
-            (t.m_receiveBuffer.writeIndex() + t.m_receiveBuffer.m_capacity - t.m_receiveBuffer.readIndex()) %
-            t.m_receiveBuffer.m_capacity;
+            (t.m_receiveBuffer.writeIndex() + t.m_receiveBuffer.capacity() - t.m_receiveBuffer.readIndex()) %
+            t.m_receiveBuffer.capacity();
         t.m_receiveMutex.give();
         return n;
     }

@@ -19,9 +19,9 @@ namespace {
 // Pages of the ring's storage that the system has handed out.
 std::size_t residentPages(const RingBuffer<EUDPPacket>& ring) {
     const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    const std::size_t bytes = sizeof(EUDPPacket) * ring.m_capacity;
+    const std::size_t bytes = sizeof(EUDPPacket) * ring.capacity();
     std::vector<unsigned char> resident((bytes + page - 1) / page);
-    if (::mincore(ring.m_pBuffer, bytes, resident.data()) != 0) {
+    if (::mincore(EUDPTransportTest::slots(ring), bytes, resident.data()) != 0) {
         ADD_FAILURE() << "mincore failed";
         return 0;
     }
@@ -275,7 +275,7 @@ TEST(RingBuffer, CapacityThousandHoldsNineHundredNinetyNine) {
 
 TEST(RingBuffer, SlotsCostNothingUntilFirstUsed) {
     RingBuffer<EUDPPacket> ring(1000);
-    ASSERT_NE(nullptr, ring.m_pBuffer);
+    ASSERT_NE(nullptr, EUDPTransportTest::slots(ring));
     EXPECT_EQ(0u, ring.constructedCount());
     EXPECT_EQ(0u, residentPages(ring));
 
@@ -310,8 +310,8 @@ TEST(RingBuffer, NeverWrittenSlotReadsAsDefaultPacket) {
     EUDPPacket& later = ring.at(5);
     EXPECT_EQ(6u, ring.constructedCount());
     EXPECT_EQ(8u, later.m_length);
-    EXPECT_EQ(ring.m_pBuffer + 3, &ring.at(3));
-    EXPECT_EQ(ring.m_pBuffer[3].m_buffer, ring.m_pBuffer[3].m_pHeader);
+    EXPECT_EQ(EUDPTransportTest::slots(ring) + 3, &ring.at(3));
+    EXPECT_EQ(EUDPTransportTest::slots(ring)[3].m_buffer, EUDPTransportTest::slots(ring)[3].m_pHeader);
 }
 
 TEST(RingBuffer, WrittenSlotKeepsItsPacketAfterPushOverConstructedSlot) {

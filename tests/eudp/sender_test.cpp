@@ -717,7 +717,7 @@ TEST(EUDPSender, MaximumMessageTravelsWhole) {
 TEST(EUDPSender, ControlDatagramWithoutPeerPortIsRefused) {
     LogCapture log;
     EUDPTransport transport;
-    EXPECT_FALSE(transport.sendPacket(ACK, 1, 0));
+    EXPECT_FALSE(EUDPTransportTest::sendPacket(transport, ACK, 1, 0));
     EXPECT_EQ(1, log.count(eError, line(0, "no remote port (internal error)"))) << log.dump();
 }
 

@@ -231,7 +231,7 @@ TEST(EUDPTimers, InvalidDatagramsDoNotKeepConnectionAlive) {
 TEST(EUDPTimers, SecondInitHasNoEffect) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));
-    peer.server->initTimers(123);
+    EUDPTransportTest::initTimers(*peer.server, 123);
     EXPECT_EQ(500000u, EUDPTransportTest::aliveTimeout(*peer.server));
     Bytes datagram;
     ASSERT_TRUE(peer.next(datagram, 3000));  // still the half-second keep-alive, not 123 us
