@@ -92,11 +92,13 @@ TEST(LinkStatistics, EudpThroughConnectionsAndTheListener) {
     TARNConnection connection(eTransportEUDP);
     ASSERT_TRUE(connection.connect("127.0.0.1", listener.getLocalPort(), &client));
     ASSERT_TRUE(connection.subscribe("abc"));
-    // The two counts are taken at different moments of the hand-over: wait for both.
+    // The two counts and the connector's call are different moments of the hand-over: wait for
+    // all three.
     ASSERT_TRUE(waitUntil(
         [&] {
             const TARNListenerStatistics now = listener.getStatistics();
-            return now.live == 1 && now.accepted == 1;
+            std::lock_guard<std::mutex> hold(mutex);
+            return now.live == 1 && now.accepted == 1 && kept.size() == 1;
         },
         5000));
     TARNListenerStatistics figures = listener.getStatistics();
