@@ -179,8 +179,8 @@ def test_closing_a_listener_from_its_own_callback(transport):
     kept = []
 
     def on_new(connection):
-        kept.append(connection)
         listener.close()
+        kept.append(connection)  # after the close, so that a test seeing it sees the listener closed
 
     listener.listen("127.0.0.1", 0, on_new)
     assert wait_until(lambda: listener.get_local_port() != 0)
