@@ -26,7 +26,6 @@
 
 #include <eudphardening.h>
 #include <itarntransport.h>
-#include <sal/thread.h>
 #include <sal/types.h>
 #include <tarn_export.h>
 #include <tarnstatistics.h>
@@ -44,18 +43,7 @@ public:
     virtual ~ITARNConnector() = default;
 };
 
-class TARNListener;
-
-// The listener's accept thread.
-class TARN_EXPORT RunThread : public sal::Thread {
-public:
-    explicit RunThread(TARNListener* pListener);
-    ~RunThread() override;
-    void run() override;
-    bool shutdownCallback() override;
-
-    TARNListener* m_pListener;
-};
+class RunThread;  // the listener's accept thread (tarnlistener.cpp)
 
 // Accepts peers on its own thread and hands each to the ITARNConnector as a new TARNConnection (see
 // the top of this file). Deleting the listener stops accepting; the connections handed out run on.
@@ -87,14 +75,13 @@ public:
     // still accepting; on true the listener takes the connector. The kind given at construction is
     // not used.
     bool listenOn(ITARNTransport* transport, ITARNConnector* connector);
+    // Starts the accept thread again with the address, port and connector stored before; returns
+    // the thread start's result. It leaves the running flag as it is: after shutdown() a bare
+    // start() serves one peer and stops, while listen() starts a loop that goes on.
     bool start();
     // Stops accepting: ends the accept thread, waiting up to `timeout` milliseconds (-1 without
     // limit); false when there was no thread. Connections already handed out are not touched.
     bool shutdown(int timeout);
-    virtual bool shutdownCallback();
-
-    // The accept loop; runs on the listener's thread.
-    void run();
 
     // The listening transport's bound port (0 before the thread has bound it). Lets an application
     // that listened on port 0 learn the port the system chose.
@@ -119,8 +106,20 @@ public:
     // before the accept thread has created its transport.
     TARNListenerStatistics getStatistics() const;
 
+protected:
+    // What shutdown() has the accept thread do as it stops: clears the running flag and disconnects
+    // the listening transport, so that a blocked accept comes back; true. A derived listener that
+    // overrides it calls this one.
+    virtual bool shutdownCallback();
+
 private:
-    ITARNTransport* newTransport() const;  // of m_transportType, set up; null for an unknown kind
+    friend class RunThread;
+    friend class TARNListenerTest;
+
+    // The accept loop; runs on the listener's thread.
+    TARN_NO_EXPORT void run();
+    // Of m_transportType, set up; null for an unknown kind.
+    TARN_NO_EXPORT ITARNTransport* newTransport() const;
 
     ETransport m_transportType;
     std::atomic<ITARNTransport*> m_pTransport;  // created by the thread, disconnected by shutdown

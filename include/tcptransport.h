@@ -20,8 +20,7 @@
 // it; applications rarely need it by name.
 class TARN_EXPORT TCPTransport : public ITARNTransport {
 public:
-    TCPTransport();                                 // a new socket with no-delay and keep-alive
-    explicit TCPTransport(sal::TcpSocket* socket);  // adopts an accepted socket (may be null)
+    TCPTransport();  // a new socket with no-delay and keep-alive
     ~TCPTransport() override;
     TCPTransport(const TCPTransport&) = delete;
     TCPTransport& operator=(const TCPTransport&) = delete;
@@ -45,6 +44,11 @@ public:
     TCPStatistics getStatistics() const;
 
 private:
+    friend class TCPTransportTest;
+
+    // Adopts a socket that accept() got (may be null), with no-delay.
+    explicit TCPTransport(sal::TcpSocket* socket);
+
     sal::TcpSocket* m_pSocket;
     std::atomic<bool> m_bClosed;  // set by disconnect() on any thread, polled by the receiver
     sal::MutexSemaphore m_receiveMutex;

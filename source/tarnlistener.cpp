@@ -8,6 +8,7 @@
 #include <logging/logging.h>
 #include <sal/assert.h>
 #include <sal/hostaddress.h>
+#include <sal/thread.h>
 #include <tarnconnection.h>
 #include <tcptransport.h>
 
@@ -24,6 +25,18 @@ Log::LogCategory tarnLog() {
 }
 
 }  // namespace
+
+// The listener's accept thread: runs the listener's accept loop, and has the listener close its
+// transport when it is shut down. The listener owns it.
+class RunThread : public sal::Thread {
+public:
+    explicit RunThread(TARNListener* pListener);
+    ~RunThread() override;
+    void run() override;
+    bool shutdownCallback() override;
+
+    TARNListener* m_pListener;  // not owned
+};
 
 RunThread::RunThread(TARNListener* pListener) : m_pListener(pListener) {}
 

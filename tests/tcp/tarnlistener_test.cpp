@@ -17,6 +17,7 @@
 #include <tcptransport.h>
 
 #include "tcptestutil.h"
+#include "testaccess.h"
 #include "testsupport.h"
 
 using namespace testsupport;
@@ -317,7 +318,7 @@ TEST(TarnListenerTcp, AFailedAcceptEndsTheLoopWithTheErrorLineAndNoRetry) {
     ASSERT_TRUE(connector->waitInside());
     // While the thread is busy with the first peer, the listening transport is closed and the
     // running flag raised again: the next accept fails with the loop meant to go on.
-    EXPECT_TRUE(listener.shutdownCallback());
+    EXPECT_TRUE(TARNListenerTest::shutdownCallback(listener));
     EXPECT_TRUE(listener.listen("127.0.0.1", port, connector));  // true although the thread runs
     connector->release();
     ASSERT_TRUE(log.waitFor(Log::eError, "TARN: failed to accept incoming connection", 5000)) << log.dump();

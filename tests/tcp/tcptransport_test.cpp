@@ -12,6 +12,7 @@
 #include <tcptransport.h>
 
 #include "tcptestutil.h"
+#include "testaccess.h"
 #include "testsupport.h"
 
 using namespace testsupport;
@@ -328,12 +329,12 @@ TEST(TcpTransport, SocketOptionsDifferByHowTheSocketCameToBe) {
     ASSERT_TRUE(plain.bind(kLoopback, 0));
     ASSERT_TRUE(plain.listen(5));
     RawTcp peer = RawTcp::connectTo(plain.getLocalPort());
-    TCPTransport adopted(plain.accept());
+    std::unique_ptr<TCPTransport> adopted = TCPTransportTest::adopt(plain.accept());
     fd = findSocket(plain.getLocalPort(), localPortOf(peer.fd()));
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(socketOption(fd, IPPROTO_TCP, TCP_NODELAY));
     EXPECT_FALSE(socketOption(fd, SOL_SOCKET, SO_KEEPALIVE));
-    EXPECT_EQ(localPortOf(peer.fd()), adopted.getPeerPort());
+    EXPECT_EQ(localPortOf(peer.fd()), adopted->getPeerPort());
 }
 
 TEST(TcpTransport, ModesAreFixedAndThereIsNoWindow) {
@@ -354,13 +355,13 @@ TEST(TcpTransport, ModesAreFixedAndThereIsNoWindow) {
 }
 
 TEST(TcpTransport, TransportWithoutSocketToleratesTheQueries) {
-    TCPTransport empty(nullptr);
-    EXPECT_FALSE(empty.getPeerAddress().isValid());
-    EXPECT_EQ(0, empty.getPeerPort());
-    EXPECT_EQ(0, empty.getLocalPort());
-    EXPECT_TRUE(empty.setSendMode(eReliable));
-    EXPECT_FALSE(empty.setWindowSize(4));
-    std::unique_ptr<ITARNTransport> next(empty.accept());
+    std::unique_ptr<TCPTransport> empty = TCPTransportTest::adopt(nullptr);
+    EXPECT_FALSE(empty->getPeerAddress().isValid());
+    EXPECT_EQ(0, empty->getPeerPort());
+    EXPECT_EQ(0, empty->getLocalPort());
+    EXPECT_TRUE(empty->setSendMode(eReliable));
+    EXPECT_FALSE(empty->setWindowSize(4));
+    std::unique_ptr<ITARNTransport> next(empty->accept());
     ASSERT_NE(nullptr, next);
     EXPECT_EQ(0, next->getLocalPort());
 }
@@ -374,8 +375,8 @@ protected:
 TEST_F(TcpTransportDeathTest, ListenWithoutSocket) {
     EXPECT_DEATH(
         {
-            TCPTransport empty(nullptr);
-            empty.listen(kLoopback, 0);
+            std::unique_ptr<TCPTransport> empty = TCPTransportTest::adopt(nullptr);
+            empty->listen(kLoopback, 0);
         },
         "source/tcptransport\\.cpp:44: virtual bool TCPTransport::listen\\(const sal::HostAddress&, "
         "uint16\\): "
@@ -385,8 +386,8 @@ TEST_F(TcpTransportDeathTest, ListenWithoutSocket) {
 TEST_F(TcpTransportDeathTest, ConnectWithoutSocket) {
     EXPECT_DEATH(
         {
-            TCPTransport empty(nullptr);
-            empty.connect(kLoopback, 1);
+            std::unique_ptr<TCPTransport> empty = TCPTransportTest::adopt(nullptr);
+            empty->connect(kLoopback, 1);
         },
         "source/tcptransport\\.cpp:69: virtual bool TCPTransport::connect\\(const sal::HostAddress&, "
         "uint16\\): "
@@ -396,8 +397,8 @@ TEST_F(TcpTransportDeathTest, ConnectWithoutSocket) {
 TEST_F(TcpTransportDeathTest, DisconnectWithoutSocket) {
     EXPECT_DEATH(
         {
-            TCPTransport empty(nullptr);
-            empty.disconnect();
+            std::unique_ptr<TCPTransport> empty = TCPTransportTest::adopt(nullptr);
+            empty->disconnect();
         },
         "source/tcptransport\\.cpp:85: virtual void TCPTransport::disconnect\\(\\): Assertion `m_pSocket' "
         "failed\\.");
@@ -406,9 +407,9 @@ TEST_F(TcpTransportDeathTest, DisconnectWithoutSocket) {
 TEST_F(TcpTransportDeathTest, SendWithoutSocket) {
     EXPECT_DEATH(
         {
-            TCPTransport empty(nullptr);
+            std::unique_ptr<TCPTransport> empty = TCPTransportTest::adopt(nullptr);
             const std::uint8_t byte = 0;
-            empty.sendData(&byte, 1);
+            empty->sendData(&byte, 1);
         },
         "source/tcptransport\\.cpp:99: virtual bool TCPTransport::sendData\\(const uint8\\*, uint\\): "
         "Assertion `m_pSocket' failed\\.");
@@ -417,9 +418,9 @@ TEST_F(TcpTransportDeathTest, SendWithoutSocket) {
 TEST_F(TcpTransportDeathTest, ReceiveWithoutSocket) {
     EXPECT_DEATH(
         {
-            TCPTransport empty(nullptr);
+            std::unique_ptr<TCPTransport> empty = TCPTransportTest::adopt(nullptr);
             std::uint8_t buffer[4];
-            empty.receiveData(buffer, sizeof(buffer));
+            empty->receiveData(buffer, sizeof(buffer));
         },
         "source/tcptransport\\.cpp:118: virtual int TCPTransport::receiveData\\(uint8\\*, uint\\): "
         "Assertion `m_pSocket' failed\\.");
