@@ -3,8 +3,8 @@
 #ifndef TARN_TESTS_EUDP_TARNPEERS_H
 #define TARN_TESTS_EUDP_TARNPEERS_H
 
-#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -12,10 +12,14 @@
 #include <tarnconnection.h>
 #include <tarnlistener.h>
 
+#include "childprocess.h"
+#include "sequence.h"
+
 namespace eudptest {
 
-// Records everything a connection reports, with the time of the first eDisconnected.
-class Recorder {
+// Records every callback but the statuses as one line of text ("T name value", "U name"), and
+// counts the statuses as the toolkit's StatusCounter does.
+class Recorder : public testsupport::StatusCounter {
 public:
     void record(const std::string& entry) {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -29,25 +33,12 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_entries.size();
     }
-    void status(EConnStatus status, std::int64_t nowMs) {
-        if (status == eDisconnected) {
-            std::int64_t none = -1;
-            m_disconnectedAt.compare_exchange_strong(none, nowMs);
-            ++m_disconnects;
-        } else {
-            ++m_connects;
-        }
-    }
-    std::int64_t disconnectedAt() const { return m_disconnectedAt.load(); }
-    int disconnects() const { return m_disconnects.load(); }
-    int connects() const { return m_connects.load(); }
+    // When the first eDisconnected came (nowMs), -1 before.
+    std::int64_t disconnectedAt() const { return disconnectedAtMs(); }
 
 private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_entries;
-    std::atomic<std::int64_t> m_disconnectedAt{-1};
-    std::atomic<int> m_disconnects{0};
-    std::atomic<int> m_connects{0};
 };
 
 std::string text(const ParameterList& params);
@@ -61,7 +52,7 @@ public:
     void onUpdateState(const std::string& name, const ParameterValue& value) override {
         record("S " + name + " " + value.getAsString());
     }
-    void onStatusChanged(EConnStatus status) override;
+    void onStatusChanged(EConnStatus status) override { report(status); }
 };
 
 class RecordingServer : public ITARNServer, public Recorder {
@@ -72,7 +63,7 @@ public:
     void onCallFunctionId(const std::string& name, const ParameterList& params) override {
         record("F " + name + " " + text(params));
     }
-    void onStatusChanged(EConnStatus status) override;
+    void onStatusChanged(EConnStatus status) override { report(status); }
 };
 
 // Keeps every accepted connection with a RecordingServer of its own; owned by the listener.
@@ -96,22 +87,18 @@ private:
 };
 
 // A peer process (tests/eudp/eudp_peer): "server" listens and prints "port <n>"; "client <port>"
-// connects and prints "connected <local port>". Killed with SIGKILL, it sends nothing more.
+// connects and prints "connected <local port>". Killed with SIGKILL, it sends nothing more. The
+// toolkit's ChildProcess, started later than constructed.
 class PeerProcess {
 public:
-    PeerProcess() = default;
-    ~PeerProcess();
-    PeerProcess(const PeerProcess&) = delete;
-    PeerProcess& operator=(const PeerProcess&) = delete;
     bool start(const std::vector<std::string>& arguments);
-    // The first line the peer printed, within timeoutMs ("" on time-out).
+    // The next line the peer printed, within timeoutMs ("" on time-out).
     std::string readLine(int timeoutMs);
-    void kill();
+    // Kills the peer with SIGKILL and reaps it.
+    void kill() { m_child.reset(); }
 
 private:
-    int m_pid = -1;
-    int m_out = -1;
-    std::string m_pending;
+    std::unique_ptr<testsupport::ChildProcess> m_child;
 };
 
 }  // namespace eudptest

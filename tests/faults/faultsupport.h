@@ -1,7 +1,7 @@
-// Shared pieces of the fault suites: applications that number what they send and record what they
-// receive, a server with a listener that keeps every accepted connection, connecting and negotiating
-// with retries as an application on a lossy network must, checks of received sequences, and process
-// figures (resident memory, threads) read from /proc.
+// Shared pieces of the fault suites: the toolkit's applications that number what they send and
+// record what they receive (sequence.h), a server with a listener that keeps every accepted connection,
+// connecting and negotiating with retries as an application on a lossy network must, checks of received
+// sequences, and process figures (resident memory, threads) read from /proc.
 //
 // Ownership: TestServer owns its listener and, through Accepted, every accepted connection and its
 // SeqServer; a connection is deleted by a TARNConnectionSet, only after it reported eDisconnected.
@@ -21,72 +21,16 @@
 #include <tarnconnection.h>
 #include <tarnlistener.h>
 
+#include "sequence.h"
+
 namespace faults {
 
-// The integers of one numbered stream, in arrival order.
-class Sequence {
-public:
-    void add(int value);
-    std::vector<int> values() const;
-    std::size_t size() const;
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<int> m_values;
-};
-
-// Counts of status reports, with the time of the first eDisconnected.
-class StatusCounter {
-public:
-    void report(EConnStatus status);
-    int connects() const { return m_connects.load(); }
-    int disconnects() const { return m_disconnects.load(); }
-    std::int64_t disconnectedAtMs() const { return m_disconnectedAt.load(); }
-    // Starts counting afresh; only once the connection that reported here is deleted.
-    void resetStatus() {
-        m_connects = 0;
-        m_disconnects = 0;
-        m_disconnectedAt = -1;
-    }
-
-private:
-    std::atomic<int> m_connects{0};
-    std::atomic<int> m_disconnects{0};
-    std::atomic<std::int64_t> m_disconnectedAt{-1};
-};
-
-// Records triggers named "seq" (integer values); other triggers and updates are counted.
-class SeqClient : public ITARNClient, public StatusCounter {
-public:
-    void onTrigger(const std::string& name, const ParameterValue& value) override;
-    void onUpdateState(const std::string& name, const ParameterValue& value) override;
-    void onStatusChanged(EConnStatus status) override { report(status); }
-    Sequence triggers;
-    std::atomic<int> others{0};
-};
-
-// Records calls of "seq" (their first parameter, an integer) and counts subscriptions. A
-// subscription to "stream" starts a thread that sends triggers "seq" 0, 1, 2, ... until the
-// connection fails to send or the server is destroyed.
-class SeqServer : public ITARNServer, public StatusCounter {
-public:
-    explicit SeqServer(TARNConnection* connection) : m_pConnection(connection) {}
-    ~SeqServer() override;
-    void onSubscribe(const std::string& name) override;
-    void onUnsubscribe(const std::string& name) override;
-    void onCallFunctionId(const std::string& name, const ParameterList& params) override;
-    void onStatusChanged(EConnStatus status) override { report(status); }
-    void stopStreaming();
-    Sequence calls;
-    std::atomic<int> subscribes{0};
-    std::atomic<int> others{0};
-
-private:
-    TARNConnection* m_pConnection;
-    std::atomic<bool> m_bStreaming{false};
-    std::atomic<bool> m_bStop{false};
-    std::unique_ptr<std::thread> m_pStream;
-};
+// The sequence recorders of the test toolkit (sequence.h).
+using testsupport::SeqClient;
+using testsupport::seqParams;
+using testsupport::SeqServer;
+using testsupport::Sequence;
+using testsupport::StatusCounter;
 
 // The connections a listener handed out, each with its SeqServer, in the order they came; a
 // TARNConnectionSet owns the connections, the servers stay until closeAll.
@@ -156,8 +100,6 @@ void closeClient(std::unique_ptr<TARNConnection>& connection, const StatusCounte
 std::string checkComplete(const std::vector<int>& values, int count);
 // "" when `values` is strictly increasing; otherwise the first place where it is not.
 std::string checkIncreasing(const std::vector<int>& values);
-
-ParameterList seqParams(int i);
 
 // Resident memory of this process in KiB, and its number of threads, from /proc/self/status.
 long residentKb();
