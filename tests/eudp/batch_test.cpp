@@ -11,49 +11,9 @@
 
 #include <gtest/gtest.h>
 
-#include "eudptestaccess.h"
-
-using eudptest::ServerWithRawPeer;
-using testsupport::Bytes;
-using testsupport::bytesOf;
-using testsupport::eudpDatagram;
-using testsupport::hex;
-using testsupport::waitUntil;
+#include "eudpsuite.h"
 
 namespace {
-
-std::uint32_t modeWord(char b0, char b1, char b2, char b3) {
-    return static_cast<std::uint8_t>(b0) | (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b1)) << 8) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b2)) << 16) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b3)) << 24);
-}
-
-void makeReceiveReliable(ServerWithRawPeer& peer) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('D', 'D', 'R', 'D'))));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("MAK", modeWord('D', 'T', 'R', 'R'))), hex(answer));
-}
-
-void makeSendReliable(ServerWithRawPeer& peer) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('R', 'D', 'D', 'D'))));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("MAK", modeWord('R', 'R', 'D', 'T'))), hex(answer));
-}
-
-void setWindow(ServerWithRawPeer& peer, std::uint32_t size) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", size)));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("WAK", size)), hex(answer));
-}
-
-void expectNext(ServerWithRawPeer& peer, const Bytes& expected) {
-    Bytes datagram;
-    ASSERT_TRUE(peer.next(datagram)) << "expected " << hex(expected);
-    EXPECT_EQ(hex(expected), hex(datagram));
-}
 
 std::string message(int i) {
     return "message " + std::to_string(i);

@@ -5,23 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "eudptestaccess.h"
-
-using Corvane::Utilities::Logging::eError;
-using Corvane::Utilities::Logging::eWarning;
-using eudptest::ClientWithRawPeer;
-using eudptest::commandOf;
-using eudptest::line;
-using eudptest::payloadOf;
-using eudptest::ServerWithRawPeer;
-using testsupport::Bytes;
-using testsupport::bytesOf;
-using testsupport::eudpDatagram;
-using testsupport::hex;
-using testsupport::LogCapture;
-using testsupport::nowMs;
-using testsupport::RawUdp;
-using testsupport::waitUntil;
+#include "eudpsuite.h"
 
 namespace {
 

@@ -5,27 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "eudptestaccess.h"
-
-using Corvane::Utilities::Logging::eError;
-using Corvane::Utilities::Logging::eWarning;
-using eudptest::line;
-using eudptest::ServerWithRawPeer;
-using eudptest::TransportPair;
-using testsupport::Bytes;
-using testsupport::eudpDatagram;
-using testsupport::hex;
-using testsupport::le32;
-using testsupport::LogCapture;
-using testsupport::nowMs;
+#include "eudpsuite.h"
 
 namespace {
-
-std::uint32_t modeWord(char b0, char b1, char b2, char b3) {
-    return static_cast<std::uint8_t>(b0) | (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b1)) << 8) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b2)) << 16) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b3)) << 24);
-}
 
 // Runs `request` on a thread while the raw peer reads the request datagram and, if `answer` is
 // not empty, answers it. Returns the request's result; `seen` gets the request datagram.

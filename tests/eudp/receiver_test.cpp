@@ -8,28 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include "eudptestaccess.h"
-
-using Corvane::Utilities::Logging::eDebug;
-using Corvane::Utilities::Logging::eError;
-using Corvane::Utilities::Logging::eWarning;
-using eudptest::commandOf;
-using eudptest::line;
-using eudptest::ServerWithRawPeer;
-using testsupport::Bytes;
-using testsupport::bytesOf;
-using testsupport::eudpDatagram;
-using testsupport::hex;
-using testsupport::LogCapture;
-using testsupport::waitUntil;
+#include "eudpsuite.h"
 
 namespace {
-
-std::uint32_t modeWord(char b0, char b1, char b2, char b3) {
-    return static_cast<std::uint8_t>(b0) | (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b1)) << 8) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b2)) << 16) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b3)) << 24);
-}
 
 std::string receiveText(EUDPTransport& t) {
     std::uint8_t buffer[1500];
@@ -40,26 +21,56 @@ std::string receiveText(EUDPTransport& t) {
     return std::string(buffer, buffer + n);
 }
 
+// One receiveData on a thread of its own, started at once; -2 until it returned. A read still
+// waiting when the test leaves (it failed) is given a receive count so that it ends.
+class WaitingRead {
+public:
+    explicit WaitingRead(EUDPTransport& t)
+        : m_transport(t), m_thread([this] {
+              std::uint8_t buffer[64];
+              m_result = m_transport.receiveData(buffer, sizeof buffer);
+          }) {}
+    ~WaitingRead() {
+        if (!returnsWithin(0)) {
+            EUDPTransportTest::receiveSem(m_transport).give();
+        }
+        m_thread.join();
+    }
+    WaitingRead(const WaitingRead&) = delete;
+    WaitingRead& operator=(const WaitingRead&) = delete;
+    bool returnsWithin(int ms) const {
+        return waitUntil([&] { return m_result.load() != -2; }, ms);
+    }
+    int result() const { return m_result.load(); }
+
+private:
+    EUDPTransport& m_transport;
+    std::atomic<int> m_result{-2};
+    std::thread m_thread;
+};
+
+// On a link that has ended, a read goes on waiting for at least `waitMs` until the receive count is
+// given once more, and then returns 0.
+void expectNextReadWaitsForACount(EUDPTransport& t, int waitMs) {
+    WaitingRead second(t);
+    EXPECT_FALSE(second.returnsWithin(waitMs));
+    EUDPTransportTest::receiveSem(t).give();
+    EXPECT_TRUE(second.returnsWithin(2000));
+    EXPECT_EQ(0, second.result());
+}
+
 // A WIN/WAK round trip: everything the raw peer sent before it has been handled when it returns.
 void sync(ServerWithRawPeer& peer, std::uint32_t marker = 10) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", marker)));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("WAK", marker)), hex(answer));
+    setWindow(peer, marker);
 }
 
-void makeReceiveReliable(ServerWithRawPeer& peer) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('D', 'D', 'R', 'D'))));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("MAK", modeWord('D', 'T', 'R', 'R'))), hex(answer));
-}
-
-void expectNext(ServerWithRawPeer& peer, const Bytes& expected) {
-    Bytes datagram;
-    ASSERT_TRUE(peer.next(datagram)) << "expected " << hex(expected);
-    EXPECT_EQ(hex(expected), hex(datagram));
-}
+// A server end connected to a raw peer for each test (receiving in realtime, expecting data number
+// 1 next, keep-alives off).
+class EUDPReceiverConnected : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(peer.open()); }
+    ServerWithRawPeer peer;
+};
 
 TEST(EUDPReceiver, SequenceWrapsAndLateCopyIsDuplicate) {
     LogCapture log;
@@ -159,10 +170,8 @@ TEST(EUDPReceiver, HighWordsGiveNegativeNumbers) {
     EXPECT_EQ(-32767, EUDPTransportTest::receiveSeq(*peer.server).getValue());
 }
 
-TEST(EUDPReceiver, NakRefusedWhenNotAboveLastAck) {
+TEST_F(EUDPReceiverConnected, NakRefusedWhenNotAboveLastAck) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     const std::string warning =
         line(peer.raw.port(), "Received a NAK for a packet that had already been ACKed (ignoring)");
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("NAK", 3)));  // before any ACK: -1 is the largest
@@ -181,9 +190,7 @@ TEST(EUDPReceiver, NakRefusedWhenNotAboveLastAck) {
     EXPECT_EQ(3, log.count(eWarning, warning)) << log.dump();
 }
 
-TEST(EUDPReceiver, AcceptedNakRewindsSender) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, AcceptedNakRewindsSender) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 7)));
     sync(peer);
     EUDPTransportTest::ackSem(*peer.server).take(0);
@@ -195,9 +202,7 @@ TEST(EUDPReceiver, AcceptedNakRewindsSender) {
     EXPECT_EQ(0, EUDPTransportTest::ackSem(*peer.server).take(0));
 }
 
-TEST(EUDPReceiver, OldOrRepeatedAckChangesNothing) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, OldOrRepeatedAckChangesNothing) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 7)));
     sync(peer);
     EXPECT_EQ(7, EUDPTransportTest::lastAcked(*peer.server).getValue());
@@ -209,9 +214,7 @@ TEST(EUDPReceiver, OldOrRepeatedAckChangesNothing) {
     EXPECT_EQ(1, EUDPTransportTest::ackSem(*peer.server).take(0));
 }
 
-TEST(EUDPReceiver, WindowZeroIsTakenAndAcknowledged) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, WindowZeroIsTakenAndAcknowledged) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", 0)));
     expectNext(peer, eudpDatagram("WAK", 0));
     EXPECT_EQ(0u, peer.server->getWindowSize());
@@ -220,10 +223,8 @@ TEST(EUDPReceiver, WindowZeroIsTakenAndAcknowledged) {
     EXPECT_EQ(5000u, peer.server->getWindowSize());
 }
 
-TEST(EUDPReceiver, ModeRequestRefusedOnSecondByteKeepsFirstChange) {
+TEST_F(EUDPReceiverConnected, ModeRequestRefusedOnSecondByteKeepsFirstChange) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     EUDPTransportTest::sendMode(*peer.server) = eReliable;
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('T', 'D', 'X', 'D'))));
     ASSERT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "unknown mode request (ignoring)"), 2000))
@@ -233,19 +234,15 @@ TEST(EUDPReceiver, ModeRequestRefusedOnSecondByteKeepsFirstChange) {
     EXPECT_TRUE(peer.raw.quietFor(300));
 }
 
-TEST(EUDPReceiver, ModeRequestLeavingSendAnswersCurrentLetters) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, ModeRequestLeavingSendAnswersCurrentLetters) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('D', '?', 'R', '?'))));
     expectNext(peer, eudpDatagram("MAK", modeWord('D', 'T', 'R', 'R')));
     EXPECT_EQ(eReliable, peer.server->getReceiveMode());
     EXPECT_EQ(eRealtime, peer.server->getSendMode());
 }
 
-TEST(EUDPReceiver, ForbiddenModeGetsNoAnswer) {
+TEST_F(EUDPReceiverConnected, ForbiddenModeGetsNoAnswer) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     peer.server->allowSendMode(true, false);
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('R', 'D', 'D', 'D'))));
     ASSERT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "unknown mode request (ignoring)"), 2000));
@@ -256,9 +253,7 @@ TEST(EUDPReceiver, ForbiddenModeGetsNoAnswer) {
     expectNext(peer, eudpDatagram("MAK", modeWord('T', 'T', 'T', 'T')));
 }
 
-TEST(EUDPReceiver, AnswersAreHandedToRequesters) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, AnswersAreHandedToRequesters) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("MAK", 0x11223344u)));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("WAK", 77)));
     EXPECT_TRUE(waitUntil([&] { return EUDPTransportTest::windowAck(*peer.server).load() == 77u; }, 2000));
@@ -269,16 +264,13 @@ TEST(EUDPReceiver, AnswersAreHandedToRequesters) {
 TEST(EUDPReceiver, DisWakesBlockedReaderOnce) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));
-    std::atomic<int> first(-2);
-    std::thread reader([&] {
-        std::uint8_t buffer[64];
-        first = peer.server->receiveData(buffer, sizeof buffer);
-    });
-    EXPECT_FALSE(waitUntil([&] { return first.load() != -2; }, 200));
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("DIS", 1)));
-    EXPECT_TRUE(waitUntil([&] { return first.load() != -2; }, 3000));
-    reader.join();
-    EXPECT_EQ(0, first.load());
+    {
+        WaitingRead first(*peer.server);
+        EXPECT_FALSE(first.returnsWithin(200));
+        ASSERT_TRUE(peer.sendToServer(eudpDatagram("DIS", 1)));
+        EXPECT_TRUE(first.returnsWithin(3000));
+        EXPECT_EQ(0, first.result());
+    }
     EXPECT_TRUE(peer.server->isClosed());
     EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());
     EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
@@ -290,21 +282,10 @@ TEST(EUDPReceiver, DisWakesBlockedReaderOnce) {
     EXPECT_TRUE(peer.raw.quietFor(700));  // nothing back, no keep-alive either
 
     // The thread's end gave one count only: a second read waits.
-    std::atomic<int> second(-2);
-    std::thread again([&] {
-        std::uint8_t buffer[64];
-        second = peer.server->receiveData(buffer, sizeof buffer);
-    });
-    EXPECT_FALSE(waitUntil([&] { return second.load() != -2; }, 500));
-    EUDPTransportTest::receiveSem(*peer.server).give();
-    EXPECT_TRUE(waitUntil([&] { return second.load() != -2; }, 2000));
-    again.join();
-    EXPECT_EQ(0, second.load());
+    expectNextReadWaitsForACount(*peer.server, 500);
 }
 
-TEST(EUDPReceiver, QueuedMessagesSurviveTheEnd) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, QueuedMessagesSurviveTheEnd) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1, bytesOf("one"))));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 2, bytesOf("two"))));
     ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::receiveQueued(*peer.server) == 2; }, 2000));
@@ -314,10 +295,8 @@ TEST(EUDPReceiver, QueuedMessagesSurviveTheEnd) {
     EXPECT_EQ("", receiveText(*peer.server));
 }
 
-TEST(EUDPReceiver, SmallBufferKeepsMessageUntilNextDelivery) {
+TEST_F(EUDPReceiverConnected, SmallBufferKeepsMessageUntilNextDelivery) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1, bytesOf("hello"))));
     std::uint8_t small[3];
     EXPECT_EQ(-1, peer.server->receiveData(small, sizeof small));
@@ -346,9 +325,7 @@ TEST(EUDPReceiver, SmallBufferKeepsMessageUntilNextDelivery) {
 // A count without a packet (only a failed push would leave one) reads the slot at the read index as
 // it stands and does not consume it: an empty message when that slot was never written, otherwise
 // the message that was written there a lap of the ring before.
-TEST(EUDPReceiver, CountWithoutPacketReadsTheSlotAsItStands) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, CountWithoutPacketReadsTheSlotAsItStands) {
     EUDPTransportTest::receiveSem(*peer.server).give();
     EXPECT_EQ("", receiveText(*peer.server));
     EXPECT_EQ(0u, EUDPTransportTest::receiveBuffer(*peer.server).readIndex());
@@ -365,9 +342,7 @@ TEST(EUDPReceiver, CountWithoutPacketReadsTheSlotAsItStands) {
     EXPECT_EQ(0u, EUDPTransportTest::receiveQueued(*peer.server));
 }
 
-TEST(EUDPReceiver, EmptyDataIsAnsweredNotDelivered) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, EmptyDataIsAnsweredNotDelivered) {
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", 1)));
     expectNext(peer, eudpDatagram("NOP", 0));
     EXPECT_EQ(2, EUDPTransportTest::receiveSeq(*peer.server).getValue());
@@ -379,10 +354,8 @@ TEST(EUDPReceiver, EmptyDataIsAnsweredNotDelivered) {
     EXPECT_EQ(0u, EUDPTransportTest::receiveSem(*peer.server).getCount());
 }
 
-TEST(EUDPReceiver, FullReceiveRingDropsWithoutAnswer) {
+TEST_F(EUDPReceiverConnected, FullReceiveRingDropsWithoutAnswer) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     // Paced, so that the socket's own buffer never drops anything.
     for (std::uint32_t n = 1; n <= 999; ++n) {
         ASSERT_TRUE(peer.sendToServer(eudpDatagram("CMD", n, bytesOf("x" + std::to_string(n)))));
@@ -404,20 +377,16 @@ TEST(EUDPReceiver, FullReceiveRingDropsWithoutAnswer) {
     EXPECT_EQ("again", receiveText(*peer.server));
 }
 
-TEST(EUDPReceiver, ConOnConnectionIsUnexpected) {
+TEST_F(EUDPReceiverConnected, ConOnConnectionIsUnexpected) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("CON", 0)));
     EXPECT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "unknown/unexpected command (ignoring)"), 2000))
         << log.dump();
     EXPECT_TRUE(peer.raw.quietFor(200));
 }
 
-TEST(EUDPReceiver, InvalidDatagramIsDropped) {
+TEST_F(EUDPReceiverConnected, InvalidDatagramIsDropped) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("cmd", 1, bytesOf("x"))));
     ASSERT_TRUE(log.waitFor(eWarning, line(peer.raw.port(), "dropping invalid packet"), 2000)) << log.dump();
     EXPECT_EQ(1, log.count(eWarning, "TARN/EUDP: packet validation failed: unknown command"));
@@ -455,9 +424,7 @@ TEST(EUDPReceiver, ReceiveFailureClosesAndStopsTimers) {
 // read by the receiver thread; bursts make the receiver thread hand over in the middle of what is
 // waiting. Whoever reads, every datagram is handled once and in order: the peer sees one ACK per
 // datagram, in order, and the reader gets every message in order.
-TEST(EUDPReceiver, WaitingReaderAndReceiverThreadTakeTurnsInOrder) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPReceiverConnected, WaitingReaderAndReceiverThreadTakeTurnsInOrder) {
     makeReceiveReliable(peer);
     const int kCount = 600;
     std::vector<std::string> received;
@@ -504,16 +471,13 @@ TEST(EUDPReceiver, EmptyDatagramReadByAWaitingReaderEndsTheLinkWithOneCount) {
     LogCapture log;
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));
-    std::atomic<int> first(-2);
-    std::thread reader([&] {
-        std::uint8_t buffer[64];
-        first = peer.server->receiveData(buffer, sizeof buffer);
-    });
-    EXPECT_FALSE(waitUntil([&] { return first.load() != -2; }, 200));
-    ASSERT_TRUE(peer.sendToServer(Bytes()));
-    EXPECT_TRUE(waitUntil([&] { return first.load() != -2; }, 3000));
-    reader.join();
-    EXPECT_EQ(0, first.load());
+    {
+        WaitingRead first(*peer.server);
+        EXPECT_FALSE(first.returnsWithin(200));
+        ASSERT_TRUE(peer.sendToServer(Bytes()));
+        EXPECT_TRUE(first.returnsWithin(3000));
+        EXPECT_EQ(0, first.result());
+    }
     EXPECT_TRUE(peer.server->isClosed());
     EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 2000));
     EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 2000));
@@ -521,31 +485,19 @@ TEST(EUDPReceiver, EmptyDatagramReadByAWaitingReaderEndsTheLinkWithOneCount) {
     EXPECT_FALSE(EUDPTransportTest::aliveTimer(*peer.server).isRunning());
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 
-    std::atomic<int> second(-2);
-    std::thread again([&] {
-        std::uint8_t buffer[64];
-        second = peer.server->receiveData(buffer, sizeof buffer);
-    });
-    EXPECT_FALSE(waitUntil([&] { return second.load() != -2; }, 300));
-    EUDPTransportTest::receiveSem(*peer.server).give();
-    EXPECT_TRUE(waitUntil([&] { return second.load() != -2; }, 2000));
-    again.join();
-    EXPECT_EQ(0, second.load());
+    expectNextReadWaitsForACount(*peer.server, 300);
 }
 
 TEST(EUDPReceiver, SocketClosedUnderAWaitingReaderEndsTheLink) {
     ServerWithRawPeer peer;
     ASSERT_TRUE(peer.open(0, false));
-    std::atomic<int> first(-2);
-    std::thread reader([&] {
-        std::uint8_t buffer[64];
-        first = peer.server->receiveData(buffer, sizeof buffer);
-    });
-    EXPECT_FALSE(waitUntil([&] { return first.load() != -2; }, 200));
-    EUDPTransportTest::socket(*peer.server)->close();  // as if the socket failed
-    EXPECT_TRUE(waitUntil([&] { return first.load() != -2; }, 3000));
-    reader.join();
-    EXPECT_EQ(0, first.load());
+    {
+        WaitingRead first(*peer.server);
+        EXPECT_FALSE(first.returnsWithin(200));
+        EUDPTransportTest::socket(*peer.server)->close();  // as if the socket failed
+        EXPECT_TRUE(first.returnsWithin(3000));
+        EXPECT_EQ(0, first.result());
+    }
     EXPECT_TRUE(peer.server->isClosed());
     EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::receiverRunning(*peer.server); }, 2000));
     EXPECT_FALSE(EUDPTransportTest::sendAliveTimer(*peer.server).isRunning());

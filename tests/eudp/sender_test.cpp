@@ -12,30 +12,9 @@
 
 #include <gtest/gtest.h>
 
-#include "eudptestaccess.h"
-
-using Corvane::Utilities::Logging::eDebug;
-using Corvane::Utilities::Logging::eError;
-using eudptest::ClientWithRawPeer;
-using eudptest::commandOf;
-using eudptest::line;
-using eudptest::ServerWithRawPeer;
-using testsupport::Bytes;
-using testsupport::bytesOf;
-using testsupport::eudpDatagram;
-using testsupport::hex;
-using testsupport::le32;
-using testsupport::LogCapture;
-using testsupport::nowMs;
-using testsupport::waitUntil;
+#include "eudpsuite.h"
 
 namespace {
-
-std::uint32_t modeWord(char b0, char b1, char b2, char b3) {
-    return static_cast<std::uint8_t>(b0) | (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b1)) << 8) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b2)) << 16) |
-           (static_cast<std::uint32_t>(static_cast<std::uint8_t>(b3)) << 24);
-}
 
 // When the kernel took in the datagram the raw peer read last, in ms. Gaps between these are free
 // of the reading thread's own scheduling delays, which a loaded machine makes long.
@@ -45,24 +24,27 @@ std::int64_t arrivalMs(ServerWithRawPeer& peer) {
     return static_cast<std::int64_t>(stamp.tv_sec) * 1000 + stamp.tv_usec / 1000;
 }
 
-bool send(EUDPTransport& t, const std::string& text) {
-    return t.sendData(reinterpret_cast<const uint8*>(text.data()), static_cast<uint>(text.size()));
-}
-
 void makeReliable(ServerWithRawPeer& peer) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('R', 'D', 'D', 'D'))));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("MAK", modeWord('R', 'R', 'D', 'T'))), hex(answer));
+    ASSERT_NO_FATAL_FAILURE(makeSendReliable(peer));
     ASSERT_EQ(eReliable, peer.server->getSendMode());
 }
 
-void setWindow(ServerWithRawPeer& peer, std::uint32_t size) {
-    ASSERT_TRUE(peer.sendToServer(eudpDatagram("WIN", size)));
-    Bytes answer;
-    ASSERT_TRUE(peer.next(answer));
-    ASSERT_EQ(hex(eudpDatagram("WAK", size)), hex(answer));
-}
+// A server end connected to a raw peer for each test, sending in realtime as the handshake leaves
+// it, with keep-alives off.
+class EUDPSenderRealtime : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(peer.open()); }
+    ServerWithRawPeer peer;
+};
+
+// The same server end, asked by the peer to send reliably.
+class EUDPSenderReliable : public EUDPSenderRealtime {
+protected:
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(EUDPSenderRealtime::SetUp());
+        ASSERT_NO_FATAL_FAILURE(makeReliable(peer));
+    }
+};
 
 // Queues `count` messages while the window is 0, then opens the window to `window`: the reliable
 // sender waits for an acknowledgement (up to 500 ms) before it looks at newly queued data, so
@@ -98,9 +80,7 @@ std::vector<std::uint32_t> range(std::uint32_t from, std::uint32_t to) {
     return out;
 }
 
-TEST(EUDPSender, RealtimeSendsEachQueuedMessageOnce) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, RealtimeSendsEachQueuedMessageOnce) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_TRUE(send(*peer.server, "m" + std::to_string(i)));
     }
@@ -117,9 +97,7 @@ TEST(EUDPSender, RealtimeSendsEachQueuedMessageOnce) {
 
 // A realtime message normally leaves from the calling thread; one queued behind a message that is
 // still waiting in the ring (here for the zero window's 500 ms) must not overtake it.
-TEST(EUDPSender, RealtimeMessagesNeverOvertakeQueuedOnes) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, RealtimeMessagesNeverOvertakeQueuedOnes) {
     setWindow(peer, 0);
     ASSERT_TRUE(send(*peer.server, "a"));  // the sender waits up to 500 ms before its pass
     setWindow(peer, 10);
@@ -169,9 +147,7 @@ std::vector<std::thread> startNumberedSenders(EUDPTransport& sender, int threads
 }
 
 // Several threads sending at once: the wire carries the numbers in the order they were taken.
-TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
     constexpr int kThreads = 4;
     constexpr int kEach = 50;
     std::vector<std::thread> senders = startNumberedSenders(*peer.server, kThreads, kEach);
@@ -192,10 +168,7 @@ TEST(EUDPSender, ConcurrentRealtimeSendersKeepNumbersInWireOrder) {
 // Reliable messages from several threads while the peer acknowledges each one as it comes: the
 // datagrams that leave from sendData itself and those the sender thread sends keep the order of
 // their numbers on the wire. Only a resend may carry a number already seen.
-TEST(EUDPSender, ConcurrentReliableSendersKeepNumbersInWireOrder) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, ConcurrentReliableSendersKeepNumbersInWireOrder) {
     constexpr int kThreads = 4;
     constexpr int kEach = 40;
     std::vector<std::thread> senders = startNumberedSenders(*peer.server, kThreads, kEach);
@@ -226,10 +199,7 @@ TEST(EUDPSender, ConcurrentReliableSendersKeepNumbersInWireOrder) {
 // An acknowledgement is taken in without the lock that a data datagram on its way holds, so a
 // send that is slow to come back (its wake-up of the peer may put the sending thread aside) does
 // not hold it up.
-TEST(EUDPSender, AcknowledgementIsHandledWhileADatagramIsOnItsWay) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, AcknowledgementIsHandledWhileADatagramIsOnItsWay) {
     ASSERT_TRUE(send(*peer.server, "a"));
     Bytes datagram;
     ASSERT_TRUE(peer.next(datagram));
@@ -287,10 +257,7 @@ TEST(EUDPSender, MessageQueuedBeforeConnectLeavesOnceConnected) {
 
 // A reliable message on its own leaves at once (from the sending thread), stays queued until it is
 // acknowledged, and is sent again 500 ms after it went out when no acknowledgement comes.
-TEST(EUDPSender, ReliableMessageOnItsOwnIsResentAfter500ms) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, ReliableMessageOnItsOwnIsResentAfter500ms) {
     ASSERT_TRUE(send(*peer.server, "x"));
     Bytes datagram;
     ASSERT_TRUE(peer.next(datagram));
@@ -316,10 +283,7 @@ TEST(EUDPSender, ReliableMessageOnItsOwnIsResentAfter500ms) {
 // A message acknowledged as soon as it arrives is never sent again, and the next one, sent later,
 // gets its own full 500 ms before it is resent: the wait that began with the first message does
 // not cut the second one's short.
-TEST(EUDPSender, AcknowledgedMessageIsNotResentAndTheNextGetsItsOwn500ms) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, AcknowledgedMessageIsNotResentAndTheNextGetsItsOwn500ms) {
     ASSERT_TRUE(send(*peer.server, "a"));
     Bytes datagram;
     ASSERT_TRUE(peer.next(datagram));
@@ -344,10 +308,7 @@ TEST(EUDPSender, AcknowledgedMessageIsNotResentAndTheNextGetsItsOwn500ms) {
 
 // An acknowledgement that leaves a datagram out and unacknowledged starts the 500 ms again: the
 // resend comes 500 ms after the last acknowledgement, not 500 ms after the datagram was sent.
-TEST(EUDPSender, ResendComes500msAfterTheLastAcknowledgement) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, ResendComes500msAfterTheLastAcknowledgement) {
     queueHeld(peer, 2, 10);
     EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
     // Unacknowledged, the go-back sends both again.
@@ -364,10 +325,7 @@ TEST(EUDPSender, ResendComes500msAfterTheLastAcknowledgement) {
 
 // Round trips whose acknowledgement comes at once leave the sender thread asleep: it wakes to
 // begin counting a wait and at the end of one, not twice per message.
-TEST(EUDPSender, AcknowledgedRoundTripsDoNotWakeTheSenderPerMessage) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, AcknowledgedRoundTripsDoNotWakeTheSenderPerMessage) {
     const int messages = 40;
     const std::uint64_t before = EUDPTransportTest::senderWakeUps(*peer.server);
     const std::int64_t start = nowMs();
@@ -387,10 +345,7 @@ TEST(EUDPSender, AcknowledgedRoundTripsDoNotWakeTheSenderPerMessage) {
     EXPECT_TRUE(peer.raw.quietFor(700));
 }
 
-TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, ReliableWindowOfTenThenSameTenEvery500ms) {
     queueHeld(peer, 15, 10);
     // Each burst's last datagram; the next burst starts 500 ms after it.
     EXPECT_EQ(range(0, 9), nextNumbers(peer, 10));
@@ -415,10 +370,7 @@ TEST(EUDPSender, ReliableWindowOfTenThenSameTenEvery500ms) {
     EXPECT_TRUE(peer.raw.quietFor(1000));
 }
 
-TEST(EUDPSender, ResendingStopsWhenClosed) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, ResendingStopsWhenClosed) {
     queueHeld(peer, 3, 10);
     EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
     EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
@@ -447,10 +399,7 @@ TEST(EUDPSender, ResendingStopsWhenClosed) {
     EXPECT_TRUE(waitUntil([&] { return !EUDPTransportTest::senderRunning(*peer.server); }, 2000));
 }
 
-TEST(EUDPSender, AckIsCumulativeAndFreesSlots) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, AckIsCumulativeAndFreesSlots) {
     queueHeld(peer, 5, 10);
     EXPECT_EQ(range(0, 4), nextNumbers(peer, 5));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 2)));
@@ -468,10 +417,7 @@ TEST(EUDPSender, AckIsCumulativeAndFreesSlots) {
     EXPECT_EQ(range(3, 4), nextNumbers(peer, 2));
 }
 
-TEST(EUDPSender, WaitUntilSentWaitsForTheAcknowledgement) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, WaitUntilSentWaitsForTheAcknowledgement) {
     queueHeld(peer, 2, 10);
     EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
     EXPECT_FALSE(peer.server->waitUntilSent(300));  // sent, not acknowledged
@@ -480,9 +426,7 @@ TEST(EUDPSender, WaitUntilSentWaitsForTheAcknowledgement) {
     EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
 }
 
-TEST(EUDPSender, WaitUntilSentInRealtimeWaitsForTheDatagramsToLeave) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, WaitUntilSentInRealtimeWaitsForTheDatagramsToLeave) {
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(send(*peer.server, "r" + std::to_string(i)));
     }
@@ -491,20 +435,14 @@ TEST(EUDPSender, WaitUntilSentInRealtimeWaitsForTheDatagramsToLeave) {
     EXPECT_EQ(range(0, 2), nextNumbers(peer, 3));
 }
 
-TEST(EUDPSender, WaitUntilSentIsFalseOnceClosed) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, WaitUntilSentIsFalseOnceClosed) {
     ASSERT_TRUE(send(*peer.server, "a"));
     EXPECT_EQ(range(0, 0), nextNumbers(peer, 1));
     peer.server->disconnect();
     EXPECT_FALSE(peer.server->waitUntilSent(5000));
 }
 
-TEST(EUDPSender, AckCoveringUnsentPacketsRemovesThem) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, AckCoveringUnsentPacketsRemovesThem) {
     queueHeld(peer, 5, 2);
     EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 3)));
@@ -513,10 +451,7 @@ TEST(EUDPSender, AckCoveringUnsentPacketsRemovesThem) {
     EXPECT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
 }
 
-TEST(EUDPSender, NakResendsFromTheNumberOn) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, NakResendsFromTheNumberOn) {
     queueHeld(peer, 6, 10);
     EXPECT_EQ(range(0, 5), nextNumbers(peer, 6));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
@@ -531,10 +466,7 @@ TEST(EUDPSender, NakResendsFromTheNumberOn) {
 // A NAK about half the number range away from what is queued: the datagrams at the front count as
 // after it and those further on as before it, so the resend starts at the front, as a walk from
 // the front finds.
-TEST(EUDPSender, NakHalfTheRangeAwayResendsFromTheFront) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, NakHalfTheRangeAwayResendsFromTheFront) {
     queueHeld(peer, 20, 20);
     EXPECT_EQ(range(0, 19), nextNumbers(peer, 20));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("ACK", 0)));
@@ -544,9 +476,7 @@ TEST(EUDPSender, NakHalfTheRangeAwayResendsFromTheFront) {
     EXPECT_EQ(range(9, 19), nextNumbers(peer, 11));
 }
 
-TEST(EUDPSender, WrapAroundKeepsOrderAndWindow) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, WrapAroundKeepsOrderAndWindow) {
     EUDPTransportTest::sendSeq(*peer.server) = ModuloValue(65533);
     EUDPTransportTest::lastSent(*peer.server) = ModuloValue(65532);
     EUDPTransportTest::lastAcked(*peer.server) = ModuloValue(65532);
@@ -561,9 +491,7 @@ TEST(EUDPSender, WrapAroundKeepsOrderAndWindow) {
     EXPECT_EQ(2, EUDPTransportTest::lastAcked(*peer.server).getValue());
 }
 
-TEST(EUDPSender, After65535MessagesNumberingStartsAtZero) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, After65535MessagesNumberingStartsAtZero) {
     for (int i = 0; i < 65535; ++i) {
         ASSERT_TRUE(send(*peer.server, "z"));
     }
@@ -578,11 +506,8 @@ TEST(EUDPSender, After65535MessagesNumberingStartsAtZero) {
     EXPECT_EQ(hex(eudpDatagram("CMD", 0, bytesOf("zero"))), hex(datagram));
 }
 
-TEST(EUDPSender, FullRingBlocksUntilSlotFreedAndClosingDoesNotRelease) {
+TEST_F(EUDPSenderReliable, FullRingBlocksUntilSlotFreedAndClosingDoesNotRelease) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
     setWindow(peer, 0);  // nothing leaves, nothing is freed but by ACK
     for (int i = 0; i < 999; ++i) {
         ASSERT_TRUE(send(*peer.server, "f")) << i;
@@ -610,19 +535,14 @@ TEST(EUDPSender, FullRingBlocksUntilSlotFreedAndClosingDoesNotRelease) {
         << log.dump();
 }
 
-TEST(EUDPSender, ReliableWithWindowZeroNeverSendsData) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, ReliableWithWindowZeroNeverSendsData) {
     setWindow(peer, 0);
     ASSERT_TRUE(send(*peer.server, "never"));
     EXPECT_TRUE(peer.raw.quietFor(1300));
     EXPECT_EQ(1u, EUDPTransportTest::sendQueued(*peer.server));
 }
 
-TEST(EUDPSender, RealtimeWithWindowZeroWaitsBeforeEachPass) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, RealtimeWithWindowZeroWaitsBeforeEachPass) {
     setWindow(peer, 0);
     std::int64_t start = nowMs();
     ASSERT_TRUE(send(*peer.server, "late"));
@@ -634,10 +554,7 @@ TEST(EUDPSender, RealtimeWithWindowZeroWaitsBeforeEachPass) {
     EXPECT_LE(elapsed, 2000);
 }
 
-TEST(EUDPSender, WindowLoweredBelowUnackedWaitsForRewind) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, WindowLoweredBelowUnackedWaitsForRewind) {
     queueHeld(peer, 10, 10);
     EXPECT_EQ(range(0, 9), nextNumbers(peer, 10));
     // Lowered at once (a WIN would do the same).
@@ -666,10 +583,7 @@ TEST(EUDPSender, WindowLoweredBelowUnackedWaitsForRewind) {
     EXPECT_EQ(range(0, 2), bursts[2]);
 }
 
-TEST(EUDPSender, SwitchToRealtimeSendsWholeRingOnce) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
-    makeReliable(peer);
+TEST_F(EUDPSenderReliable, SwitchToRealtimeSendsWholeRingOnce) {
     queueHeld(peer, 5, 2);
     EXPECT_EQ(range(0, 1), nextNumbers(peer, 2));
     ASSERT_TRUE(peer.sendToServer(eudpDatagram("MOD", modeWord('T', 'D', 'D', 'D'))));
@@ -685,10 +599,8 @@ TEST(EUDPSender, SwitchToRealtimeSendsWholeRingOnce) {
     EXPECT_EQ(0u, EUDPTransportTest::sendQueued(*peer.server));
 }
 
-TEST(EUDPSender, OversizedMessageGoesOutEmptyWithItsOwnNumber) {
+TEST_F(EUDPSenderRealtime, OversizedMessageGoesOutEmptyWithItsOwnNumber) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     std::vector<uint8> big(1493, 0x42);
     EXPECT_TRUE(peer.server->sendData(big.data(), static_cast<uint>(big.size())));
     ASSERT_TRUE(send(*peer.server, "next"));
@@ -701,9 +613,7 @@ TEST(EUDPSender, OversizedMessageGoesOutEmptyWithItsOwnNumber) {
         << log.dump();
 }
 
-TEST(EUDPSender, MaximumMessageTravelsWhole) {
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
+TEST_F(EUDPSenderRealtime, MaximumMessageTravelsWhole) {
     std::vector<uint8> big(1492);
     for (std::size_t i = 0; i < big.size(); ++i) {
         big[i] = static_cast<uint8>(i);
@@ -721,10 +631,8 @@ TEST(EUDPSender, ControlDatagramWithoutPeerPortIsRefused) {
     EXPECT_EQ(1, log.count(eError, line(0, "no remote port (internal error)"))) << log.dump();
 }
 
-TEST(EUDPSender, SendOnClosedTransportFailsWithDebugLine) {
+TEST_F(EUDPSenderRealtime, SendOnClosedTransportFailsWithDebugLine) {
     LogCapture log;
-    ServerWithRawPeer peer;
-    ASSERT_TRUE(peer.open());
     peer.server->disconnect();
     EXPECT_FALSE(send(*peer.server, "closed"));
     EXPECT_EQ(1, log.count(eDebug, line(peer.raw.port(), "trying to send, but connection closed")))

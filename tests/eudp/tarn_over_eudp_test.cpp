@@ -29,14 +29,22 @@ struct Server {
     ~Server() { listener.shutdown(-1); }
 };
 
-TEST(TARNOverEUDP, AllFiveCommands) {
+// A server and one client connected to it over EUDP, for each test; `accepted` is the server's end.
+class TARNOverEUDPPair : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.open());
+        ASSERT_TRUE(connection.connect("127.0.0.1", server.listener.getLocalPort(), &client));
+        ASSERT_TRUE(waitUntil([&] { return server.shared.count() == 1; }, 5000));
+        accepted = server.shared.connection(0);
+    }
     Server server;
-    ASSERT_TRUE(server.open());
     RecordingClient client;
-    TARNConnection connection(eTransportEUDP);
-    ASSERT_TRUE(connection.connect("127.0.0.1", server.listener.getLocalPort(), &client));
-    ASSERT_TRUE(waitUntil([&] { return server.shared.count() == 1; }, 5000));
-    TARNConnection* accepted = server.shared.connection(0);
+    TARNConnection connection{eTransportEUDP};
+    TARNConnection* accepted = nullptr;
+};
+
+TEST_F(TARNOverEUDPPair, AllFiveCommands) {
     eudptest::RecordingServer* recorder = server.shared.server(0);
     EXPECT_NE(server.listener.getLocalPort(), accepted->getLocalPort());
     EXPECT_EQ(connection.getLocalPort(), accepted->getPeerPort());
@@ -108,15 +116,8 @@ TEST(TARNOverEUDP, TwentyClientsOnOneListener) {
     }
 }
 
-TEST(TARNOverEUDP, TenThousandReliableMessagesInOrder) {
+TEST_F(TARNOverEUDPPair, TenThousandReliableMessagesInOrder) {
     const int kMessages = 10000;
-    Server server;
-    ASSERT_TRUE(server.open());
-    RecordingClient client;
-    TARNConnection connection(eTransportEUDP);
-    ASSERT_TRUE(connection.connect("127.0.0.1", server.listener.getLocalPort(), &client));
-    ASSERT_TRUE(waitUntil([&] { return server.shared.count() == 1; }, 5000));
-    TARNConnection* accepted = server.shared.connection(0);
 
     // The client asks the server to send reliably.
     ASSERT_TRUE(connection.setSendMode(eReliable));
