@@ -9,25 +9,12 @@
 #include "eudptestaccess.h"
 #include "tarnpeers.h"
 
-using eudptest::CollectingConnector;
+using eudptest::CollectingServer;
 using eudptest::RecordingClient;
 using testsupport::nowMs;
 using testsupport::waitUntil;
 
 namespace {
-
-struct Server {
-    CollectingConnector::Shared shared;  // outlives the listener
-    TARNListener listener{eTransportEUDP};
-
-    bool open() {
-        if (!listener.listen("127.0.0.1", 0, new CollectingConnector(&shared))) {
-            return false;
-        }
-        return waitUntil([&] { return listener.getLocalPort() != 0; }, 5000);
-    }
-    ~Server() { listener.shutdown(-1); }
-};
 
 // A server and one client connected to it over EUDP, for each test; `accepted` is the server's end.
 class TARNOverEUDPPair : public ::testing::Test {
@@ -38,7 +25,7 @@ protected:
         ASSERT_TRUE(waitUntil([&] { return server.shared.count() == 1; }, 5000));
         accepted = server.shared.connection(0);
     }
-    Server server;
+    CollectingServer server{eTransportEUDP};
     RecordingClient client;
     TARNConnection connection{eTransportEUDP};
     TARNConnection* accepted = nullptr;
@@ -58,16 +45,16 @@ TEST_F(TARNOverEUDPPair, AllFiveCommands) {
     ASSERT_TRUE(connection.callFunctionId("func", params));
     ASSERT_TRUE(waitUntil([&] { return recorder->size() == 3; }, 5000));
     std::vector<std::string> serverSaw = recorder->entries();
-    EXPECT_EQ("U item", serverSaw[0]);
-    EXPECT_EQ("X other", serverSaw[1]);
-    EXPECT_EQ("F func " + eudptest::text(params), serverSaw[2]);
+    EXPECT_EQ("server:subscribe item", serverSaw[0]);
+    EXPECT_EQ("server:unsubscribe other", serverSaw[1]);
+    EXPECT_EQ("server:call func " + testsupport::describe(params), serverSaw[2]);
 
     ASSERT_TRUE(accepted->trigger("bell", ParameterValue(5)));
     ASSERT_TRUE(accepted->updateState("lamp", ParameterValue(true)));
     ASSERT_TRUE(waitUntil([&] { return client.size() == 2; }, 5000));
     std::vector<std::string> clientSaw = client.entries();
-    EXPECT_EQ("T bell 5", clientSaw[0]);
-    EXPECT_EQ("S lamp ON", clientSaw[1]);
+    EXPECT_EQ("client:trigger bell I:5", clientSaw[0]);
+    EXPECT_EQ("client:state lamp B:ON", clientSaw[1]);
 
     // The client's DIS ends the server side at once.
     connection.disconnect();
@@ -77,7 +64,7 @@ TEST_F(TARNOverEUDPPair, AllFiveCommands) {
 
 TEST(TARNOverEUDP, TwentyClientsOnOneListener) {
     const int kClients = 20;
-    Server server;
+    CollectingServer server(eTransportEUDP);
     ASSERT_TRUE(server.open());
     std::vector<std::unique_ptr<RecordingClient>> clients;
     std::vector<std::unique_ptr<TARNConnection>> connections;
@@ -106,8 +93,9 @@ TEST(TARNOverEUDP, TwentyClientsOnOneListener) {
         uint16 clientPort = connections[i]->getLocalPort();
         for (int j = 0; j < kClients; ++j) {
             if (server.shared.connection(j)->getPeerPort() == clientPort) {
-                EXPECT_EQ("T back " + std::to_string(j), clients[i]->entries()[0]);
-                EXPECT_EQ("U client " + std::to_string(i), server.shared.server(j)->entries()[0]);
+                EXPECT_EQ("client:trigger back I:" + std::to_string(j), clients[i]->entries()[0]);
+                EXPECT_EQ("server:subscribe client " + std::to_string(i),
+                          server.shared.server(j)->entries()[0]);
             }
         }
     }
@@ -130,7 +118,7 @@ TEST_F(TARNOverEUDPPair, TenThousandReliableMessagesInOrder) {
     std::int64_t elapsed = nowMs() - start;
     std::vector<std::string> entries = client.entries();
     for (int i = 0; i < kMessages; ++i) {
-        ASSERT_EQ("T n " + std::to_string(i), entries[i]) << "at " << i;
+        ASSERT_EQ("client:trigger n I:" + std::to_string(i), entries[i]) << "at " << i;
     }
     EXPECT_TRUE(
         testsupport::waitUntil([&] { return client.size() == static_cast<std::size_t>(kMessages); }, 0));

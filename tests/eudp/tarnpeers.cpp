@@ -1,14 +1,8 @@
 #include "tarnpeers.h"
 
-#include <sstream>
+#include "testsupport.h"
 
 namespace eudptest {
-
-std::string text(const ParameterList& params) {
-    std::ostringstream out;
-    params.print(out);
-    return out.str();
-}
 
 CollectingConnector::Shared::~Shared() {
     owned.closeAll();
@@ -38,6 +32,13 @@ void CollectingConnector::onNewConnection(TARNConnection* connection) {
     std::lock_guard<std::mutex> lock(m_pShared->mutex);
     m_pShared->connections.push_back(connection);
     m_pShared->servers.push_back(server);
+}
+
+bool CollectingServer::open(const std::string& address) {
+    if (!listener.listen(address, 0, new CollectingConnector(&shared))) {
+        return false;
+    }
+    return testsupport::waitUntil([&] { return listener.getLocalPort() != 0; }, 5000);
 }
 
 bool PeerProcess::start(const std::vector<std::string>& arguments) {

@@ -13,57 +13,48 @@
 #include <tarnlistener.h>
 
 #include "childprocess.h"
+#include "recording.h"
 #include "sequence.h"
 
 namespace eudptest {
 
-// Records every callback but the statuses as one line of text ("T name value", "U name"), and
-// counts the statuses as the toolkit's StatusCounter does.
-class Recorder : public testsupport::StatusCounter {
+// The toolkit's recorders (recording.h) with a record of their own: entries() holds every callback
+// but the statuses, in the toolkit's words ("client:trigger bell I:5", "server:subscribe item");
+// the statuses are counted (StatusCounter).
+class RecordingClient : public ITARNClient, public testsupport::StatusCounter {
 public:
-    void record(const std::string& entry) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_entries.push_back(entry);
+    void onTrigger(const std::string& name, const ParameterValue& value) override {
+        m_recorder.onTrigger(name, value);
     }
-    std::vector<std::string> entries() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_entries;
+    void onUpdateState(const std::string& name, const ParameterValue& value) override {
+        m_recorder.onUpdateState(name, value);
     }
-    std::size_t size() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_entries.size();
-    }
+    void onStatusChanged(EConnStatus status) override { report(status); }
+    std::vector<std::string> entries() const { return m_events.list(); }
+    std::size_t size() const { return m_events.size(); }
     // When the first eDisconnected came (nowMs), -1 before.
     std::int64_t disconnectedAt() const { return disconnectedAtMs(); }
 
 private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_entries;
+    testsupport::Events m_events;
+    testsupport::RecordingClient m_recorder{m_events};
 };
 
-std::string text(const ParameterList& params);
-
-class RecordingClient : public ITARNClient, public Recorder {
+class RecordingServer : public ITARNServer, public testsupport::StatusCounter {
 public:
-    virtual ~RecordingClient() = default;
-    void onTrigger(const std::string& name, const ParameterValue& value) override {
-        record("T " + name + " " + value.getAsString());
-    }
-    void onUpdateState(const std::string& name, const ParameterValue& value) override {
-        record("S " + name + " " + value.getAsString());
-    }
-    void onStatusChanged(EConnStatus status) override { report(status); }
-};
-
-class RecordingServer : public ITARNServer, public Recorder {
-public:
-    virtual ~RecordingServer() = default;
-    void onSubscribe(const std::string& name) override { record("U " + name); }
-    void onUnsubscribe(const std::string& name) override { record("X " + name); }
+    void onSubscribe(const std::string& name) override { m_recorder.onSubscribe(name); }
+    void onUnsubscribe(const std::string& name) override { m_recorder.onUnsubscribe(name); }
     void onCallFunctionId(const std::string& name, const ParameterList& params) override {
-        record("F " + name + " " + text(params));
+        m_recorder.onCallFunctionId(name, params);
     }
     void onStatusChanged(EConnStatus status) override { report(status); }
+    std::vector<std::string> entries() const { return m_events.list(); }
+    std::size_t size() const { return m_events.size(); }
+    std::int64_t disconnectedAt() const { return disconnectedAtMs(); }
+
+private:
+    testsupport::Events m_events;
+    testsupport::RecordingServer m_recorder{m_events};
 };
 
 // Keeps every accepted connection with a RecordingServer of its own; owned by the listener.
@@ -84,6 +75,17 @@ public:
 
 private:
     Shared* m_pShared;
+};
+
+// A listener whose connector is a CollectingConnector; shut down when the server is destroyed.
+struct CollectingServer {
+    CollectingConnector::Shared shared;  // outlives the listener
+    TARNListener listener;
+
+    explicit CollectingServer(ETransport transport) : listener(transport) {}
+    ~CollectingServer() { listener.shutdown(-1); }
+    // Listens on `address` (ephemeral port) and waits until the port is bound.
+    bool open(const std::string& address = "127.0.0.1");
 };
 
 // A peer process (tests/eudp/eudp_peer): "server" listens and prints "port <n>"; "client <port>"

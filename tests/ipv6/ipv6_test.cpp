@@ -21,7 +21,7 @@
 #include "tarnpeers.h"
 
 using Corvane::Utilities::Logging::eError;
-using eudptest::CollectingConnector;
+using eudptest::CollectingServer;
 using eudptest::RecordingClient;
 using eudptest::RecordingServer;
 using testsupport::Bytes;
@@ -33,20 +33,6 @@ using testsupport::nowMs;
 using testsupport::waitUntil;
 
 namespace {
-
-struct Server {
-    CollectingConnector::Shared shared;  // outlives the listener
-    TARNListener listener;
-
-    explicit Server(ETransport transport) : listener(transport) {}
-    bool open(const std::string& address) {
-        if (!listener.listen(address, 0, new CollectingConnector(&shared))) {
-            return false;
-        }
-        return waitUntil([&] { return listener.getLocalPort() != 0; }, 5000);
-    }
-    ~Server() { listener.shutdown(-1); }
-};
 
 // A connected client. The listener reports its port once bound, a moment before a TCP listener
 // listens, so a refused TCP connection is tried again (on a fresh connection) until the deadline.
@@ -82,7 +68,7 @@ class BetweenLoopbacks : public ::testing::TestWithParam<Route> {};
 // Every command in both directions, the addresses and ports each side reports, and the end.
 TEST_P(BetweenLoopbacks, AllCommandsAddressesAndPorts) {
     const Route route = GetParam();
-    Server server(route.transport);
+    CollectingServer server(route.transport);
     ASSERT_TRUE(server.open(route.listenOn));
     const uint16 listenPort = server.listener.getLocalPort();
     RecordingClient client;
@@ -112,16 +98,16 @@ TEST_P(BetweenLoopbacks, AllCommandsAddressesAndPorts) {
     ASSERT_TRUE(connection.callFunctionId("func", params));
     ASSERT_TRUE(waitUntil([&] { return recorder->size() == 3; }, 5000));
     const std::vector<std::string> serverSaw = recorder->entries();
-    EXPECT_EQ("U item", serverSaw[0]);
-    EXPECT_EQ("X other", serverSaw[1]);
-    EXPECT_EQ("F func " + eudptest::text(params), serverSaw[2]);
+    EXPECT_EQ("server:subscribe item", serverSaw[0]);
+    EXPECT_EQ("server:unsubscribe other", serverSaw[1]);
+    EXPECT_EQ("server:call func " + testsupport::describe(params), serverSaw[2]);
 
     ASSERT_TRUE(accepted->trigger("bell", ParameterValue(5)));
     ASSERT_TRUE(accepted->updateState("lamp", ParameterValue(true)));
     ASSERT_TRUE(waitUntil([&] { return client.size() == 2; }, 5000));
     const std::vector<std::string> clientSaw = client.entries();
-    EXPECT_EQ("T bell 5", clientSaw[0]);
-    EXPECT_EQ("S lamp ON", clientSaw[1]);
+    EXPECT_EQ("client:trigger bell I:5", clientSaw[0]);
+    EXPECT_EQ("client:state lamp B:ON", clientSaw[1]);
 
     connection.disconnect();
     EXPECT_TRUE(waitUntil([&] { return recorder->disconnects() == 1; }, 5000));
@@ -170,7 +156,7 @@ class OnEitherTransport : public ::testing::TestWithParam<ETransport> {};
 
 // One listener on the any-address serves an IPv4 and an IPv6 client at once, each on its own.
 TEST_P(OnEitherTransport, AnyAddressListenerServesBothFamiliesAtOnce) {
-    Server server(GetParam());
+    CollectingServer server(GetParam());
     ASSERT_TRUE(server.open(""));
     RecordingClient four;
     RecordingClient six;
@@ -190,12 +176,12 @@ TEST_P(OnEitherTransport, AnyAddressListenerServesBothFamiliesAtOnce) {
     ASSERT_TRUE(toSix->subscribe("six-item"));
     ASSERT_TRUE(toFour->subscribe("four-item"));
     ASSERT_TRUE(waitUntil([&] { return four.size() == 1 && six.size() == 1; }, 5000));
-    EXPECT_EQ("T to four", four.entries()[0]);
-    EXPECT_EQ("T to six", six.entries()[0]);
+    EXPECT_EQ("client:trigger to S:four", four.entries()[0]);
+    EXPECT_EQ("client:trigger to S:six", six.entries()[0]);
     ASSERT_TRUE(waitUntil(
         [&] { return server.shared.server(0)->size() == 1 && server.shared.server(1)->size() == 1; }, 5000));
-    EXPECT_EQ("U four-item", server.shared.server(0)->entries()[0]);
-    EXPECT_EQ("U six-item", server.shared.server(1)->entries()[0]);
+    EXPECT_EQ("server:subscribe four-item", server.shared.server(0)->entries()[0]);
+    EXPECT_EQ("server:subscribe six-item", server.shared.server(1)->entries()[0]);
     toFour->disconnect();
     toSix->disconnect();
 }
@@ -206,9 +192,9 @@ INSTANTIATE_TEST_SUITE_P(IPv6, OnEitherTransport, ::testing::Values(eTransportTC
                          });
 
 TEST(IPv6, TcpClientOfTheOtherFamilyIsRefused) {
-    Server four(eTransportTCP);
+    CollectingServer four(eTransportTCP);
     ASSERT_TRUE(four.open("127.0.0.1"));
-    Server six(eTransportTCP);
+    CollectingServer six(eTransportTCP);
     ASSERT_TRUE(six.open("::1"));
     // Each port number is held in the other family, so that no other test's listener on the other
     // loopback can happen to have the same number and take the connection meant to be refused.
@@ -235,7 +221,7 @@ TEST(IPv6, TcpClientOfTheOtherFamilyIsRefused) {
 
 // Nobody answers on ::1: the CON goes unanswered, and the time-out names the IPv6 address.
 TEST(IPv6, EudpClientOfTheOtherFamilyTimesOut) {
-    Server four(eTransportEUDP);
+    CollectingServer four(eTransportEUDP);
     ASSERT_TRUE(four.open("127.0.0.1"));
     LogCapture log;
     RecordingClient client;

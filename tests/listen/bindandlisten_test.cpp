@@ -114,7 +114,7 @@ TEST_P(BindAndListen, BoundListenerKnowsItsPortAndAcceptsAtOnce) {
         EXPECT_EQ(host, shared.connection(0)->getPeerAddress());
         ASSERT_TRUE(connection.subscribe("lamp"));
         ASSERT_TRUE(waitUntil([&] { return shared.server(0)->size() == 1; }, 5000));
-        EXPECT_EQ("U lamp", shared.server(0)->entries()[0]);
+        EXPECT_EQ("server:subscribe lamp", shared.server(0)->entries()[0]);
         EXPECT_EQ(port, listener.getLocalPort());
         connection.disconnect();
         EXPECT_TRUE(listener.shutdown(-1));
