@@ -21,7 +21,18 @@ namespace eudptest {
 // The toolkit's recorders (recording.h) with a record of their own: entries() holds every callback
 // but the statuses, in the toolkit's words ("client:trigger bell I:5", "server:subscribe item");
 // the statuses are counted (StatusCounter).
-class RecordingClient : public ITARNClient, public testsupport::StatusCounter {
+class OwnRecord : public testsupport::StatusCounter {
+public:
+    std::vector<std::string> entries() const { return m_events.list(); }
+    std::size_t size() const { return m_events.size(); }
+    // When the first eDisconnected came (nowMs), -1 before.
+    std::int64_t disconnectedAt() const { return disconnectedAtMs(); }
+
+protected:
+    testsupport::Events m_events;
+};
+
+class RecordingClient : public ITARNClient, public OwnRecord {
 public:
     void onTrigger(const std::string& name, const ParameterValue& value) override {
         m_recorder.onTrigger(name, value);
@@ -30,17 +41,12 @@ public:
         m_recorder.onUpdateState(name, value);
     }
     void onStatusChanged(EConnStatus status) override { report(status); }
-    std::vector<std::string> entries() const { return m_events.list(); }
-    std::size_t size() const { return m_events.size(); }
-    // When the first eDisconnected came (nowMs), -1 before.
-    std::int64_t disconnectedAt() const { return disconnectedAtMs(); }
 
 private:
-    testsupport::Events m_events;
     testsupport::RecordingClient m_recorder{m_events};
 };
 
-class RecordingServer : public ITARNServer, public testsupport::StatusCounter {
+class RecordingServer : public ITARNServer, public OwnRecord {
 public:
     void onSubscribe(const std::string& name) override { m_recorder.onSubscribe(name); }
     void onUnsubscribe(const std::string& name) override { m_recorder.onUnsubscribe(name); }
@@ -48,12 +54,8 @@ public:
         m_recorder.onCallFunctionId(name, params);
     }
     void onStatusChanged(EConnStatus status) override { report(status); }
-    std::vector<std::string> entries() const { return m_events.list(); }
-    std::size_t size() const { return m_events.size(); }
-    std::int64_t disconnectedAt() const { return disconnectedAtMs(); }
 
 private:
-    testsupport::Events m_events;
     testsupport::RecordingServer m_recorder{m_events};
 };
 
