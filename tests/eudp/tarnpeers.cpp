@@ -1,5 +1,7 @@
 #include "tarnpeers.h"
 
+#include <gtest/gtest.h>
+
 #include "testsupport.h"
 
 namespace eudptest {
@@ -39,6 +41,28 @@ bool CollectingServer::open(const std::string& address) {
         return false;
     }
     return testsupport::waitUntil([&] { return listener.getLocalPort() != 0; }, 5000);
+}
+
+void expectFiveCommands(TARNConnection& connection, const RecordingClient& client, TARNConnection& accepted,
+                        const RecordingServer& recorder) {
+    ParameterList params;
+    params.addNumeric("count", 3);
+    params.addString("name", "x");
+    ASSERT_TRUE(connection.subscribe("item"));
+    ASSERT_TRUE(connection.unsubscribe("other"));
+    ASSERT_TRUE(connection.callFunctionId("func", params));
+    ASSERT_TRUE(testsupport::waitUntil([&] { return recorder.size() == 3; }, 5000));
+    const std::vector<std::string> serverSaw = recorder.entries();
+    EXPECT_EQ("server:subscribe item", serverSaw[0]);
+    EXPECT_EQ("server:unsubscribe other", serverSaw[1]);
+    EXPECT_EQ("server:call func " + testsupport::describe(params), serverSaw[2]);
+
+    ASSERT_TRUE(accepted.trigger("bell", ParameterValue(5)));
+    ASSERT_TRUE(accepted.updateState("lamp", ParameterValue(true)));
+    ASSERT_TRUE(testsupport::waitUntil([&] { return client.size() == 2; }, 5000));
+    const std::vector<std::string> clientSaw = client.entries();
+    EXPECT_EQ("client:trigger bell I:5", clientSaw[0]);
+    EXPECT_EQ("client:state lamp B:ON", clientSaw[1]);
 }
 
 bool PeerProcess::start(const std::vector<std::string>& arguments) {

@@ -90,6 +90,12 @@ struct CollectingServer {
     bool open(const std::string& address = "127.0.0.1");
 };
 
+// The five commands across a connected pair: `connection` subscribes "item", unsubscribes "other"
+// and calls "func", its peer `accepted` triggers "bell" and updates "lamp"; each side's recorder
+// gets exactly these, in this order.
+void expectFiveCommands(TARNConnection& connection, const RecordingClient& client, TARNConnection& accepted,
+                        const RecordingServer& recorder);
+
 // A peer process (tests/eudp/eudp_peer): "server" listens and prints "port <n>"; "client <port>"
 // connects and prints "connected <local port>". Killed with SIGKILL, it sends nothing more. The
 // toolkit's ChildProcess, started later than constructed.
