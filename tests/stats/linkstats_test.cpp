@@ -219,5 +219,6 @@ TEST(LinkStatistics, EudpCountersAddUpUnderTheRelaysLoss) {
     EXPECT_EQ(allSent - link.dropped() + link.duplicated(), allReceived)
         << "dropped " << link.dropped() << ", duplicated " << link.duplicated();
     EXPECT_EQ(sent.sentDatagrams[CMD] - sent.dataResent, static_cast<std::uint64_t>(kMessages));
-    EXPECT_LE(sent.naksReceived, got.naksSent);  // a NAK may be lost, never made up
+    // A NAK may be lost or repeated by the relay, never made up.
+    EXPECT_LE(sent.naksReceived, got.naksSent + link.duplicated());
 }
