@@ -38,6 +38,8 @@
 #include <tarnstatistics.h>
 
 class EUDPAdmission;
+class EUDPLink;
+class EUDPDriver;
 
 // A sequence number that wraps: 0 to 65534 with modulus 65535, signed arithmetic throughout, so a
 // negative operand stays negative ((0 - 1) % 65535 is -1). Relaxed atomics: the sender and receiver
@@ -212,6 +214,7 @@ public:
 
 private:
     friend class EUDPTransportTest;
+    friend class EUDPDriver;  // runs a transport without threads, sockets or real time (tests, fuzzing)
 
     // The sender thread: runs senderThread() on its transport.
     class TARN_NO_EXPORT EUDPSender : public sal::Thread {
@@ -285,6 +288,12 @@ private:
     };
     TARN_NO_EXPORT SenderStep senderStep(SenderStep step, bool dry, sal::UdpSocket* pSocket);
     TARN_NO_EXPORT SenderStep waitAs(SenderStep wait);
+    // waitAs's parts, with m_senderLock held: the wait begins (the step a pending give leads to, or
+    // `wait` itself while it waits), and where a waiting sender stands now (`bGiven`: it has just
+    // taken a plain give of m_sendWakeSem): the step it resumes at, or the wait it is in.
+    TARN_NO_EXPORT SenderStep beginWaitLocked(SenderStep wait);
+    TARN_NO_EXPORT SenderStep checkWaitLocked(bool bGiven);
+    static TARN_NO_EXPORT bool isSenderWait(SenderStep step);
     // With m_sendMutex held: new data (queueLocked), a new acknowledgement (handleAck). True when
     // the sender thread must be woken (m_sendWakeSem given) once both locks are released.
     TARN_NO_EXPORT bool giveDataLocked();
@@ -434,6 +443,10 @@ private:
     std::atomic<bool> m_bAdmitted;
     sal::HostAddress m_admittedAddress;
     std::atomic<std::int64_t> m_lastHardenedLog[EUDP_HARDENED_CAUSES];
+
+    // Datagrams out, the time and the two timers (eudplink.h): the system's unless driven. Set
+    // before any thread starts and fixed from then on.
+    EUDPLink* m_pLink;
 };
 
 #endif  // TARN_EUDPTRANSPORT_H

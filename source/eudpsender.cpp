@@ -8,6 +8,8 @@
 // eudpsenderwait.cpp.
 #include <eudptransport.h>
 
+#include "eudplink.h"
+
 using Corvane::Utilities::Logging::eDebug;
 using Corvane::Utilities::Logging::eWarning;
 
@@ -75,7 +77,7 @@ void EUDPTransport::queueLocked(const uint8* data, uint length) {
         sal::UdpSocket* pSocket = m_pSocket.load();
         if (pSocket != nullptr) {
             std::lock_guard<std::mutex> wire(m_wireLock);  // after a reliable datagram on its way
-            pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
+            m_pLink->sendTo(*pSocket, packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
                             m_peerPort.load());
             m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
                                      packet.m_length - EUDPPacket::HEADER_LENGTH, false);
@@ -124,7 +126,7 @@ void EUDPTransport::sendOutsideLock(const EUDPPacket& packet) {
     m_sendMutex.give();
     sal::UdpSocket* pSocket = m_pSocket.load();
     if (pSocket != nullptr) {
-        pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
+        m_pLink->sendTo(*pSocket, packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress,
                         m_peerPort.load());
         m_counters.countSentData(static_cast<std::int32_t>(packet.getValue()),
                                  packet.m_length - EUDPPacket::HEADER_LENGTH, true);
@@ -192,17 +194,17 @@ const std::uint32_t PACED_WINDOW = 64;
 }  // namespace
 
 // Hands `count` datagrams to the system in order, one call for the lot, and counts each as sent.
-static void sendInOrder(sal::UdpSocket* pSocket, const EUDPPacket* const* packets, int count,
+static void sendInOrder(EUDPLink& link, sal::UdpSocket* pSocket, const EUDPPacket* const* packets, int count,
                         const sal::HostAddress& address, uint16 port, EUDPCounters& counters, bool reliable) {
     if (count == 1) {
-        pSocket->sendTo(packets[0]->m_pHeader, static_cast<int>(packets[0]->m_length), address, port);
+        link.sendTo(*pSocket, packets[0]->m_pHeader, static_cast<int>(packets[0]->m_length), address, port);
     } else {
         sal::UdpSocket::OutgoingDatagram batch[SEND_BATCH] = {};
         for (int i = 0; i < count; ++i) {
             batch[i].data = packets[i]->m_pHeader;
             batch[i].length = static_cast<int>(packets[i]->m_length);
         }
-        pSocket->sendBatchTo(batch, count, address, port);
+        link.sendBatchTo(*pSocket, batch, count, address, port);
     }
     for (int i = 0; i < count; ++i) {
         counters.countSentData(static_cast<std::int32_t>(packets[i]->getValue()),
@@ -217,8 +219,8 @@ static void sendInOrder(sal::UdpSocket* pSocket, const EUDPPacket* const* packet
 // nothing was sent.
 static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint32_t>& unacked,
                              const std::atomic<std::uint32_t>& windowSize, ModuloValue& lastSent,
-                             sal::UdpSocket* pSocket, const sal::HostAddress& address, uint16 port,
-                             EUDPCounters& counters) {
+                             EUDPLink& link, sal::UdpSocket* pSocket, const sal::HostAddress& address,
+                             uint16 port, EUDPCounters& counters) {
     const EUDPPacket* packets[SEND_BATCH];
     int taken = 0;
     const int limit = windowSize.load() <= PACED_WINDOW ? SEND_BATCH : 1;
@@ -236,7 +238,7 @@ static bool sendNextReliable(RingBuffer<EUDPPacket>& ring, std::atomic<std::uint
     if (taken == 0) {
         return false;
     }
-    sendInOrder(pSocket, packets, taken, address, port, counters, true);
+    sendInOrder(link, pSocket, packets, taken, address, port, counters, true);
     return true;
 }
 
@@ -307,7 +309,7 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
         }
         m_sendMutex.take();
         std::unique_lock<std::mutex> wire(m_wireLock);  // after a datagram sent from sendData
-        bool sent = sendNextReliable(m_sendBuffer, m_unacked, m_windowSize, m_lastSent, pSocket,
+        bool sent = sendNextReliable(m_sendBuffer, m_unacked, m_windowSize, m_lastSent, *m_pLink, pSocket,
                                      m_peerAddress, m_peerPort.load(), m_counters);
         wire.unlock();
         m_sendMutex.give();
@@ -328,7 +330,7 @@ EUDPTransport::SenderStep EUDPTransport::senderStep(SenderStep step, bool dry, s
             m_sendSpaceSem.give();
             m_sendBuffer.pop();
         }
-        sendInOrder(pSocket, packets, taken, m_peerAddress, m_peerPort.load(), m_counters, false);
+        sendInOrder(*m_pLink, pSocket, packets, taken, m_peerAddress, m_peerPort.load(), m_counters, false);
     }
     wire.unlock();
     m_sendMutex.give();

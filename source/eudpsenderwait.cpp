@@ -7,27 +7,57 @@
 // the steps).
 #include <eudptransport.h>
 
+#include "eudplink.h"
+
 namespace {
 
 const unsigned int ACK_WAIT_MS = 500;
 
-using SenderClock = std::chrono::steady_clock;
+using SenderClock = EUDPLink::Clock;
 
 // The whole milliseconds to sleep so as to wake no earlier than `deadline`, at least one.
-unsigned int msUntil(SenderClock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - SenderClock::now());
+unsigned int msUntil(SenderClock::time_point deadline, SenderClock::time_point now) {
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - now);
     const long long ms = (left.count() + 999) / 1000;
     return ms < 1 ? 1u : static_cast<unsigned int>(ms);
 }
 
 }  // namespace
 
+bool EUDPTransport::isSenderWait(SenderStep step) {
+    return step == SenderStep::eWaitData || step == SenderStep::eWaitAckBeforePass ||
+           step == SenderStep::eWaitAckAfterPass;
+}
+
 // The thread waits in `wait` until a giver has it resume, its acknowledgement wait runs out
 // (500 ms after it began, a beginning that givers move later without waking it), or, in a data
-// wait, a plain give of m_sendWakeSem (the closing paths). A give that was pending when the wait
-// began is taken at once, as a semaphore would.
+// wait, a plain give of m_sendWakeSem (the closing paths).
 EUDPTransport::SenderStep EUDPTransport::waitAs(SenderStep wait) {
     std::unique_lock<std::mutex> lock(m_senderLock);
+    SenderStep next = beginWaitLocked(wait);
+    bool bGiven = false;
+    while (isSenderWait(next)) {
+        next = checkWaitLocked(bGiven);
+        if (!isSenderWait(next)) {
+            break;
+        }
+        const bool bTimed = next != SenderStep::eWaitData;
+        const SenderClock::time_point deadline = m_ackWaitStart + std::chrono::milliseconds(ACK_WAIT_MS);
+        m_bSleepsUntimed = !bTimed;
+        lock.unlock();
+        const int timedOut =
+            m_sendWakeSem.take(bTimed ? msUntil(deadline, m_pLink->now()) : sal::WAIT_FOREVER);
+        m_senderWakeUps.fetch_add(1, std::memory_order_relaxed);
+        lock.lock();
+        m_bSleepsUntimed = false;
+        bGiven = timedOut == 0;
+    }
+    return next;
+}
+
+// A give that was pending when the wait began is taken at once, as a semaphore would: the step it
+// leads to is returned. Otherwise the sender now waits in `wait`, which is returned.
+EUDPTransport::SenderStep EUDPTransport::beginWaitLocked(SenderStep wait) {
     if (wait == SenderStep::eWaitData) {
         if (m_bWakePending || m_sendWakeSem.take(0) == 0) {
             m_bWakePending = false;
@@ -37,38 +67,36 @@ EUDPTransport::SenderStep EUDPTransport::waitAs(SenderStep wait) {
         return wait == SenderStep::eWaitAckBeforePass ? SenderStep::eAckBeforePassGiven
                                                       : SenderStep::eAckAfterPassGiven;
     } else {
-        m_ackWaitStart = SenderClock::now();
+        m_ackWaitStart = m_pLink->now();
     }
     m_senderWait = wait;
-    for (;;) {
-        if (m_senderWait == SenderStep::eRunning) {
-            return m_senderResume;
-        }
-        const bool bTimed = m_senderWait != SenderStep::eWaitData;
-        const SenderClock::time_point deadline = m_ackWaitStart + std::chrono::milliseconds(ACK_WAIT_MS);
-        if (bTimed && SenderClock::now() >= deadline) {
-            const SenderStep next = m_senderWait == SenderStep::eWaitAckBeforePass
-                                        ? SenderStep::eAckBeforePassTimedOut
-                                        : SenderStep::eAckAfterPassTimedOut;
+    return wait;
+}
+
+// Where a waiting sender stands now, `bGiven` telling that it has just taken a plain give of
+// m_sendWakeSem: the step it resumes at, or the wait it stays in. A plain give ends a data wait;
+// during an acknowledgement wait it stays pending for the next data wait, as m_sendWakeSem's give
+// would.
+EUDPTransport::SenderStep EUDPTransport::checkWaitLocked(bool bGiven) {
+    if (bGiven && m_senderWait != SenderStep::eRunning) {
+        if (m_senderWait == SenderStep::eWaitData) {
             m_senderWait = SenderStep::eRunning;
-            return next;
+            return SenderStep::eWokenForData;
         }
-        m_bSleepsUntimed = !bTimed;
-        lock.unlock();
-        const int timedOut = m_sendWakeSem.take(bTimed ? msUntil(deadline) : sal::WAIT_FOREVER);
-        m_senderWakeUps.fetch_add(1, std::memory_order_relaxed);
-        lock.lock();
-        m_bSleepsUntimed = false;
-        if (timedOut == 0 && m_senderWait != SenderStep::eRunning) {
-            // A plain give: it ends a data wait; during an acknowledgement wait it stays pending
-            // for the next data wait, as m_sendWakeSem's give would.
-            if (m_senderWait == SenderStep::eWaitData) {
-                m_senderWait = SenderStep::eRunning;
-                return SenderStep::eWokenForData;
-            }
-            m_bWakePending = true;
-        }
+        m_bWakePending = true;
     }
+    if (m_senderWait == SenderStep::eRunning) {
+        return m_senderResume;
+    }
+    if (m_senderWait != SenderStep::eWaitData &&
+        m_pLink->now() >= m_ackWaitStart + std::chrono::milliseconds(ACK_WAIT_MS)) {
+        const SenderStep next = m_senderWait == SenderStep::eWaitAckBeforePass
+                                    ? SenderStep::eAckBeforePassTimedOut
+                                    : SenderStep::eAckAfterPassTimedOut;
+        m_senderWait = SenderStep::eRunning;
+        return next;
+    }
+    return m_senderWait;
 }
 
 bool EUDPTransport::giveDataLocked() {
@@ -139,7 +167,7 @@ bool EUDPTransport::advanceLocked(SenderStep from) {
                 continue;
             }
             m_senderWait = next;
-            m_ackWaitStart = SenderClock::now();
+            m_ackWaitStart = m_pLink->now();
             return m_bSleepsUntimed;
         }
         step = next;

@@ -5,6 +5,8 @@
 // while a timer runs changes nothing, so a second keep-alive never postpones the close.
 #include <eudptransport.h>
 
+#include "eudplink.h"
+
 namespace {
 const unsigned int FINAL_WAIT_US = 10000000;
 }  // namespace
@@ -27,11 +29,11 @@ void EUDPTransport::initTimers(unsigned int aliveTimeout) {
 }
 
 void EUDPTransport::stopTimers() {
-    if (m_sendAliveTimer.isRunning()) {
-        m_sendAliveTimer.stop();
+    if (m_pLink->isTimerRunning(m_sendAliveTimer)) {
+        m_pLink->stopTimer(m_sendAliveTimer);
     }
-    if (m_aliveTimer.isRunning()) {
-        m_aliveTimer.stop();
+    if (m_pLink->isTimerRunning(m_aliveTimer)) {
+        m_pLink->stopTimer(m_aliveTimer);
     }
 }
 
@@ -41,14 +43,14 @@ void EUDPTransport::resetTimers() {
     // arm then, initTimers arms the timer itself.
     unsigned int period = m_aliveTimeout.load();
     if (period != 0) {
-        m_sendAliveTimer.start(period, true);
+        m_pLink->startTimer(m_sendAliveTimer, period);
     }
 }
 
 void EUDPTransport::onSendAliveTimer() {
     // Armed before the keep-alive is queued: if the ring is full this callback waits in sendData,
     // and the close must still come on time.
-    m_aliveTimer.start(FINAL_WAIT_US, true);
+    m_pLink->startTimer(m_aliveTimer, FINAL_WAIT_US);
     sendData(nullptr, 0);
 }
 
@@ -57,7 +59,7 @@ void EUDPTransport::onSendAliveTimer() {
 // for room in a full ring. Then it declines and onSendAliveTimer runs on a worker; the final timer
 // it has already armed is not postponed by the second start.
 bool EUDPTransport::sendAliveWithoutWaiting() {
-    m_aliveTimer.start(FINAL_WAIT_US, true);
+    m_pLink->startTimer(m_aliveTimer, FINAL_WAIT_US);
     if (m_sendMutex.take(0) != 0) {
         return false;
     }
@@ -88,8 +90,8 @@ bool EUDPTransport::closeOnSilence() {
 
 void EUDPTransport::onAliveTimer() {
     m_bTimedOut.store(true);  // before the close, which is what the application sees next
-    if (m_sendAliveTimer.isRunning()) {
-        m_sendAliveTimer.stop();
+    if (m_pLink->isTimerRunning(m_sendAliveTimer)) {
+        m_pLink->stopTimer(m_sendAliveTimer);
     }
     sal::UdpSocket* pSocket = m_pSocket.load();
     if (pSocket != nullptr) {

@@ -11,6 +11,7 @@
 #include <new>
 
 #include "eudpadmission.h"
+#include "eudplink.h"
 
 using Corvane::Utilities::Logging::eError;
 using Corvane::Utilities::Logging::ELogLevel;
@@ -24,6 +25,37 @@ const unsigned int CONNECT_WAIT_MS = 5000;
 const unsigned int SERVER_ALIVE_TIMEOUT_US = 500000;
 const unsigned int CLIENT_ALIVE_TIMEOUT_US = 1000000;
 }  // namespace
+
+// ---- the system's link ---------------------------------------------------------------------------
+
+namespace {
+
+class SystemLink : public EUDPLink {
+public:
+    int sendTo(sal::UdpSocket& socket, const void* data, int length, const sal::HostAddress& address,
+               uint16 port) override {
+        return socket.sendTo(data, length, address, port);
+    }
+    int sendBatchTo(sal::UdpSocket& socket, const sal::UdpSocket::OutgoingDatagram* datagrams, int count,
+                    const sal::HostAddress& address, uint16 port) override {
+        return socket.sendBatchTo(datagrams, count, address, port);
+    }
+    Clock::time_point now() override { return Clock::now(); }
+    bool startTimer(sal::Timer& timer, unsigned int periodUs) override { return timer.start(periodUs, true); }
+    void stopTimer(sal::Timer& timer) override { timer.stop(); }
+    bool isTimerRunning(const sal::Timer& timer) override { return timer.isRunning(); }
+};
+
+}  // namespace
+
+EUDPLink::~EUDPLink() {}
+
+// Never destroyed: transports that outlive static destruction (one a listener leaves behind, with
+// its threads still running at exit) keep sending through it.
+EUDPLink& EUDPLink::system() {
+    static EUDPLink* const pLink = new SystemLink;
+    return *pLink;
+}
 
 // ---- ModuloValue --------------------------------------------------------------------------------
 
@@ -152,7 +184,8 @@ EUDPTransport::EUDPTransport()
       m_bSenderActive(false),
       m_bHardened(false),
       m_pAdmission(std::make_shared<EUDPAdmission>()),
-      m_bAdmitted(false) {
+      m_bAdmitted(false),
+      m_pLink(&EUDPLink::system()) {
     for (std::atomic<std::int64_t>& last : m_lastHardenedLog) {
         last.store(-1000, std::memory_order_relaxed);
     }
@@ -363,7 +396,8 @@ bool EUDPTransport::sendPacket(EEUDPCommand command, std::uint32_t value, uint16
     if (pSocket == nullptr) {
         return false;
     }
-    int sent = pSocket->sendTo(packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress, port);
+    int sent =
+        m_pLink->sendTo(*pSocket, packet.m_pHeader, static_cast<int>(packet.m_length), m_peerAddress, port);
     if (sent != static_cast<int>(packet.m_length)) {
         return false;
     }
