@@ -290,18 +290,20 @@ TEST(EUDPTimers, DestroyWhileKeepAliveBlockedOnOpenConnection) {
     EXPECT_LE(nowMs() - start, 3000);
 }
 
-TEST(EUDPTimers, IdlePairStaysConnectedFor30s) {
+// Idle past the silence close of both ends (the server's 10.5 s, the client's 11 s): the keep-alives
+// and their answers keep the link up end to end. The driven pair counts them exactly over 30 s.
+TEST(EUDPTimers, IdlePairStaysConnectedPastTheSilenceClose) {
     TransportPair pair;
     ASSERT_TRUE(pair.open());
-    sal::Thread::mssleep(30000);  // the idle time itself is what is tested
+    sal::Thread::mssleep(12000);  // the idle time itself is what is tested
     EXPECT_FALSE(pair.client.isClosed());
     EXPECT_FALSE(pair.server->isClosed());
     // One keep-alive per half-second quiet spell on the server; the client always hears one
     // before its own second is up.
     int serverKeepAlives = EUDPTransportTest::sendSeq(*pair.server).getValue();
-    EXPECT_GE(serverKeepAlives, 25);
-    EXPECT_LE(serverKeepAlives, 62);
-    EXPECT_LE(EUDPTransportTest::sendSeq(pair.client).getValue(), 6);
+    EXPECT_GE(serverKeepAlives, 10);
+    EXPECT_LE(serverKeepAlives, 25);
+    EXPECT_LE(EUDPTransportTest::sendSeq(pair.client).getValue(), 3);
     // Still carries data both ways.
     ASSERT_TRUE(pair.client.sendData(reinterpret_cast<const uint8*>("ok"), 2));
     std::uint8_t buffer[8];
@@ -331,10 +333,11 @@ TEST(EUDPTimers, HundredIdleConnectionsShareTimerThreads) {
     acceptor.join();
     ASSERT_EQ(static_cast<std::size_t>(kCount), servers.size());
 
-    std::int64_t end = nowMs() + 30000;
+    // Ten keep-alive rounds of the servers.
+    std::int64_t end = nowMs() + 5000;
     int most = 0;
     while (nowMs() < end) {
-        sal::Thread::mssleep(1000);
+        sal::Thread::mssleep(250);
         most = std::max(most, threadCount());
     }
     for (int i = 0; i < kCount; ++i) {
