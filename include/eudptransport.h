@@ -326,11 +326,16 @@ private:
     // the socket itself.
     TARN_NO_EXPORT void readWhileWaiting();
     // One read of the socket, by whoever reads it: the first datagram into `packet` and whatever
-    // else is already waiting behind it (up to READ_BATCH in all) taken in the same system call,
-    // then each handled in arrival order as if read alone. `bWait`: block for the first datagram;
-    // otherwise `bNothing` tells that none was waiting. False once the connection is over.
+    // else is already waiting behind it (up to two, or READ_BATCH while they come in runs) taken in the same
+    // system call, then each handled in arrival order as if read alone. `bWait`: block for the first
+    // datagram; otherwise `bNothing` tells that none was waiting. False once the connection is over.
     TARN_NO_EXPORT bool readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, bool bWait,
                                       bool& bNothing);
+    TARN_NO_EXPORT bool readAndHandleMany(sal::UdpSocket* pSocket, EUDPPacket& packet, bool bWait,
+                                          bool& bNothing);
+    TARN_NO_EXPORT bool handleBatch(sal::UdpSocket* pSocket, EUDPPacket& packet,
+                                    sal::UdpSocket::ReceivedDatagram* batch, int room, bool bWait,
+                                    bool& bNothing);
     // Hardened mode's checks (eudphardening.cpp). Each answers whether the datagram goes on.
     // A connected transport: whether a datagram from address:port is its peer's (always, when not
     // hardened); whether the receiver goes on after a receive of `received` (0 or less) bytes
@@ -432,6 +437,9 @@ private:
     // by whoever reads, its pages touched only as far as datagrams fill them.
     static const int READ_BATCH = 32;
     std::uint8_t* m_pReadBatch{nullptr};
+    // How many datagrams the next read asks for: the small room, or READ_BATCH while they come in
+    // runs. Changed only by the reader holding the turn; atomic because the turn passes between threads.
+    std::atomic<int> m_readRoom{sal::UdpSocket::SMALL_BATCH};
 
     // Statistics and hardened mode. m_pAdmission: the record of accepted and refused connections
     // (every transport makes one; only a listening one fills it); an accepted transport shares its

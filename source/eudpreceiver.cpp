@@ -331,15 +331,34 @@ bool EUDPTransport::readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, b
     if (m_pReadBatch == nullptr) {
         m_pReadBatch = static_cast<std::uint8_t*>(RingStorage::allocate(batchBytes));
     }
+    const int room = m_pReadBatch == nullptr ? 1 : m_readRoom.load(std::memory_order_relaxed);
+    if (room > sal::UdpSocket::SMALL_BATCH) {
+        return readAndHandleMany(pSocket, packet, bWait, bNothing);
+    }
+    sal::UdpSocket::ReceivedDatagram batch[sal::UdpSocket::SMALL_BATCH];
+    return handleBatch(pSocket, packet, batch, room, bWait, bNothing);
+}
+
+// The whole batch's entries: a frame of its own (never inlined into the small read), on the stack
+// only while datagrams come in runs.
+[[gnu::noinline]] bool EUDPTransport::readAndHandleMany(sal::UdpSocket* pSocket, EUDPPacket& packet,
+                                                        bool bWait, bool& bNothing) {
     sal::UdpSocket::ReceivedDatagram batch[READ_BATCH];
+    return handleBatch(pSocket, packet, batch, READ_BATCH, bWait, bNothing);
+}
+
+// A read that fills its room asks for the whole batch next time, and one that takes a single
+// datagram goes back to the small room: a link that is quiet or answered one datagram at a time
+// (keep-alives, round trips) reads with a shallow stack, and a stream still takes up to READ_BATCH
+// per call from its second read on.
+bool EUDPTransport::handleBatch(sal::UdpSocket* pSocket, EUDPPacket& packet,
+                                sal::UdpSocket::ReceivedDatagram* batch, int room, bool bWait,
+                                bool& bNothing) {
     batch[0].buffer = packet.m_pHeader;
     batch[0].size = static_cast<int>(EUDPPacket::MAX_LENGTH);
-    int room = 1;
-    if (m_pReadBatch != nullptr) {
-        for (; room < READ_BATCH; ++room) {
-            batch[room].buffer = m_pReadBatch + (room - 1) * std::size_t{EUDPPacket::MAX_LENGTH};
-            batch[room].size = static_cast<int>(EUDPPacket::MAX_LENGTH);
-        }
+    for (int i = 1; i < room; ++i) {
+        batch[i].buffer = m_pReadBatch + (i - 1) * std::size_t{EUDPPacket::MAX_LENGTH};
+        batch[i].size = static_cast<int>(EUDPPacket::MAX_LENGTH);
     }
     const int taken = bWait ? pSocket->receiveBatch(batch, room) : pSocket->tryReceiveBatch(batch, room);
     bNothing = taken == sal::UdpSocket::WOULD_BLOCK;
@@ -348,6 +367,11 @@ bool EUDPTransport::readAndHandle(sal::UdpSocket* pSocket, EUDPPacket& packet, b
     }
     if (taken <= 0) {
         return handleDatagram(packet, -1, batch[0].from, 0);
+    }
+    if (taken == room && room > 1) {
+        m_readRoom.store(READ_BATCH, std::memory_order_relaxed);
+    } else if (taken == 1) {
+        m_readRoom.store(sal::UdpSocket::SMALL_BATCH, std::memory_order_relaxed);
     }
     for (int i = 0; i < taken; ++i) {
         if (i > 0 && batch[i].length > 0) {

@@ -107,15 +107,17 @@ int UdpSocket::tryReceiveBatch(ReceivedDatagram* datagrams, int count) {
     return receiveMany(datagrams, count, MSG_DONTWAIT);
 }
 
-// MSG_WAITFORONE blocks for the first datagram only and takes the rest without waiting.
-int UdpSocket::receiveMany(ReceivedDatagram* datagrams, int count, int flags) {
-    if (m_fd < 0 || datagrams == nullptr || count < 1) {
-        return -1;
-    }
-    const int n = count < MAX_BATCH ? count : MAX_BATCH;
-    mmsghdr headers[MAX_BATCH];
-    iovec pieces[MAX_BATCH];
-    sockaddr_in6 senders[MAX_BATCH];
+namespace {
+
+// Takes up to `n` (at most N) datagrams in one call. The headers live on the caller's stack and
+// their room grows with N, so a small count is served with a small frame: a thread that only ever
+// reads one or two datagrams at a time keeps its stack as shallow as a single read leaves it.
+template <int N>
+[[gnu::noinline]] int receiveUpTo(const UdpSocket& socket, UdpSocket::ReceivedDatagram* datagrams, int n,
+                                  int flags) {
+    mmsghdr headers[N];
+    iovec pieces[N];
+    sockaddr_in6 senders[N];
     for (int i = 0; i < n; ++i) {
         if (datagrams[i].size < 0 || (datagrams[i].buffer == nullptr && datagrams[i].size > 0)) {
             return -1;
@@ -129,13 +131,14 @@ int UdpSocket::receiveMany(ReceivedDatagram* datagrams, int count, int flags) {
         headers[i].msg_hdr.msg_iovlen = 1;
     }
     for (;;) {
-        if (isClosed()) {
+        if (socket.isClosed()) {
             return -1;
         }
-        const int taken = ::recvmmsg(m_fd, headers, static_cast<unsigned int>(n), flags, nullptr);
+        const int taken =
+            ::recvmmsg(socket.getDescriptor(), headers, static_cast<unsigned int>(n), flags, nullptr);
         // After close() the shutdown makes the call return at once with a zero-length entry; the
         // flag tells that apart from a real empty datagram.
-        if (isClosed()) {
+        if (socket.isClosed()) {
             return -1;
         }
         if (taken > 0) {
@@ -147,12 +150,24 @@ int UdpSocket::receiveMany(ReceivedDatagram* datagrams, int count, int flags) {
             return taken;
         }
         if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && (flags & MSG_DONTWAIT) != 0) {
-            return WOULD_BLOCK;
+            return UdpSocket::WOULD_BLOCK;
         }
         if (taken == 0 || errno != EINTR) {
             return -1;
         }
     }
+}
+
+}  // namespace
+
+// MSG_WAITFORONE blocks for the first datagram only and takes the rest without waiting.
+int UdpSocket::receiveMany(ReceivedDatagram* datagrams, int count, int flags) {
+    if (m_fd < 0 || datagrams == nullptr || count < 1) {
+        return -1;
+    }
+    const int n = count < MAX_BATCH ? count : MAX_BATCH;
+    return n <= SMALL_BATCH ? receiveUpTo<SMALL_BATCH>(*this, datagrams, n, flags)
+                            : receiveUpTo<MAX_BATCH>(*this, datagrams, n, flags);
 }
 
 // The system hands over what it can in one call and reports how many went; an error on a datagram

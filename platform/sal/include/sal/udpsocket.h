@@ -66,6 +66,8 @@ public:
     // The most datagrams one batch call takes or hands over in one system call; a larger count is
     // served in several calls (sends) or taken as this many (receives).
     static const int MAX_BATCH = 64;
+    // A receive of at most this many is served with a frame sized for it rather than for MAX_BATCH.
+    static const int SMALL_BATCH = 2;
 
     // Blocks until a datagram is waiting, then takes it and whatever else is already waiting, up to
     // `count` (at most MAX_BATCH), in the order they arrived, in one system call; it never waits for
