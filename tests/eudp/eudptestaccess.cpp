@@ -27,6 +27,25 @@ Bytes payloadOf(const Bytes& datagram) {
     return Bytes(datagram.begin() + 8, datagram.end());
 }
 
+namespace {
+
+// The next datagram the raw peer receives from `port`, passing over those from other ports.
+bool nextFrom(testsupport::RawUdp& raw, std::uint16_t port, Bytes& datagram, int timeoutMs) {
+    std::uint16_t from = 0;
+    std::int64_t deadline = testsupport::nowMs() + timeoutMs;
+    while (true) {
+        int left = static_cast<int>(deadline - testsupport::nowMs());
+        if (left <= 0 || !raw.receive(datagram, from, left)) {
+            return false;
+        }
+        if (from == port) {
+            return true;
+        }
+    }
+}
+
+}  // namespace
+
 bool ServerWithRawPeer::open(std::uint32_t conValue, bool quiet) {
     if (!listener.listen(sal::HostAddress("127.0.0.1"), 0)) {
         ADD_FAILURE() << "listen failed";
@@ -55,17 +74,7 @@ bool ServerWithRawPeer::open(std::uint32_t conValue, bool quiet) {
 }
 
 bool ServerWithRawPeer::next(Bytes& datagram, int timeoutMs) {
-    std::uint16_t from = 0;
-    std::int64_t deadline = testsupport::nowMs() + timeoutMs;
-    while (true) {
-        int left = static_cast<int>(deadline - testsupport::nowMs());
-        if (left <= 0 || !raw.receive(datagram, from, left)) {
-            return false;
-        }
-        if (from == serverPort) {
-            return true;
-        }
-    }
+    return nextFrom(raw, serverPort, datagram, timeoutMs);
 }
 
 bool ClientWithRawPeer::open(bool quiet) {
@@ -90,17 +99,7 @@ bool ClientWithRawPeer::open(bool quiet) {
 }
 
 bool ClientWithRawPeer::next(Bytes& datagram, int timeoutMs) {
-    std::uint16_t from = 0;
-    std::int64_t deadline = testsupport::nowMs() + timeoutMs;
-    while (true) {
-        int left = static_cast<int>(deadline - testsupport::nowMs());
-        if (left <= 0 || !raw.receive(datagram, from, left)) {
-            return false;
-        }
-        if (from == clientPort) {
-            return true;
-        }
-    }
+    return nextFrom(raw, clientPort, datagram, timeoutMs);
 }
 
 bool TransportPair::open() {

@@ -82,21 +82,17 @@ public:
         t.m_sendSpaceSem.give();
     }
 
-    static std::uint32_t sendQueued(EUDPTransport& t) {
-        t.m_sendMutex.take();
-        std::uint32_t n =
-            (t.m_sendBuffer.writeIndex() + t.m_sendBuffer.capacity() - t.m_sendBuffer.readIndex()) %
-            t.m_sendBuffer.capacity();
-        t.m_sendMutex.give();
-        return n;
+    static std::uint32_t sendQueued(EUDPTransport& t) { return queued(t.m_sendBuffer, t.m_sendMutex); }
+    static std::uint32_t receiveQueued(EUDPTransport& t) {
+        return queued(t.m_receiveBuffer, t.m_receiveMutex);
     }
 
-    static std::uint32_t receiveQueued(EUDPTransport& t) {
-        t.m_receiveMutex.take();
-        std::uint32_t n =
-            (t.m_receiveBuffer.writeIndex() + t.m_receiveBuffer.capacity() - t.m_receiveBuffer.readIndex()) %
-            t.m_receiveBuffer.capacity();
-        t.m_receiveMutex.give();
+private:
+    // Packets between the read and the write index of a ring, counted under its mutex.
+    static std::uint32_t queued(RingBuffer<EUDPPacket>& ring, sal::MutexSemaphore& mutex) {
+        mutex.take();
+        std::uint32_t n = (ring.writeIndex() + ring.capacity() - ring.readIndex()) % ring.capacity();
+        mutex.give();
         return n;
     }
 };
