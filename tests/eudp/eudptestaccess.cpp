@@ -1,6 +1,10 @@
 #include "eudptestaccess.h"
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -28,6 +32,21 @@ Bytes payloadOf(const Bytes& datagram) {
 }
 
 namespace {
+
+int threadCount() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(dir);
+    return count;
+}
 
 // The next datagram the raw peer receives from `port`, passing over those from other ports.
 bool nextFrom(testsupport::RawUdp& raw, std::uint16_t port, Bytes& datagram, int timeoutMs) {
@@ -119,6 +138,62 @@ bool TransportPair::open() {
         return false;
     }
     return true;
+}
+
+void expectIdlePairStaysUp(int idleMs, int serverMin, int serverMax, int clientMax) {
+    TransportPair pair;
+    ASSERT_TRUE(pair.open());
+    sal::Thread::mssleep(idleMs);  // the idle time itself is what is tested
+    EXPECT_FALSE(pair.client.isClosed());
+    EXPECT_FALSE(pair.server->isClosed());
+    // One keep-alive per half-second quiet spell on the server; the client always hears one
+    // before its own second is up.
+    int serverKeepAlives = EUDPTransportTest::sendSeq(*pair.server).getValue();
+    EXPECT_GE(serverKeepAlives, serverMin);
+    EXPECT_LE(serverKeepAlives, serverMax);
+    EXPECT_LE(EUDPTransportTest::sendSeq(pair.client).getValue(), clientMax);
+    // Still carries data both ways.
+    ASSERT_TRUE(pair.client.sendData(reinterpret_cast<const uint8*>("ok"), 2));
+    std::uint8_t buffer[8];
+    EXPECT_EQ(2, pair.server->receiveData(buffer, sizeof buffer));
+}
+
+void expectIdleConnectionsShareTimerThreads(int count, int idleMs, int sampleMs) {
+    int before = threadCount();
+    EUDPTransport listener;
+    ASSERT_TRUE(listener.listen(sal::HostAddress("127.0.0.1"), 0));
+    std::vector<std::unique_ptr<EUDPTransport>> servers;
+    std::thread acceptor([&] {
+        for (int i = 0; i < count; ++i) {
+            EUDPTransport* accepted = static_cast<EUDPTransport*>(listener.accept());
+            if (accepted == nullptr) {
+                return;
+            }
+            servers.emplace_back(accepted);
+        }
+    });
+    std::vector<std::unique_ptr<EUDPTransport>> clients;
+    for (int i = 0; i < count; ++i) {
+        clients.emplace_back(new EUDPTransport);
+        ASSERT_TRUE(clients.back()->connect(sal::HostAddress("127.0.0.1"), listener.getLocalPort())) << i;
+    }
+    acceptor.join();
+    ASSERT_EQ(static_cast<std::size_t>(count), servers.size());
+
+    std::int64_t end = testsupport::nowMs() + idleMs;
+    int most = 0;
+    while (testsupport::nowMs() < end) {
+        sal::Thread::mssleep(sampleMs);
+        most = std::max(most, threadCount());
+    }
+    for (int i = 0; i < count; ++i) {
+        EXPECT_FALSE(clients[i]->isClosed()) << i;
+        EXPECT_FALSE(servers[i]->isClosed()) << i;
+    }
+    ::testing::Test::RecordProperty("ThreadsBefore", before);
+    ::testing::Test::RecordProperty("ThreadsMost", most);
+    // Two threads per transport; the timers add a small shared pool, not one thread each.
+    EXPECT_LE(most - before, 4 * count + 32) << "threads before " << before << ", most " << most;
 }
 
 }  // namespace eudptest

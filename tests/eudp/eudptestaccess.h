@@ -143,6 +143,13 @@ struct TransportPair {
 std::string commandOf(const Bytes& datagram);
 Bytes payloadOf(const Bytes& datagram);
 
+// A connected pair left idle for `idleMs`: both ends stay up, the server sent between `serverMin`
+// and `serverMax` keep-alives and the client at most `clientMax`, and data still crosses after it.
+void expectIdlePairStaysUp(int idleMs, int serverMin, int serverMax, int clientMax);
+// `count` connections through one listener left idle for `idleMs`, the process's threads counted
+// every `sampleMs`: every end stays up, and the timers add a small shared pool, not a thread each.
+void expectIdleConnectionsShareTimerThreads(int count, int idleMs, int sampleMs);
+
 }  // namespace eudptest
 
 #endif  // TARN_TESTS_EUDP_EUDPTESTACCESS_H

@@ -18,7 +18,6 @@
 using eudptest::ClientWithRawPeer;
 using eudptest::commandOf;
 using eudptest::ServerWithRawPeer;
-using eudptest::TransportPair;
 using testsupport::Bytes;
 using testsupport::eudpDatagram;
 using testsupport::hex;
@@ -26,21 +25,6 @@ using testsupport::nowMs;
 using testsupport::waitUntil;
 
 namespace {
-
-int threadCount() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    closedir(dir);
-    return count;
-}
 
 // The voluntary context switches of all threads named `name`, summed: each wake-up of a thread
 // that slept counts one.
@@ -293,61 +277,14 @@ TEST(EUDPTimers, DestroyWhileKeepAliveBlockedOnOpenConnection) {
 // Idle past the silence close of both ends (the server's 10.5 s, the client's 11 s): the keep-alives
 // and their answers keep the link up end to end. The driven pair counts them exactly over 30 s.
 TEST(EUDPTimers, IdlePairStaysConnectedPastTheSilenceClose) {
-    TransportPair pair;
-    ASSERT_TRUE(pair.open());
-    sal::Thread::mssleep(12000);  // the idle time itself is what is tested
-    EXPECT_FALSE(pair.client.isClosed());
-    EXPECT_FALSE(pair.server->isClosed());
     // One keep-alive per half-second quiet spell on the server; the client always hears one
     // before its own second is up.
-    int serverKeepAlives = EUDPTransportTest::sendSeq(*pair.server).getValue();
-    EXPECT_GE(serverKeepAlives, 10);
-    EXPECT_LE(serverKeepAlives, 25);
-    EXPECT_LE(EUDPTransportTest::sendSeq(pair.client).getValue(), 3);
-    // Still carries data both ways.
-    ASSERT_TRUE(pair.client.sendData(reinterpret_cast<const uint8*>("ok"), 2));
-    std::uint8_t buffer[8];
-    EXPECT_EQ(2, pair.server->receiveData(buffer, sizeof buffer));
+    eudptest::expectIdlePairStaysUp(12000, 10, 25, 3);
 }
 
+// Ten keep-alive rounds of the servers.
 TEST(EUDPTimers, HundredIdleConnectionsShareTimerThreads) {
-    const int kCount = 100;
-    int before = threadCount();
-    EUDPTransport listener;
-    ASSERT_TRUE(listener.listen(sal::HostAddress("127.0.0.1"), 0));
-    std::vector<std::unique_ptr<EUDPTransport>> servers;
-    std::thread acceptor([&] {
-        for (int i = 0; i < kCount; ++i) {
-            EUDPTransport* accepted = static_cast<EUDPTransport*>(listener.accept());
-            if (accepted == nullptr) {
-                return;
-            }
-            servers.emplace_back(accepted);
-        }
-    });
-    std::vector<std::unique_ptr<EUDPTransport>> clients;
-    for (int i = 0; i < kCount; ++i) {
-        clients.emplace_back(new EUDPTransport);
-        ASSERT_TRUE(clients.back()->connect(sal::HostAddress("127.0.0.1"), listener.getLocalPort())) << i;
-    }
-    acceptor.join();
-    ASSERT_EQ(static_cast<std::size_t>(kCount), servers.size());
-
-    // Ten keep-alive rounds of the servers.
-    std::int64_t end = nowMs() + 5000;
-    int most = 0;
-    while (nowMs() < end) {
-        sal::Thread::mssleep(250);
-        most = std::max(most, threadCount());
-    }
-    for (int i = 0; i < kCount; ++i) {
-        EXPECT_FALSE(clients[i]->isClosed()) << i;
-        EXPECT_FALSE(servers[i]->isClosed()) << i;
-    }
-    RecordProperty("ThreadsBefore", before);
-    RecordProperty("ThreadsMost", most);
-    // Two threads per transport; the timers add a small shared pool, not one thread each.
-    EXPECT_LE(most - before, 4 * kCount + 32) << "threads before " << before << ", most " << most;
+    eudptest::expectIdleConnectionsShareTimerThreads(100, 5000, 250);
 }
 
 TEST(EUDPTimers, KilledServerIsNoticedByClientWithinElevenSeconds) {
