@@ -96,9 +96,9 @@ struct CollectingServer {
 void expectFiveCommands(TARNConnection& connection, const RecordingClient& client, TARNConnection& accepted,
                         const RecordingServer& recorder);
 
-// A peer process (tests/eudp/eudp_peer): "server" listens and prints "port <n>"; "client <port>"
-// connects and prints "connected <local port>". Killed with SIGKILL, it sends nothing more. The
-// toolkit's ChildProcess, started later than constructed.
+// A peer process (tarn_test_peer, tests/faults/testpeer.cpp): its servers listen and print
+// "port <n>", its clients connect and print "connected <local port>". Killed with SIGKILL, it sends
+// nothing more. The toolkit's ChildProcess, started later than constructed.
 class PeerProcess {
 public:
     bool start(const std::vector<std::string>& arguments);

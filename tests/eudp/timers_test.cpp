@@ -289,7 +289,7 @@ TEST(EUDPTimers, HundredIdleConnectionsShareTimerThreads) {
 
 TEST(EUDPTimers, KilledServerIsNoticedByClientWithinElevenSeconds) {
     eudptest::PeerProcess peer;
-    ASSERT_TRUE(peer.start({EUDP_PEER_PATH, "server"}));
+    ASSERT_TRUE(peer.start({TEST_PEER_PATH, "eudp-idle", "server"}));
     std::string first = peer.readLine(10000);
     ASSERT_EQ(0u, first.rfind("port ", 0)) << first;
     uint16 port = static_cast<uint16>(std::stoi(first.substr(5)));
@@ -316,7 +316,7 @@ TEST(EUDPTimers, KilledClientIsNoticedByServerWithinTenAndAHalfSeconds) {
     ASSERT_TRUE(waitUntil([&] { return listener.getLocalPort() != 0; }, 5000));
 
     eudptest::PeerProcess peer;
-    ASSERT_TRUE(peer.start({EUDP_PEER_PATH, "client", std::to_string(listener.getLocalPort())}));
+    ASSERT_TRUE(peer.start({TEST_PEER_PATH, "eudp-idle", "client", std::to_string(listener.getLocalPort())}));
     std::string first = peer.readLine(10000);
     ASSERT_EQ(0u, first.rfind("connected ", 0)) << first;
     ASSERT_TRUE(waitUntil([&] { return shared.count() == 1 && shared.server(0)->connects() == 1; }, 5000));

@@ -22,7 +22,7 @@ std::string transportWord(ETransport kind) {
 // Starts a peer process and reads the number it prints after `prefix` ("port " or "connected ").
 int startPeer(eudptest::PeerProcess& peer, const std::vector<std::string>& arguments,
               const std::string& prefix) {
-    std::vector<std::string> all{FAULT_PEER_PATH};
+    std::vector<std::string> all{TEST_PEER_PATH};
     all.insert(all.end(), arguments.begin(), arguments.end());
     if (!peer.start(all)) {
         return -1;
