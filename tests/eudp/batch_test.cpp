@@ -1,8 +1,10 @@
 // Datagrams that are already queued when the socket is read are taken together and handled one by
 // one in arrival order, by the receiver thread or by a reader waiting in receiveData: the same
 // answers on the wire and the same deliveries as when each is read alone, the last one of a read
-// as promptly as the first, and nothing after a DIS. The reliable sender's window leaves whole, in
-// order and byte for byte, whether its datagrams are handed to the system together or one by one.
+// as promptly as the first, and nothing after a DIS. A read asks for two datagrams while they come
+// one at a time and for the whole batch while they come in runs. The reliable sender's window
+// leaves whole, in order and byte for byte, whether its datagrams are handed to the system together
+// or one by one.
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -136,6 +138,48 @@ TEST(EUDPBatch, DisInTheMiddleOfQueuedDatagramsEndsTheirHandling) {
     EXPECT_EQ("", receiveWithin(*peer.server, 2000));  // the end of the connection
     EXPECT_EQ(3, EUDPTransportTest::receiveSeq(*peer.server).getValue());
     EXPECT_EQ(10u, EUDPTransportTest::windowSize(*peer.server).load());
+}
+
+// While datagrams come one at a time a read asks for two; a burst that fills that room makes the
+// next reads ask for the whole batch, and a read that then takes a single datagram asks for two
+// again. Whatever the room, every datagram is delivered once and in order.
+TEST(EUDPBatch, ReadRoomGrowsForABurstAndShrinksForSingleDatagrams) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    EXPECT_EQ(2, EUDPTransportTest::readRoom(*peer.server));
+
+    // Read as 2, 32, 32, 32 and 2: the first read fills its room, and no later one takes a single
+    // datagram.
+    const int burst = 100;
+    std::vector<Bytes> datagrams;
+    for (int i = 0; i < burst; ++i) {
+        datagrams.push_back(eudpDatagram("CMD", static_cast<std::uint32_t>(i + 1), bytesOf(message(i))));
+    }
+    queueAll(peer, datagrams);
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return EUDPTransportTest::receiveQueued(*peer.server) == static_cast<std::uint32_t>(burst) &&
+                   EUDPTransportTest::readRoom(*peer.server) == 32;
+        },
+        5000))
+        << EUDPTransportTest::receiveQueued(*peer.server) << " delivered, room "
+        << EUDPTransportTest::readRoom(*peer.server);
+    for (int i = 0; i < burst; ++i) {
+        ASSERT_EQ(message(i), receiveWithin(*peer.server, 2000));
+    }
+
+    // Each single datagram is handled before the next is sent: the first read takes one and asks
+    // for two after it, and so does every one after.
+    for (int i = burst; i < burst + 5; ++i) {
+        ASSERT_TRUE(
+            peer.sendToServer(eudpDatagram("CMD", static_cast<std::uint32_t>(i + 1), bytesOf(message(i)))));
+        ASSERT_TRUE(waitUntil([&] { return EUDPTransportTest::receiveQueued(*peer.server) == 1u; }, 2000))
+            << "datagram " << i + 1 << " not delivered";
+        EXPECT_EQ(2, EUDPTransportTest::readRoom(*peer.server)) << "after datagram " << i + 1;
+        EXPECT_EQ(message(i), receiveWithin(*peer.server, 2000));
+    }
+    EXPECT_EQ(burst + 6, EUDPTransportTest::receiveSeq(*peer.server).getValue());
+    EXPECT_TRUE(peer.raw.quietFor(200));
 }
 
 // Everything is queued while the window is 0, then the window opens: the first burst is the whole

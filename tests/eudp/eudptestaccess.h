@@ -30,6 +30,8 @@ public:
     static std::mutex& wireLock(EUDPTransport& t) { return t.m_wireLock; }
     // The reading turn: while a test holds it, datagrams stay queued in the socket.
     static std::mutex& readLock(EUDPTransport& t) { return t.m_readLock; }
+    // How many datagrams the next read of the socket asks for.
+    static int readRoom(const EUDPTransport& t) { return t.m_readRoom.load(); }
     // Whether the sender waits for an acknowledgement (its thread sending nothing until then).
     static bool senderWaitsForAck(EUDPTransport& t) {
         std::lock_guard<std::mutex> lock(t.m_senderLock);
