@@ -1,11 +1,13 @@
 #include <sal/udpsocket.h>
 
 #include <sys/epoll.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "readerservice.h"
 #include "sockutil.h"
 
 namespace sal {
@@ -13,13 +15,24 @@ namespace sal {
 const int UdpSocket::WOULD_BLOCK;
 const int UdpSocket::MAX_BATCH;
 
-UdpSocket::UdpSocket() : m_fd(-1), m_family(AF_INET), m_watchFd(-1), m_bClosed(false) {
+namespace {
+
+detail::ReaderService::Entry* entryOf(const std::atomic<void*>& shared) {
+    return static_cast<detail::ReaderService::Entry*>(shared.load());
+}
+
+}  // namespace
+
+UdpSocket::UdpSocket() : m_fd(-1), m_family(AF_INET), m_watchFd(-1), m_bClosed(false), m_pShared(nullptr) {
     m_fd = detail::openSocket(SOCK_DGRAM, m_family);
 }
 
 // The descriptor is released only here, never by close(), so that a receiver woken by close() can
 // never find its descriptor number reused by another file.
 UdpSocket::~UdpSocket() {
+    if (m_pShared.load() != nullptr) {
+        detail::ReaderService::instance()->retire(entryOf(m_pShared));
+    }
     if (m_watchFd.load() >= 0) {
         ::close(m_watchFd.load());
     }
@@ -91,7 +104,7 @@ int UdpSocket::receive(void* buffer, int size, HostAddress& from, uint16& fromPo
             return static_cast<int>(n);
         }
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            return WOULD_BLOCK;  // only without waiting: a blocking receive does not end so
+            return WOULD_BLOCK;  // without waiting, or a blocking receive's time-out
         }
         if (errno != EINTR) {
             return -1;
@@ -149,7 +162,8 @@ template <int N>
             }
             return taken;
         }
-        if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && (flags & MSG_DONTWAIT) != 0) {
+        // Without waiting, or a blocking receive's time-out (setReceiveTimeout).
+        if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             return UdpSocket::WOULD_BLOCK;
         }
         if (taken == 0 || errno != EINTR) {
@@ -259,20 +273,68 @@ bool UdpSocket::setWatch(unsigned int events) {
 }
 
 bool UdpSocket::waitReadable() {
+    return waitReadableFor(-1) == 1;
+}
+
+// A wait that a signal interrupts goes on for the whole time again: it ends no earlier than asked.
+int UdpSocket::waitReadableFor(int timeoutMs) {
     const int watchFd = m_watchFd.load();
     if (watchFd < 0) {
-        return false;
+        return -1;
     }
     for (;;) {
         epoll_event event;
-        const int n = ::epoll_wait(watchFd, &event, 1, -1);
+        const int n = ::epoll_wait(watchFd, &event, 1, timeoutMs);
         if (n > 0) {
-            return true;
+            return 1;
         }
-        if (n < 0 && errno != EINTR) {
-            return false;
+        if (n == 0) {
+            return 0;
+        }
+        if (errno != EINTR) {
+            return -1;
         }
     }
+}
+
+bool UdpSocket::watchShared(IReader* pReader) {
+    if (m_fd < 0 || m_pShared.load() != nullptr || pReader == nullptr) {
+        return false;
+    }
+    detail::ReaderService* pService = detail::ReaderService::instance();
+    if (pService == nullptr) {
+        return false;
+    }
+    detail::ReaderService::Entry* pEntry = pService->add(m_fd, pReader);
+    m_pShared.store(pEntry);
+    return pEntry != nullptr;
+}
+
+bool UdpSocket::armShared() {
+    detail::ReaderService::Entry* pEntry = entryOf(m_pShared);
+    return pEntry != nullptr && detail::ReaderService::instance()->set(pEntry, EPOLLIN);
+}
+
+bool UdpSocket::disarmShared() {
+    detail::ReaderService::Entry* pEntry = entryOf(m_pShared);
+    return pEntry != nullptr && detail::ReaderService::instance()->set(pEntry, 0);
+}
+
+void UdpSocket::unwatchShared() {
+    detail::ReaderService::Entry* pEntry = entryOf(m_pShared);
+    if (pEntry != nullptr) {
+        detail::ReaderService::instance()->remove(pEntry);
+    }
+}
+
+bool UdpSocket::setReceiveTimeout(int timeoutMs) {
+    if (m_fd < 0 || timeoutMs < 0) {
+        return false;
+    }
+    timeval limit;
+    limit.tv_sec = timeoutMs / 1000;
+    limit.tv_usec = (timeoutMs % 1000) * 1000;
+    return ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0;
 }
 
 void UdpSocket::close() {

@@ -15,6 +15,11 @@
 // (armWatch, disarmWatch, waitReadable): one sleeps in waitReadable while the other reads, and the
 // turn passes by arming and disarming; the caller serialises the receives and the arming.
 //
+// The shared watch (watchShared, armShared, disarmShared, unwatchShared): one thread of the process
+// waits for every socket registered with it and calls the socket's reader on that thread when a
+// datagram is waiting or the socket has been closed, so that many quiet sockets cost one sleeping
+// thread instead of one each. It reports like the readiness watch: one-shot, level-triggered.
+//
 // Batches: receiveBatch and tryReceiveBatch take several waiting datagrams in one system call,
 // sendBatchTo hands several datagrams for one destination to the system in as few calls as it
 // takes; each datagram is still one whole datagram on the wire, in the order given. Their
@@ -49,7 +54,8 @@ public:
     // or once the socket is closed. `from` and `fromPort` receive the sender.
     int receiveFrom(void* buffer, int size, HostAddress& from, uint16& fromPort);
 
-    // receiveFrom that never blocks: WOULD_BLOCK when no datagram is waiting.
+    // receiveFrom that never blocks: WOULD_BLOCK when no datagram is waiting (and what a blocking
+    // receive answers when a receive time-out passes, see setReceiveTimeout).
     static const int WOULD_BLOCK = -2;
     int tryReceiveFrom(void* buffer, int size, HostAddress& from, uint16& fromPort);
 
@@ -107,6 +113,33 @@ public:
     bool waitReadable();
     // Arms the watch so that waitReadable() returns at once, datagram or not.
     bool wakeWatcher();
+    // waitReadable() for at most `timeoutMs` milliseconds: 1 on a report, 0 when the time passed
+    // without one, -1 when there is no watch or the wait failed.
+    int waitReadableFor(int timeoutMs);
+
+    // What the shared watch calls. onReadable() runs on the watch's one thread, which serves every
+    // registered socket of the process: it must not wait for long, and it may arm, disarm or
+    // unwatch any socket, its own included.
+    class SAL_EXPORT IReader {
+    public:
+        virtual ~IReader() = default;
+        virtual void onReadable() = 0;
+    };
+    // Registers the socket with the shared watch, disarmed; `pReader` must outlive the
+    // registration. False when the system gives no watch (no descriptor or thread to spare) or the
+    // socket is registered already.
+    bool watchShared(IReader* pReader);
+    // Arms the shared watch (reporting at once a datagram already waiting, or a closed socket);
+    // every report disarms it again. False when the socket is not registered.
+    bool armShared();
+    bool disarmShared();
+    // Ends the registration. When it returns, the reader is not running for this socket (unless
+    // it is the reader that calls it) and is never called again. The destructor does it too.
+    void unwatchShared();
+
+    // Blocking receives (receiveFrom, receiveBatch) give up after `timeoutMs` milliseconds without
+    // a datagram and answer WOULD_BLOCK; 0 (the default) waits without a limit.
+    bool setReceiveTimeout(int timeoutMs);
 
     void close();  // idempotent
     bool isClosed() const { return m_bClosed.load(std::memory_order_acquire); }
@@ -127,6 +160,9 @@ private:
     int m_family;                // AF_INET6 (dual-stack) or AF_INET, fixed at creation
     std::atomic<int> m_watchFd;  // the readiness watch (an epoll set), made by the first armWatch
     std::atomic<bool> m_bClosed;
+    // The shared watch's entry (readerservice.h): made by watchShared, removed by unwatchShared,
+    // handed back by the destructor. Set once; a reader may use it for another socket.
+    std::atomic<void*> m_pShared;
 };
 
 }  // namespace sal
