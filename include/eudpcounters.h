@@ -48,6 +48,10 @@ public:
         return m_hardened[cause].fetch_add(1, std::memory_order_relaxed) + 1;
     }
 
+    std::uint64_t hardened(EEUDPHardenedCause cause) const {
+        return m_hardened[cause].load(std::memory_order_relaxed);
+    }
+
     // Fills the counters and the two timing fields; the caller adds the "now" state it owns.
     void fill(EUDPStatistics& out) const;
 

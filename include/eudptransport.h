@@ -4,7 +4,9 @@
 // per-peer objects from accept(): each answers its client's CON from a port of its own. A connected
 // object (client after connect(), server as returned by accept()) owns its socket, a sender thread,
 // a receiver thread, two rings of 1000 packets (room reserved at construction, memory taken as
-// slots are first used) and two liveness timers.
+// slots are first used) and two liveness timers. While its link is quiet (no datagram for 200 ms)
+// the socket is read by the process's one shared reading thread instead, and the link's own
+// threads sleep.
 //
 // Data datagrams are numbered modulo 65535. Each direction runs realtime (sent once, gaps skipped)
 // or reliable (window of unacknowledged datagrams, NAK and go-back resend after 500 ms); modes and
@@ -234,6 +236,14 @@ private:
         EUDPTransport* m_pTransport;
     };
 
+    // The shared watch's reader (sal::UdpSocket::watchShared): reads the socket on the shared
+    // watch's thread while the link is quiet (readShared).
+    class TARN_NO_EXPORT SharedReader : public sal::UdpSocket::IReader {
+    public:
+        void onReadable() override;
+        EUDPTransport* m_pTransport{nullptr};
+    };
+
     // Sends one header-only datagram now from the calling thread; port 0 means m_peerPort.
     bool sendPacket(EEUDPCommand command, std::uint32_t value, uint16 port);
     // Liveness supervision (periods in microseconds).
@@ -325,6 +335,17 @@ private:
     // receiveData's wait while nothing is delivered: the caller takes the reading turn and reads
     // the socket itself.
     TARN_NO_EXPORT void readWhileWaiting();
+    // The shared watch's report for a quiet link: one read, handled as the receiver thread would.
+    TARN_NO_EXPORT void readShared();
+    // The receiver thread's watch had no report for a quiet spell: the shared watch takes over.
+    // False when a receiveData caller holds the turn (it decides as it leaves).
+    TARN_NO_EXPORT bool handToSharedWatch(sal::UdpSocket* pSocket);
+    // Arms or disarms whichever watch the socket is under now.
+    TARN_NO_EXPORT void armWatcher(sal::UdpSocket* pSocket);
+    TARN_NO_EXPORT void disarmWatcher(sal::UdpSocket* pSocket);
+    // Gives the reading turn back, then arms the watch in charge (exported for the test suite,
+    // which holds the turn as a reader does).
+    void leaveTurn(std::unique_lock<std::mutex>& turn, sal::UdpSocket* pSocket);
     // One read of the socket, by whoever reads it: the first datagram into `packet` and whatever
     // else is already waiting behind it (up to two, or READ_BATCH while they come in runs) taken in the same
     // system call, then each handled in arrival order as if read alone. `bWait`: block for the first
@@ -433,6 +454,15 @@ private:
     // ends, and when the system refused a watch): a waiting caller reads only this one.
     sal::UdpSocket* m_pReadSocket{nullptr};
     std::atomic<bool> m_bReaderWaiting{false};  // a receiveData caller waits for the turn
+    std::mutex m_armLock;  // held by a leaving holder of the turn from before it gives the turn back until it
+                           // has armed the watch
+    // Whether a quiet link may be handed to the process's shared watch (the socket is registered
+    // with it and its blocking receives give up when quiet), set as the receiver thread starts; and
+    // whether the shared watch, rather than the receiver thread, watches the socket now. The turn's
+    // holder changes the second; the receiver thread reads it before it sleeps.
+    std::atomic<bool> m_bSharedUsable{false};
+    std::atomic<bool> m_bSharedWatch{false};
+    SharedReader m_sharedReader;
     // Room for the datagrams that one read takes behind its first: mapped by the first read, used
     // by whoever reads, its pages touched only as far as datagrams fill them.
     static const int READ_BATCH = 32;

@@ -17,6 +17,12 @@ using Corvane::Utilities::Logging::eWarning;
 
 namespace {
 
+// How long a link goes without a datagram before its reading passes to the process's shared
+// watch: well below the shortest keep-alive period (500 ms), so that a link carrying keep-alives
+// only is read there, and long enough that traffic at a few messages a second stays with its own
+// reader.
+const int QUIET_MS = 200;
+
 // How the answering side takes one requested letter: true when accepted ('D' leaves it as it is).
 bool applyModeRequest(std::uint8_t requested, const std::atomic<bool>& allowRealtime,
                       const std::atomic<bool>& allowReliable, std::atomic<EConnMode>& mode) {
@@ -52,6 +58,9 @@ void EUDPTransport::receiverThread() {
         std::lock_guard<std::mutex> lock(m_readLock);
         bWatched = pSocket->armWatch();
         m_pReadSocket = bWatched ? pSocket : nullptr;
+        m_bSharedWatch.store(false);
+        m_bSharedUsable.store(bWatched && pSocket->watchShared(&m_sharedReader) &&
+                              pSocket->setReceiveTimeout(QUIET_MS));
     }
     if (bWatched) {
         receiveInTurn(pSocket, packet);
@@ -64,6 +73,9 @@ void EUDPTransport::receiverThread() {
             }
         }
     }
+    // From here on the shared watch calls nobody for this socket.
+    pSocket->unwatchShared();
+    m_bSharedUsable.store(false);
 
     leaveAdmission();
     m_sendWakeSem.give();
@@ -74,13 +86,27 @@ void EUDPTransport::receiverThread() {
 // arms the watch again. It hands the turn over early when a receiveData caller asks for it; that
 // caller disarms the watch and arms it again as it leaves, so whatever arrives while nobody waits
 // in receiveData still wakes this thread.
+//
+// A link whose datagrams stop for QUIET_MS is handed to the process's shared watch, whose one
+// thread then reads it (readShared) while this thread sleeps: keep-alives of quiet links wake one
+// thread for all of them. A run of datagrams (a read that fills its room) hands it back, and a
+// closed connection wakes this thread to end.
 void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
     const sal::HostAddress noAddress;
     bool bOpen = true;
+    // Set when a quiet spell found a receiveData caller holding the turn: the caller decides what
+    // watches the socket as it leaves, and this thread sleeps without a limit until its watch reports.
+    bool bCallerReads = false;
     while (bOpen) {
-        const bool bWoken = pSocket->waitReadable();
-        std::lock_guard<std::mutex> lock(m_readLock);
-        if (!bWoken) {
+        const bool bTimed = m_bSharedUsable.load() && !m_bSharedWatch.load() && !bCallerReads;
+        const int woken = pSocket->waitReadableFor(bTimed ? QUIET_MS : -1);
+        if (woken == 0) {
+            bCallerReads = !handToSharedWatch(pSocket);
+            continue;
+        }
+        bCallerReads = false;
+        std::unique_lock<std::mutex> lock(m_readLock);
+        if (woken < 0) {
             // A failed wait ends it like a failed receive.
             bOpen = handleDatagram(packet, -1, noAddress, 0);
         }
@@ -97,10 +123,84 @@ void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
             }
         }
         if (bOpen) {
-            pSocket->armWatch();
+            leaveTurn(lock, pSocket);
         } else {
             m_pReadSocket = nullptr;
         }
+    }
+}
+
+// A caller holding the turn reads the socket and arms the watch as it leaves; a datagram that
+// came between the time-out and the hand-over is not lost, since arming the shared watch reports a
+// datagram already waiting.
+bool EUDPTransport::handToSharedWatch(sal::UdpSocket* pSocket) {
+    std::unique_lock<std::mutex> lock(m_readLock, std::try_to_lock);
+    if (!lock.owns_lock()) {
+        return false;
+    }
+    // Like every holder of the turn, it leaves the watch that is in charge armed; a closed
+    // connection stays with this thread, whose watch reports the closed socket at once.
+    if (!m_bSharedWatch.load() && !m_bClosed.load()) {
+        pSocket->disarmWatch();
+        m_bSharedWatch.store(true);
+    }
+    leaveTurn(lock, pSocket);
+    return true;
+}
+
+void EUDPTransport::SharedReader::onReadable() {
+    m_pTransport->readShared();
+}
+
+// Runs on the shared watch's thread, which serves every quiet link of the process: it never waits
+// for the turn (its holder arms the watch again as it leaves) and reads once. A read that fills its
+// room hands the link back to its receiver thread; the end of the connection wakes that thread.
+void EUDPTransport::readShared() {
+    std::unique_lock<std::mutex> lock(m_readLock, std::try_to_lock);
+    if (!lock.owns_lock() || !m_bSharedWatch.load() || m_pReadSocket == nullptr) {
+        return;
+    }
+    sal::UdpSocket* pSocket = m_pReadSocket;
+    EUDPPacket packet;
+    bool bNothing = false;
+    const std::uint64_t failuresBefore = m_counters.hardened(eHardenedReceiveError);
+    if (m_bClosed.load() || !readAndHandle(pSocket, packet, false, bNothing)) {
+        m_bSharedWatch.store(false);
+        pSocket->wakeWatcher();
+        return;
+    }
+    // A failed receive that hardened mode survives is likely to fail again at once, and its pause
+    // belongs on the link's own thread rather than on the one that serves every quiet link.
+    if (m_readRoom.load(std::memory_order_relaxed) > sal::UdpSocket::SMALL_BATCH ||
+        m_counters.hardened(eHardenedReceiveError) != failuresBefore) {
+        m_bSharedWatch.store(false);
+    }
+    leaveTurn(lock, pSocket);
+}
+
+// The watch is armed only once the turn is free: the shared watch never waits for the turn, and a
+// report that found it still held would be lost. A report that finds a new holder is not: that one
+// arms the watch again as it leaves. m_armLock, taken before the turn is given back, keeps the arm
+// inside what the destructor waits for.
+void EUDPTransport::leaveTurn(std::unique_lock<std::mutex>& turn, sal::UdpSocket* pSocket) {
+    std::lock_guard<std::mutex> arming(m_armLock);
+    turn.unlock();
+    armWatcher(pSocket);
+}
+
+void EUDPTransport::armWatcher(sal::UdpSocket* pSocket) {
+    if (m_bSharedWatch.load()) {
+        pSocket->armShared();
+    } else {
+        pSocket->armWatch();
+    }
+}
+
+void EUDPTransport::disarmWatcher(sal::UdpSocket* pSocket) {
+    if (m_bSharedWatch.load()) {
+        pSocket->disarmShared();
+    } else {
+        pSocket->disarmWatch();
     }
 }
 
@@ -304,20 +404,27 @@ void EUDPTransport::readWhileWaiting() {
     if (pSocket == nullptr) {
         return;
     }
-    pSocket->disarmWatch();
+    disarmWatcher(pSocket);
     EUDPPacket packet;
     bool bNothing = false;
     while (!m_bClosed.load() && m_receiveSem.getCount() == 0) {
         if (!readAndHandle(pSocket, packet, true, bNothing)) {
             break;
         }
+        // A receive that gave up after QUIET_MS (only when the link may go to the shared watch):
+        // the link is quiet, the shared watch takes it, and the caller sleeps until a delivery.
+        if (bNothing) {
+            m_bSharedWatch.store(true);
+            break;
+        }
     }
     // When the connection is over the receiver thread is woken at once, datagram or not, and ends
     // as it always does (giving the count that this caller's take then finds).
     if (m_bClosed.load()) {
+        m_bSharedWatch.store(false);
         pSocket->wakeWatcher();
     } else {
-        pSocket->armWatch();
+        leaveTurn(lock, pSocket);
     }
 }
 

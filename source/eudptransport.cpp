@@ -192,6 +192,7 @@ EUDPTransport::EUDPTransport()
     m_pSocket.store(newSocket());
     m_sender.m_pTransport = this;
     m_receiver.m_pTransport = this;
+    m_sharedReader.m_pTransport = this;
 }
 
 EUDPTransport::EUDPTransport(const sal::HostAddress& address, unsigned short port) : EUDPTransport() {
@@ -235,9 +236,12 @@ EUDPTransport::~EUDPTransport() {
     // A datagram that sendData sends after giving m_sendMutex back leaves under m_wireLock.
     m_wireLock.lock();
     m_wireLock.unlock();
-    // A reader that waited in receiveData last touched the socket (its watch) under m_readLock.
+    // A reader that waited in receiveData last touched the socket (its watch) under m_readLock,
+    // or, arming the watch as it left, under m_armLock, which it took before giving m_readLock back.
     m_readLock.lock();
     m_readLock.unlock();
+    m_armLock.lock();
+    m_armLock.unlock();
 
     delete pSocket;
     m_pSocket.store(nullptr);

@@ -43,7 +43,7 @@ std::string receiveWithin(EUDPTransport& t, int timeoutMs) {
 // Queues `datagrams` in the server's socket while the reading turn is held, so that whoever reads
 // next finds them all waiting.
 void queueAll(ServerWithRawPeer& peer, const std::vector<Bytes>& datagrams) {
-    std::lock_guard<std::mutex> turn(EUDPTransportTest::readLock(*peer.server));
+    EUDPTransportTest::HeldTurn turn(*peer.server);
     for (const Bytes& datagram : datagrams) {
         ASSERT_TRUE(peer.sendToServer(datagram));
     }
@@ -96,7 +96,7 @@ TEST(EUDPBatch, LastQueuedDatagramIsNotHeldBackFromAWaitingReader) {
     std::string first;
     std::thread reader;
     {
-        std::lock_guard<std::mutex> turn(EUDPTransportTest::readLock(*peer.server));
+        EUDPTransportTest::HeldTurn turn(*peer.server);
         reader = std::thread([&] {
             std::uint8_t buffer[64];
             const int n = peer.server->receiveData(buffer, sizeof buffer);

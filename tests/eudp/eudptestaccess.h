@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <eudptransport.h>
@@ -28,8 +29,26 @@ public:
     static RingBuffer<EUDPPacket>& receiveBuffer(EUDPTransport& t) { return t.m_receiveBuffer; }
     static sal::MutexSemaphore& sendMutex(EUDPTransport& t) { return t.m_sendMutex; }
     static std::mutex& wireLock(EUDPTransport& t) { return t.m_wireLock; }
-    // The reading turn: while a test holds it, datagrams stay queued in the socket.
-    static std::mutex& readLock(EUDPTransport& t) { return t.m_readLock; }
+    // The reading turn, held as a reader holds it: while a test holds it, datagrams stay queued in
+    // the socket; given back, it leaves whatever watches the socket armed, as every holder does.
+    class HeldTurn {
+    public:
+        explicit HeldTurn(EUDPTransport& t) : m_t(t), m_lock(t.m_readLock) {}
+        ~HeldTurn() {
+            if (m_t.m_pReadSocket != nullptr) {
+                m_t.leaveTurn(m_lock, m_t.m_pReadSocket);
+            }
+        }
+        HeldTurn(const HeldTurn&) = delete;
+        HeldTurn& operator=(const HeldTurn&) = delete;
+
+    private:
+        EUDPTransport& m_t;
+        std::unique_lock<std::mutex> m_lock;
+    };
+    // Whether a quiet link may pass to the process's shared watch, and whether it is there now.
+    static bool sharedUsable(const EUDPTransport& t) { return t.m_bSharedUsable.load(); }
+    static bool sharedWatch(const EUDPTransport& t) { return t.m_bSharedWatch.load(); }
     // How many datagrams the next read of the socket asks for.
     static int readRoom(const EUDPTransport& t) { return t.m_readRoom.load(); }
     // Whether the sender waits for an acknowledgement (its thread sending nothing until then).

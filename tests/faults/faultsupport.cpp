@@ -237,7 +237,7 @@ int ownThreadCount() {
         std::ifstream in(std::string("/proc/self/task/") + entry->d_name + "/comm");
         std::string name;
         std::getline(in, name);
-        if (name.compare(0, 9, "sal-timer") != 0) {
+        if (name.compare(0, 9, "sal-timer") != 0 && name != "sal-reader") {
             ++count;
         }
     }

@@ -104,8 +104,9 @@ std::string checkIncreasing(const std::vector<int>& values);
 // Resident memory of this process in KiB, and its number of threads, from /proc/self/status.
 long residentKb();
 int threadCount();
-// Threads without the platform's shared timer threads ("sal-timer*"), which are started with the
-// first timer and live as long as the process: what connections themselves cost.
+// Threads without the platform's shared threads (the timers' "sal-timer*" and the shared socket
+// watch's "sal-reader"), which are started with the first timer or watched socket and live as long
+// as the process: what connections themselves cost.
 int ownThreadCount();
 
 // Prints a measured figure in one recognisable line ("[ figure ] ...") for the report.
