@@ -12,6 +12,7 @@
 #include <sal/udpsocket.h>
 
 #include "testsupport.h"
+#include "udpsockettest.h"
 
 namespace {
 
@@ -22,13 +23,8 @@ using testsupport::nowMs;
 using testsupport::RawUdp;
 using testsupport::waitUntil;
 
-const HostAddress kLoopback("127.0.0.1");
-
-std::unique_ptr<UdpSocket> makeBound() {
-    std::unique_ptr<UdpSocket> socket(new UdpSocket);
-    EXPECT_TRUE(socket->bind(kLoopback, 0));
-    return socket;
-}
+const HostAddress& kLoopback = udpsockettest::loopback();
+using udpsockettest::makeBound;
 
 // Counts its calls and the thread they came on; reads one datagram per call when asked to.
 class CountingReader : public UdpSocket::IReader {

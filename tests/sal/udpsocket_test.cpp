@@ -17,6 +17,7 @@
 #include <sal/udpsocket.h>
 
 #include "testsupport.h"
+#include "udpsockettest.h"
 
 namespace {
 
@@ -27,14 +28,8 @@ using testsupport::nowMs;
 using testsupport::RawUdp;
 using testsupport::waitUntil;
 
-const HostAddress kLoopback("127.0.0.1");
-
-std::unique_ptr<UdpSocket> makeBound() {
-    std::unique_ptr<UdpSocket> socket(new UdpSocket);
-    EXPECT_TRUE(socket->bind(kLoopback, 0));
-    EXPECT_NE(0, socket->getLocalPort());
-    return socket;
-}
+const HostAddress& kLoopback = udpsockettest::loopback();
+using udpsockettest::makeBound;
 
 TEST(UdpSocket, SendToAndReceiveFrom) {
     auto socket = makeBound();
