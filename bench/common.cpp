@@ -83,8 +83,11 @@ std::uint64_t backlogDrops() {
     return total;
 }
 
-std::uint64_t udpReceiveBufferErrors() {
-    // Two "Udp:" lines: the column names, then the values.
+namespace {
+
+// One column of the "Udp:" lines of /proc/net/snmp (the column names, then the values); 0 when
+// missing.
+std::uint64_t udpCounter(const char* name) {
     std::ifstream in("/proc/net/snmp");
     std::string line;
     std::vector<std::string> names;
@@ -102,13 +105,23 @@ std::uint64_t udpReceiveBufferErrors() {
             continue;
         }
         for (std::size_t i = 0; i < names.size() && i < row.size(); ++i) {
-            if (names[i] == "RcvbufErrors") {
+            if (names[i] == name) {
                 return std::strtoull(row[i].c_str(), nullptr, 10);
             }
         }
         return 0;
     }
     return 0;
+}
+
+}  // namespace
+
+std::uint64_t udpReceiveBufferErrors() {
+    return udpCounter("RcvbufErrors");
+}
+
+std::uint64_t udpOutDatagrams() {
+    return udpCounter("OutDatagrams");
 }
 
 void raiseSoftLimits() {

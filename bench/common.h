@@ -31,6 +31,8 @@ int threadCount();
 // The system's count of UDP datagrams dropped for a full socket receive buffer (RcvbufErrors in
 // /proc/net/snmp). System-wide: other UDP traffic on the machine counts too.
 std::uint64_t udpReceiveBufferErrors();
+// UDP datagrams the system has sent (OutDatagrams in /proc/net/snmp); system-wide as well.
+std::uint64_t udpOutDatagrams();
 // Packets the system dropped before any socket saw them, because a processor's queue of received
 // packets (netdev_max_backlog) was full: the sum of the second column of /proc/net/softnet_stat.
 std::uint64_t backlogDrops();

@@ -142,7 +142,22 @@ void writeScaleSetUp(std::ostream& out, const ScaleResult& scale) {
             << format("%.1f", t.idleSeconds) << " s with the " << t.name << " pairs"
             << (i == 0 ? "" : " added");
     }
-    out << "; each transport's share is what its spell added.\n\n";
+    out << "; each transport's share is what its spell added.\n";
+    const IdleFloor& floor = scale.idleFloor;
+    for (const ScaleTransport& t : scale.transports) {
+        if (t.name != "EUDP" || !floor.ran || floor.ends == 0) {
+            continue;
+        }
+        out << "\nThe EUDP ends sent " << format("%.0f", t.idleDatagramsPerSecond)
+            << " datagrams/s over their spell. The floor for that exchange, " << floor.ends
+            << " raw UDP sockets in pairs exchanging " << format("%.0f", floor.datagramsPerSecond)
+            << " datagrams/s (keep-alives from one thread, each answered by one thread waiting on an epoll "
+               "set "
+               "of them all), took "
+            << format("%.2f", floor.cpuPercent) << " % of one core over " << format("%.1f", floor.seconds)
+            << " s: " << format("%.2f", floor.cpuPercent * 1000.0 / floor.ends) << " % per 1000 ends.\n";
+    }
+    out << "\n";
 }
 
 void writeScaleLoad(std::ostream& out, const ScaleResult& scale, const Config& config) {
@@ -384,6 +399,7 @@ void jsonScaleTransport(std::ostream& out, const ScaleTransport& t) {
         << ", \"idle_process_cpu_pct\": " << jsonNumber(t.idleProcessCpuPercent)
         << ", \"idle_cpu_pct\": " << jsonNumber(t.idleCpuPercent)
         << ", \"idle_cpu_pct_per_1000_ends\": " << jsonNumber(t.idleCpuPercentPer1000Ends())
+        << ", \"idle_datagrams_per_second\": " << jsonNumber(t.idleDatagramsPerSecond)
         << ", \"completed\": " << t.completed << ", \"lost\": " << t.lost << ", \"skipped\": " << t.skipped
         << ", \"dropped\": " << t.dropped << ", \"rate\": " << jsonNumber(t.roundTripsPerSecond)
         << ", \"expected_rate\": " << jsonNumber(t.expectedPerSecond)
@@ -400,7 +416,19 @@ void jsonScale(std::ostream& out, const ScaleResult& scale) {
     out << "{\"load_seconds\": " << jsonNumber(scale.loadSeconds)
         << ", \"load_cpu_pct\": " << jsonNumber(scale.loadCpuPercent)
         << ", \"threads_at_peak\": " << scale.threadsAtPeak << ", \"rss_at_peak\": " << scale.residentAtPeak
-        << ", \"teardown_seconds\": " << jsonNumber(scale.teardownSeconds) << ", \"transports\": [";
+        << ", \"teardown_seconds\": " << jsonNumber(scale.teardownSeconds);
+    const IdleFloor& floor = scale.idleFloor;
+    out << ", \"idle_floor\": ";
+    if (floor.ran) {
+        out << "{\"ends\": " << floor.ends
+            << ", \"datagrams_per_second\": " << jsonNumber(floor.datagramsPerSecond)
+            << ", \"seconds\": " << jsonNumber(floor.seconds)
+            << ", \"cpu_pct\": " << jsonNumber(floor.cpuPercent) << ", \"cpu_pct_per_1000_ends\": "
+            << jsonNumber(floor.ends > 0 ? floor.cpuPercent * 1000.0 / floor.ends : 0) << "}";
+    } else {
+        out << "null";
+    }
+    out << ", \"transports\": [";
     for (std::size_t i = 0; i < scale.transports.size(); ++i) {
         out << (i == 0 ? "" : ", ");
         jsonScaleTransport(out, scale.transports[i]);

@@ -198,7 +198,12 @@ void setUp(TarnServer& tcpServer, TarnServer& eudpServer, Side& tcp, Side& eudp,
     std::fprintf(stderr, "  scale: connecting %d EUDP clients, then %.0f s idle\n", config.scaleClients,
                  config.scaleIdleSeconds);
     connectAll(eudpServer, eTransportEUDP, eudp, config.scaleClients);
+    const std::uint64_t datagramsBefore = udpOutDatagrams();
     eudp.result.idleProcessCpuPercent = idleSpell(config.scaleIdleSeconds, eudp.result.idleSeconds);
+    // Counted from before the pause that idleSpell takes ahead of its measurement: a rate, not a count.
+    eudp.result.idleDatagramsPerSecond =
+        static_cast<double>(udpOutDatagrams() - datagramsBefore) /
+        (eudp.result.idleSeconds + std::min(1.0, config.scaleIdleSeconds / 2));
     eudp.result.idleCpuPercent = eudp.result.idleProcessCpuPercent - tcp.result.idleProcessCpuPercent;
 }
 
@@ -277,6 +282,12 @@ ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config
     std::vector<Side*> sides{&tcp, &eudp};
     load(sides, config, result);
     tearDown(sides, result);
+    if (eudp.result.connected > 0) {
+        std::fprintf(stderr, "  scale: the raw-UDP floor of the EUDP idle spell, %.0f s\n",
+                     config.scaleIdleSeconds);
+        result.idleFloor = measureIdleFloor(eudp.result.connected, eudp.result.idleDatagramsPerSecond / 2,
+                                            config.scaleIdleSeconds);
+    }
     result.transports.push_back(tcp.result);
     result.transports.push_back(eudp.result);
     result.ran = true;
@@ -319,6 +330,9 @@ std::vector<std::string> scaleProblems(const ScaleResult& result) {
         }
         if (t.idleSeconds <= 0) {
             problems.push_back(what + "no idle spell measured");
+        }
+        if (t.name == "EUDP" && t.connected > 0 && !result.idleFloor.ran) {
+            problems.push_back(what + "no raw-UDP floor measured for its idle spell");
         }
         if (t.completed == 0 || t.p50Us <= 0) {
             problems.push_back(what + "no round trip completed under load");

@@ -7,6 +7,10 @@
 // CPU times in /proc over the spell, TCP's spell before any EUDP pair exists, EUDP's share being
 // what its spell adds to TCP's), and under the load the aggregate round-trip rate, its
 // distribution and the connections that dropped. EUDP pairs keep their default (realtime) modes.
+//
+// After the tear-down, the floor for EUDP's idle spell (idlefloor.h): raw UDP pairs exchanging as
+// many datagrams a second as the idle EUDP ends sent, half of them keep-alives and half their
+// answers, with one sending and one reading thread.
 #ifndef TARN_BENCH_SCALE_H
 #define TARN_BENCH_SCALE_H
 
@@ -15,6 +19,7 @@
 #include <vector>
 
 #include "common.h"
+#include "idlefloor.h"
 #include "tarnfixture.h"
 
 namespace bench {
@@ -30,13 +35,14 @@ struct ScaleTransport {
     double handshakeMaxMs = 0;
     std::int64_t residentDelta = 0;  // bytes added by the idle pairs (both ends live in this process)
     int threadDelta = 0;
-    double idleSeconds = 0;            // the idle spell after this transport's pairs came up
-    double idleProcessCpuPercent = 0;  // of one core, the whole process over that spell
-    double idleCpuPercent = 0;         // of one core, the share of this transport's ends
-    std::uint64_t completed = 0;       // round trips answered during the load
-    std::uint64_t lost = 0;            // calls left unanswered for a second
-    std::uint64_t skipped = 0;         // ticks that found the previous call still open
-    int dropped = 0;                   // client ends that reported eDisconnected before the tear-down
+    double idleSeconds = 0;             // the idle spell after this transport's pairs came up
+    double idleProcessCpuPercent = 0;   // of one core, the whole process over that spell
+    double idleCpuPercent = 0;          // of one core, the share of this transport's ends
+    double idleDatagramsPerSecond = 0;  // UDP datagrams the system sent over the spell
+    std::uint64_t completed = 0;        // round trips answered during the load
+    std::uint64_t lost = 0;             // calls left unanswered for a second
+    std::uint64_t skipped = 0;          // ticks that found the previous call still open
+    int dropped = 0;                    // client ends that reported eDisconnected before the tear-down
     double roundTripsPerSecond = 0;
     double expectedPerSecond = 0;
     double p50Us = 0;
@@ -58,6 +64,7 @@ struct ScaleResult {
     int threadsAtPeak = 0;
     std::uint64_t residentAtPeak = 0;
     double teardownSeconds = 0;
+    IdleFloor idleFloor;  // for the EUDP ends' idle spell
 };
 
 ScaleResult runScale(TarnServer& tcpServer, TarnServer& eudpServer, const Config& config);
