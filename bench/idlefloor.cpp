@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -125,6 +126,9 @@ IdleFloor measureIdleFloor(int pairs, double keepAlivesPerSecond, double seconds
         std::atomic<std::uint64_t> sent{0};
         std::thread reader([&] { answer(epollFd, fds, stop, sent); });
         std::thread sender([&] { sendKeepAlives(fds, keepAlivesPerSecond, stop, sent); });
+        // Named so that a profile tells them from the library's threads.
+        ::pthread_setname_np(reader.native_handle(), "floor-reader");
+        ::pthread_setname_np(sender.native_handle(), "floor-sender");
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const double cpuStart = procCpuSeconds();
         const std::uint64_t sentStart = sent.load();
