@@ -1,5 +1,6 @@
 #include "common.h"
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -115,6 +116,25 @@ std::uint64_t udpCounter(const char* name) {
 }
 
 }  // namespace
+
+// PR_FUTEX_HASH and its two requests, for headers older than the kernels that have them.
+namespace futexhash {
+const int kOption = 78;
+const unsigned long kSetSlots = 1;
+const unsigned long kGetSlots = 2;
+}  // namespace futexhash
+
+bool useGlobalFutexHash() {
+    return ::prctl(futexhash::kOption, futexhash::kSetSlots, 0UL, 0UL, 0UL) == 0;
+}
+
+std::string futexHashText() {
+    const int slots = ::prctl(futexhash::kOption, futexhash::kGetSlots, 0UL, 0UL, 0UL);
+    if (slots < 0) {
+        return "not told by the system";
+    }
+    return slots == 0 ? "the system's" : std::to_string(slots) + " slots of its own";
+}
 
 std::uint64_t udpReceiveBufferErrors() {
     return udpCounter("RcvbufErrors");

@@ -45,8 +45,16 @@ struct MachineInfo {
     std::string kernel;
     std::string loadAtStart;
     std::string loadAtEnd;
+    std::string futexHash;  // futexHashText() at the end of the run
 };
 MachineInfo machineInfo();
+// Asks the system (Linux 6.17 and later) to serve this process's futexes from the system-wide
+// hash instead of a hash of its own, whose size follows the number of processors (16 slots on two)
+// however many threads wait; false when the system refuses.
+bool useGlobalFutexHash();
+// Which futex hash serves the process: "16 slots of its own", "the system's", or "not told by the
+// system" on kernels without the choice.
+std::string futexHashText();
 std::string loadAverage();
 
 // What one run of the harness does; --quick shrinks every count.
@@ -66,6 +74,7 @@ struct Config {
     bool runStreams = true;
     bool runRoundTrips = true;
     bool runScale = true;
+    bool globalFutexHash = false;  // --global-futex-hash: useGlobalFutexHash() before anything runs
     std::string only;  // run just the series whose key contains this ("scale": the scale scenario)
     int scaleClients = 1000;
     double scaleSeconds = 30.0;

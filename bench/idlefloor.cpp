@@ -85,7 +85,8 @@ void answer(int epollFd, const std::vector<int>& fds, const std::atomic<bool>& s
 void sendKeepAlives(const std::vector<int>& fds, double keepAlivesPerSecond, const std::atomic<bool>& stop,
                     std::atomic<std::uint64_t>& sent) {
     const std::int64_t ends = static_cast<std::int64_t>(fds.size());
-    const std::int64_t periodNs = static_cast<std::int64_t>(1e9 * static_cast<double>(ends) / keepAlivesPerSecond);
+    const std::int64_t periodNs =
+        static_cast<std::int64_t>(1e9 * static_cast<double>(ends) / keepAlivesPerSecond);
     const std::int64_t start = nowNs();
     const std::int64_t grouping = 1000000;
     for (std::int64_t k = 0; !stop.load(std::memory_order_relaxed); ++k) {

@@ -2,13 +2,18 @@
 //
 //   tarn-bench [--quick] [--json] [--out FILE] [--reps N] [--messages N] [--roundtrips N]
 //              [--scale-clients N] [--scale-seconds S] [--scale-idle S] [--no-streams] [--no-rtt]
-//              [--no-scale] [--only TEXT]
+//              [--no-scale] [--only TEXT] [--global-futex-hash]
 //
 // Markdown goes to standard output (JSON with --json); --out also writes the JSON to FILE.
 // Progress goes to standard error. --only runs just the series whose key (e.g. "tarn-eudp-rt/16")
 // contains TEXT, or one of several texts separated by commas, which is what a profiler wants to
 // look at; --only scale runs the scale scenario alone. The exit status is 3 when some scenario
 // never completed a run or left a figure unmeasured.
+//
+// --global-futex-hash has the process's futexes served from the system-wide hash (Linux 6.17 and
+// later). Without it the system gives a process a hash of its own sized by the number of
+// processors, and with thousands of threads asleep (three per EUDP end) every wake-up walks a long
+// chain of them; the report names the hash the run had.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -51,7 +56,7 @@ void usage() {
         stderr,
         "usage: tarn-bench [--quick] [--json] [--out FILE] [--reps N] [--messages N] [--roundtrips N]\n"
         "                  [--scale-clients N] [--scale-seconds S] [--scale-idle S] [--no-streams]\n"
-        "                  [--no-rtt] [--no-scale] [--only TEXT | --only scale]\n");
+        "                  [--no-rtt] [--no-scale] [--only TEXT | --only scale] [--global-futex-hash]\n");
 }
 
 Options parse(int argc, char** argv) {
@@ -101,6 +106,8 @@ Options parse(int argc, char** argv) {
             c.only = argv[++i];
         } else if (arg == "--no-scale") {
             c.runScale = false;
+        } else if (arg == "--global-futex-hash") {
+            c.globalFutexHash = true;
         } else {
             options.ok = false;
         }
@@ -443,6 +450,9 @@ int main(int argc, char** argv) {
     }
     const std::int64_t start = nowNs();
     const Config& c = results.config;
+    if (c.globalFutexHash && !useGlobalFutexHash()) {
+        std::fprintf(stderr, "tarn-bench: the system refused the global futex hash\n");
+    }
     if (!enetAvailable()) {
         std::fprintf(stderr, "tarn-bench: built without ENet; its rows stay empty\n");
     }
@@ -480,6 +490,7 @@ int main(int argc, char** argv) {
 
     const bool complete = reportProblems(results);
     results.machine.loadAtEnd = loadAverage();
+    results.machine.futexHash = futexHashText();
     results.totalSeconds = (nowNs() - start) / 1e9;
     if (options.json) {
         writeJson(std::cout, results);

@@ -454,7 +454,7 @@ void writeMarkdown(std::ostream& out, const Results& results) {
         << "Machine: " << results.machine.cores << " cores, " << results.machine.cpuModel << ", "
         << results.machine.kernel << "; load average " << results.machine.loadAtStart << " at the start, "
         << results.machine.loadAtEnd << " at the end. Run time " << format("%.0f", results.totalSeconds)
-        << " s.\n\n"
+        << " s. Futex hash of the process: " << results.machine.futexHash << ".\n\n"
         << "Every figure is the median of " << c.repetitions << " repetition(s); subject and baseline run "
         << "alternately in the same process on 127.0.0.1. Streams send " << c.streamMessages
         << " messages per run (at most " << format("%.0f", c.streamTimeLimit)
@@ -487,8 +487,10 @@ void writeJson(std::ostream& out, const Results& results) {
         << ", \"cpu\": " << jsonString(results.machine.cpuModel)
         << ", \"kernel\": " << jsonString(results.machine.kernel)
         << ", \"load_start\": " << jsonString(results.machine.loadAtStart)
-        << ", \"load_end\": " << jsonString(results.machine.loadAtEnd) << "},\n"
+        << ", \"load_end\": " << jsonString(results.machine.loadAtEnd)
+        << ", \"futex_hash\": " << jsonString(results.machine.futexHash) << "},\n"
         << "  \"config\": {\"quick\": " << (c.quick ? "true" : "false")
+        << ", \"global_futex_hash\": " << (c.globalFutexHash ? "true" : "false")
         << ", \"repetitions\": " << c.repetitions << ", \"stream_messages\": " << c.streamMessages
         << ", \"round_trips\": " << c.roundTrips << ", \"warm_up\": " << c.warmUp
         << ", \"scale_clients\": " << c.scaleClients << ", \"scale_seconds\": " << jsonNumber(c.scaleSeconds)
