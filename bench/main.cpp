@@ -12,8 +12,8 @@
 //
 // --global-futex-hash has the process's futexes served from the system-wide hash (Linux 6.17 and
 // later). Without it the system gives a process a hash of its own sized by the number of
-// processors, and with thousands of threads asleep (three per EUDP end) every wake-up walks a long
-// chain of them; the report names the hash the run had.
+// processors, and with thousands of threads asleep on futexes (two per idle EUDP end) every
+// wake-up walks a long chain of them; the report names the hash the run had.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
