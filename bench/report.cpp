@@ -151,9 +151,8 @@ void writeScaleSetUp(std::ostream& out, const ScaleResult& scale) {
         out << "\nThe EUDP ends sent " << format("%.0f", t.idleDatagramsPerSecond)
             << " datagrams/s over their spell. The floor for that exchange, " << floor.ends
             << " raw UDP sockets in pairs exchanging " << format("%.0f", floor.datagramsPerSecond)
-            << " datagrams/s (keep-alives from one thread, each answered by one thread waiting on an epoll "
-               "set "
-               "of them all), took "
+            << " datagrams/s (keep-alives from one thread, each answered by one thread waiting on an "
+               "epoll set of them all), took "
             << format("%.2f", floor.cpuPercent) << " % of one core over " << format("%.1f", floor.seconds)
             << " s: " << format("%.2f", floor.cpuPercent * 1000.0 / floor.ends) << " % per 1000 ends.\n";
     }

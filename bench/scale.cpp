@@ -144,13 +144,16 @@ void connectAll(TarnServer& server, ETransport transport, Side& side, int count)
 }
 
 // The process's CPU over an idle spell of `seconds`, in % of one core, after a short pause in
-// which the last set-up's traffic dies down.
-double idleSpell(double seconds, double& measuredSeconds) {
+// which the last set-up's traffic dies down; also the UDP datagrams a second that the system sent
+// over the spell.
+double idleSpell(double seconds, double& measuredSeconds, double& datagramsPerSecond) {
     std::this_thread::sleep_for(std::chrono::duration<double>(std::min(1.0, seconds / 2)));
     const double cpuStart = procCpuSeconds();
+    const std::uint64_t datagramsStart = udpOutDatagrams();
     const std::int64_t start = nowNs();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     measuredSeconds = (nowNs() - start) / 1e9;
+    datagramsPerSecond = static_cast<double>(udpOutDatagrams() - datagramsStart) / measuredSeconds;
     return 100.0 * (procCpuSeconds() - cpuStart) / measuredSeconds;
 }
 
@@ -192,18 +195,15 @@ void setUp(TarnServer& tcpServer, TarnServer& eudpServer, Side& tcp, Side& eudp,
     std::fprintf(stderr, "  scale: connecting %d TCP clients, then %.0f s idle\n", config.scaleClients,
                  config.scaleIdleSeconds);
     connectAll(tcpServer, eTransportTCP, tcp, config.scaleClients);
-    tcp.result.idleProcessCpuPercent = idleSpell(config.scaleIdleSeconds, tcp.result.idleSeconds);
+    tcp.result.idleProcessCpuPercent =
+        idleSpell(config.scaleIdleSeconds, tcp.result.idleSeconds, tcp.result.idleDatagramsPerSecond);
     tcp.result.idleCpuPercent = tcp.result.idleProcessCpuPercent;
 
     std::fprintf(stderr, "  scale: connecting %d EUDP clients, then %.0f s idle\n", config.scaleClients,
                  config.scaleIdleSeconds);
     connectAll(eudpServer, eTransportEUDP, eudp, config.scaleClients);
-    const std::uint64_t datagramsBefore = udpOutDatagrams();
-    eudp.result.idleProcessCpuPercent = idleSpell(config.scaleIdleSeconds, eudp.result.idleSeconds);
-    // Counted from before the pause that idleSpell takes ahead of its measurement: a rate, not a count.
-    eudp.result.idleDatagramsPerSecond =
-        static_cast<double>(udpOutDatagrams() - datagramsBefore) /
-        (eudp.result.idleSeconds + std::min(1.0, config.scaleIdleSeconds / 2));
+    eudp.result.idleProcessCpuPercent =
+        idleSpell(config.scaleIdleSeconds, eudp.result.idleSeconds, eudp.result.idleDatagramsPerSecond);
     eudp.result.idleCpuPercent = eudp.result.idleProcessCpuPercent - tcp.result.idleProcessCpuPercent;
 }
 

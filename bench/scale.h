@@ -38,7 +38,7 @@ struct ScaleTransport {
     double idleSeconds = 0;             // the idle spell after this transport's pairs came up
     double idleProcessCpuPercent = 0;   // of one core, the whole process over that spell
     double idleCpuPercent = 0;          // of one core, the share of this transport's ends
-    double idleDatagramsPerSecond = 0;  // UDP datagrams the system sent over the spell
+    double idleDatagramsPerSecond = 0;  // UDP datagrams the system sent over the spell (TCP's: none)
     std::uint64_t completed = 0;        // round trips answered during the load
     std::uint64_t lost = 0;             // calls left unanswered for a second
     std::uint64_t skipped = 0;          // ticks that found the previous call still open
