@@ -463,6 +463,7 @@ private:
     std::atomic<bool> m_bSharedUsable{false};
     std::atomic<bool> m_bSharedWatch{false};
     SharedReader m_sharedReader;
+    std::atomic<std::uint64_t> m_receiverWakeUps{0};  // the receiver thread's returns from its watch
     // Room for the datagrams that one read takes behind its first: mapped by the first read, used
     // by whoever reads, its pages touched only as far as datagrams fill them.
     static const int READ_BATCH = 32;

@@ -100,6 +100,7 @@ void EUDPTransport::receiveInTurn(sal::UdpSocket* pSocket, EUDPPacket& packet) {
     while (bOpen) {
         const bool bTimed = m_bSharedUsable.load() && !m_bSharedWatch.load() && !bCallerReads;
         const int woken = pSocket->waitReadableFor(bTimed ? QUIET_MS : -1);
+        m_receiverWakeUps.fetch_add(1, std::memory_order_relaxed);
         if (woken == 0) {
             bCallerReads = !handToSharedWatch(pSocket);
             continue;

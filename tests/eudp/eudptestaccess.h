@@ -84,6 +84,9 @@ public:
     }
     // How often the sender thread has come back from sleeping (woken or at the end of a wait).
     static std::uint64_t senderWakeUps(EUDPTransport& t) { return t.m_senderWakeUps.load(); }
+    // How often the receiver thread has come back from waiting on its socket (a report or the end
+    // of a quiet spell).
+    static std::uint64_t receiverWakeUps(EUDPTransport& t) { return t.m_receiverWakeUps.load(); }
 
     // Switches keep-alive supervision off for a wire test, so that no keep-alive takes a sequence
     // number in the middle of what the test counts: with a period of 0 nothing re-arms.

@@ -3,6 +3,7 @@
 // delivery in order), a waiting reader sleeps until a message is delivered, a run of datagrams goes
 // back to the link's receiver thread, and closing or destroying the link ends it as before.
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -131,6 +132,52 @@ TEST(EUDPSharedWatch, ARunGoesBackToTheReceiverThreadAndTheQuietLinkReturns) {
     ASSERT_TRUE(waitShared(*peer.server));
     ASSERT_TRUE(peer.sendToServer(dataDatagram(count)));
     EXPECT_EQ(message(count), readOne(*peer.server));
+}
+
+// A reader that holds the turn while the link is quiet keeps it from the shared watch; the receiver
+// thread, finding the turn held when its quiet spell ends, sleeps until its watch reports instead of
+// waking again at the end of every spell.
+TEST(EUDPSharedWatch, TheReceiverThreadSleepsWhileAReaderHoldsTheQuietLink) {
+    ServerWithRawPeer peer;
+    ASSERT_TRUE(peer.open());
+    ASSERT_TRUE(waitShared(*peer.server));
+    const int count = 20;
+    int sent = 0;
+    std::uint64_t wakeUps = 0;
+    bool bHeldOffShared = false;
+    // A run brings the link back to its receiver thread; the turn is taken before the link has been
+    // quiet long enough to go back (tried again should this thread come too late).
+    for (int attempt = 0; attempt < 5 && !bHeldOffShared; ++attempt) {
+        {
+            EUDPTransportTest::HeldTurn turn(*peer.server);
+            for (int i = 0; i < count; ++i) {
+                ASSERT_TRUE(peer.sendToServer(dataDatagram(sent++)));
+            }
+        }
+        ASSERT_TRUE(waitUntil(
+            [&] {
+                return !EUDPTransportTest::sharedWatch(*peer.server) &&
+                       EUDPTransportTest::receiveQueued(*peer.server) == static_cast<std::uint32_t>(sent);
+            },
+            5000));
+        EUDPTransportTest::HeldTurn turn(*peer.server);
+        if (EUDPTransportTest::sharedWatch(*peer.server)) {
+            continue;
+        }
+        bHeldOffShared = true;
+        const std::uint64_t before = EUDPTransportTest::receiverWakeUps(*peer.server);
+        // 1.2 s of quiet: six spells of 200 ms for a thread that woke at the end of each.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+        wakeUps = EUDPTransportTest::receiverWakeUps(*peer.server) - before;
+        EXPECT_FALSE(EUDPTransportTest::sharedWatch(*peer.server));
+    }
+    ASSERT_TRUE(bHeldOffShared);
+    EXPECT_LE(wakeUps, 2u);
+    for (int i = 0; i < sent; ++i) {
+        EXPECT_EQ(message(i), readOne(*peer.server));
+    }
+    ASSERT_TRUE(peer.sendToServer(dataDatagram(sent)));
+    EXPECT_EQ(message(sent), readOne(*peer.server));
 }
 
 TEST(EUDPSharedWatch, DisOnAQuietLinkEndsItsReceiverThread) {
