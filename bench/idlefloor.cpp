@@ -1,13 +1,11 @@
 #include "idlefloor.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "common.h"
+#include "sockets.h"
 
 namespace bench {
 
@@ -24,39 +23,24 @@ namespace {
 const char kKeepAlive = 'K';
 const char kAnswer = 'A';
 
-// A socket bound to an ephemeral port on 127.0.0.1; -1 on failure.
-int boundSocket(sockaddr_in& address) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return -1;
-    }
-    std::memset(&address, 0, sizeof(address));
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // Both ends of every pair, each connected to the other; false when the system refuses one.
 bool makePairs(int pairs, std::vector<int>& fds) {
     for (int i = 0; i < pairs; ++i) {
-        sockaddr_in a;
-        sockaddr_in b;
-        const int fa = boundSocket(a);
-        const int fb = boundSocket(b);
+        const int fa = boundUdpSocket();
+        const int fb = boundUdpSocket();
         if (fa >= 0) {
             fds.push_back(fa);
         }
         if (fb >= 0) {
             fds.push_back(fb);
         }
-        if (fa < 0 || fb < 0 || ::connect(fa, reinterpret_cast<sockaddr*>(&b), sizeof(b)) != 0 ||
-            ::connect(fb, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
+        if (fa < 0 || fb < 0) {
+            return false;
+        }
+        const sockaddr_in a = loopback(localPort(fa));
+        const sockaddr_in b = loopback(localPort(fb));
+        if (::connect(fa, reinterpret_cast<const sockaddr*>(&b), sizeof(b)) != 0 ||
+            ::connect(fb, reinterpret_cast<const sockaddr*>(&a), sizeof(a)) != 0) {
             return false;
         }
     }
@@ -91,15 +75,15 @@ void sendKeepAlives(const std::vector<int>& fds, double keepAlivesPerSecond, con
     const std::int64_t grouping = 1000000;
     for (std::int64_t k = 0; !stop.load(std::memory_order_relaxed); ++k) {
         const std::int64_t cycle = start + k * periodNs;
+        const auto dueAt = [&](std::int64_t i) { return cycle + i * periodNs / ends; };
         for (std::int64_t i = 0; i < ends && !stop.load(std::memory_order_relaxed);) {
-            const std::int64_t due = cycle + i * periodNs / ends;
-            const std::int64_t wait = due + grouping - nowNs();
+            const std::int64_t wait = dueAt(i) + grouping - nowNs();
             if (wait > 0) {
                 std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
             }
             // Everything due by now leaves in this wake-up.
             const std::int64_t now = nowNs();
-            for (; i < ends && cycle + i * periodNs / ends <= now; ++i) {
+            for (; i < ends && dueAt(i) <= now; ++i) {
                 ::send(fds[static_cast<std::size_t>(i)], &kKeepAlive, 1, MSG_NOSIGNAL);
                 sent.fetch_add(1, std::memory_order_relaxed);
             }
